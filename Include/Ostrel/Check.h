@@ -1,0 +1,45 @@
+// Failed checks: reported where they happen, with the status, the text of what should have held, the area of the
+// sources, the line and the function. Reporting never ends anything; the caller goes on with its own failure path.
+//
+// The server, the bus service and the JSON helpers report to the system log, everything else to the debug output.
+#pragma once
+
+#include <string_view>
+
+#include "Ostrel/Status.h"
+
+// The area of a source file: its directory, "Src/DHCPClient" for "Src/DHCPClient/Client.cpp".
+consteval std::string_view Ostrel_AreaOf(std::string_view file) {
+    const size_t start = file.rfind("Src/");
+    if (start != std::string_view::npos) file.remove_prefix(start);
+    const size_t slash = file.rfind('/');
+    return slash == std::string_view::npos ? file : file.substr(0, slash);
+}
+
+// Writes the report. `expression` is null for a failed status, and `status` 0 for a failed expression.
+void Ostrel_ReportFailure(Ostrel_Status status, const char* expression, std::string_view area, int line,
+                          const char* function);
+
+#define OSTREL_REPORT_STATUS(status) \
+    Ostrel_ReportFailure((status), nullptr, Ostrel_AreaOf(__FILE__), __LINE__, __func__)
+
+#define OSTREL_REPORT_EXPRESSION(text) Ostrel_ReportFailure(0, (text), Ostrel_AreaOf(__FILE__), __LINE__, __func__)
+
+// Returns `result` from the function, reporting `text`, unless the condition holds.
+#define OSTREL_REQUIRE(condition, text, result) \
+    do {                                        \
+        if (!(condition)) {                     \
+            OSTREL_REPORT_EXPRESSION(text);     \
+            return result;                      \
+        }                                       \
+    } while (false)
+
+// Returns a status other than kNoErr from the function, reporting it.
+#define OSTREL_REQUIRE_NOERR(status)                   \
+    do {                                               \
+        const Ostrel_Status requiredStatus = (status); \
+        if (requiredStatus != kNoErr) {                \
+            OSTREL_REPORT_STATUS(requiredStatus);      \
+            return requiredStatus;                     \
+        }                                              \
+    } while (false)

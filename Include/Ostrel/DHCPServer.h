@@ -1,0 +1,80 @@
+// The DHCP server of one interface: hands out the addresses of one contiguous range inside the interface's subnet.
+//
+// A client is known by the Ethernet source address of its frames. A slot is offered for kOfferTimeout seconds, then
+// active for leaseTime seconds from the offer; renewals do not move its end. Leases end when the next frame arrives.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <span>
+
+#include "Ostrel/ARPShared.h"
+#include "Ostrel/Address.h"
+#include "Ostrel/DHCPShared.h"
+#include "Ostrel/Interface.h"
+#include "Ostrel/PacketFilter.h"
+#include "Ostrel/Status.h"
+
+#include "os_memory.h"
+
+// States of a lease slot.
+constexpr uint32_t kLeaseStateFree = 1;
+constexpr uint32_t kLeaseStateReserved2 = 2;  // never set
+constexpr uint32_t kLeaseStateReserved3 = 3;  // never set
+constexpr uint32_t kLeaseStateOffered = 4;    // an OFFER was sent
+constexpr uint32_t kLeaseStateActive = 5;     // an ACK was sent
+
+constexpr uint32_t kOfferTimeout = 10;          // seconds that an unclaimed offer is held
+constexpr uint32_t kDefaultLeaseTime = 86400;   // seconds, for a configuration without one
+constexpr int32_t kMaxLeasesLimit = 1'048'576;  // slots; a larger configuration is refused
+
+// One slot: one address of the range. A free slot has no MAC, no time and no buffers, but for one whose OFFER could not
+// be sent, which keeps its MAC.
+struct Ostrel_LeaseInformation {
+    Ostrel_IPv4 IPv4Address;  // fixed when the table is built
+    uint32_t state;
+    Ostrel_MAC srcMAC;
+    uint32_t offerTime;                  // monotonic seconds when it was offered or taken over
+    os_array<uint8_t> clientIdentifier;  // option 61 of the last REQUEST, then a zero byte; null when it had none
+    uint32_t clientIdentifierLength;     // without the zero byte
+    os_array<uint8_t> hostName;          // option 12 likewise
+    uint32_t hostNameLength;
+};
+
+struct Ostrel_LeaseIndex;  // what makes lookups cheap; private to the lease table
+
+struct Ostrel_ServerObj {
+    Ostrel_InterfaceObj* iface;        // not owned
+    Ostrel_PacketFilter packetFilter;  // UDP port 67; owned
+    Ostrel_IPv4 IPv4Address;           // the server's own: server identifier of every reply
+    Ostrel_IPv4 IPv4Subnet;            // network address
+    Ostrel_IPv4 IPv4SubnetMask;
+    Ostrel_IPv4 IPv4Router;
+    std::array<Ostrel_IPv4, 3> IPv4DNSServers;  // 0: empty slot
+    uint32_t leaseTime;                         // seconds
+    uint32_t offerTimeout;                      // kOfferTimeout
+    os_array<char> domainName;                  // NUL-terminated, or null
+    uint32_t domainNameLength;                  // without the NUL
+    Ostrel_IPv4 IPv4RangeStart;
+    int32_t maxLeases;                // slots in `leases`
+    Ostrel_LeaseInformation* leases;  // owned; in address order
+    Ostrel_LeaseIndex* index;         // owned
+};
+
+// Life. Initialize stores the server in the interface's dhcpServer; on failure nothing is stored and nothing is left:
+// kBadParamErr for a configuration that breaks a rule, kOutOfMemoryErr, or the filter's status. Finalize ignores null,
+// accepts a half-built server and does not clear the interface's slot.
+[[nodiscard]] Ostrel_Status Ostrel_DHCPServerInitialize(Ostrel_InterfaceObj* iface,
+                                                        const Ostrel_InterfaceConfig* config);
+void Ostrel_DHCPServerFinalize(Ostrel_ServerObj* server);
+
+// The used slot that follows `lease` in index order, or the first one after null; null at the end.
+[[nodiscard]] Ostrel_LeaseInformation* Ostrel_DHCPServer_LeaseNextUsed(const Ostrel_ServerObj* server,
+                                                                       const Ostrel_LeaseInformation* lease);
+
+// Every ARP frame of the interface; the server has no use for them.
+void Ostrel_DHCPServerARPPacketHandler(Ostrel_ServerObj* server, const Ostrel_EthernetHeader* frame,
+                                       const Ostrel_ARPHeader* arpHeader, const Ostrel_ARPAddresses* addresses);
+
+// The receive callback of port 67.
+void Ostrel_BOOTPServerPacketFilterHandler(void* iface, const uint8_t* sourceAddress, std::span<const uint8_t> frame);

@@ -1,0 +1,205 @@
+// BOOTP/DHCP messages (RFC 951, RFC 2131, RFC 2132): layout, checks, options, frames.
+//
+// All functions work on buffers handed to them. Addresses in records are in network byte order, as on the wire.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <type_traits>
+
+#include "Ostrel/Address.h"
+#include "Ostrel/Status.h"
+
+#include "os_memory.h"
+
+struct Ostrel_InterfaceObj;
+struct Ostrel_PacketFilter;
+struct wpabuf;
+
+// Wire layouts. Multi-byte fields are in network byte order.
+struct [[gnu::packed]] Ostrel_EthernetHeader {
+    Ostrel_MAC dst;
+    Ostrel_MAC src;
+    uint16_t etherType;
+};
+static_assert(sizeof(Ostrel_EthernetHeader) == 14);
+
+struct [[gnu::packed]] Ostrel_IPv4Header {
+    uint8_t versionAndLength;  // length: low four bits, in 32-bit words
+    uint8_t typeOfService;
+    uint16_t totalLength;
+    uint16_t identification;
+    uint16_t flagsAndOffset;
+    uint8_t timeToLive;
+    uint8_t protocol;
+    uint16_t checksum;
+    Ostrel_IPv4 src;
+    Ostrel_IPv4 dst;
+};
+static_assert(sizeof(Ostrel_IPv4Header) == 20);
+
+struct [[gnu::packed]] Ostrel_UDPHeader {
+    uint16_t srcPort;
+    uint16_t dstPort;
+    uint16_t length;
+    uint16_t checksum;
+};
+static_assert(sizeof(Ostrel_UDPHeader) == 8);
+
+// The fixed part of a BOOTP message (RFC 951 section 3, RFC 2131 section 2).
+struct [[gnu::packed]] Ostrel_BOOTPMessage {
+    uint8_t op;     // kBOOTPRequest or kBOOTPReply
+    uint8_t htype;  // 1: Ethernet
+    uint8_t hlen;   // 6
+    uint8_t hops;
+    uint32_t xid;  // bytes as they stand
+    uint16_t secs;
+    uint16_t flags;      // kBOOTPFlagBroadcast, after conversion to host order
+    Ostrel_IPv4 ciaddr;  // client's current address
+    Ostrel_IPv4 yiaddr;  // address offered or assigned
+    Ostrel_IPv4 siaddr;
+    Ostrel_IPv4 giaddr;  // relay agent
+    std::array<uint8_t, 16> chaddr;
+    std::array<uint8_t, 64> sname;
+    std::array<uint8_t, 128> file;
+};
+static_assert(sizeof(Ostrel_BOOTPMessage) == 236);
+static_assert(offsetof(Ostrel_BOOTPMessage, chaddr) == 28 && offsetof(Ostrel_BOOTPMessage, sname) == 44);
+
+constexpr uint16_t kEtherTypeIPv4 = 0x0800;
+constexpr uint8_t kIPProtocolUDP = 17;
+constexpr uint16_t kBOOTPServerPort = 67;
+constexpr uint16_t kBOOTPClientPort = 68;
+constexpr uint8_t kBOOTPRequest = 1;
+constexpr uint8_t kBOOTPReply = 2;
+constexpr uint8_t kHardwareTypeEthernet = 1;
+constexpr uint16_t kBOOTPFlagBroadcast = 0x8000;
+constexpr std::array<uint8_t, 4> kOptionsCookie{99, 130, 83, 99};  // RFC 2131 section 3
+constexpr size_t kFrameHeaderSize =
+    sizeof(Ostrel_EthernetHeader) + sizeof(Ostrel_IPv4Header) + sizeof(Ostrel_UDPHeader);  // before a payload
+
+// Option codes (RFC 2132).
+constexpr uint8_t kOptionPad = 0;
+constexpr uint8_t kOptionSubnetMask = 1;
+constexpr uint8_t kOptionTimeOffset = 2;
+constexpr uint8_t kOptionRouter = 3;
+constexpr uint8_t kOptionDomainNameServer = 6;
+constexpr uint8_t kOptionHostName = 12;
+constexpr uint8_t kOptionDomainName = 15;
+constexpr uint8_t kOptionBroadcastAddress = 28;
+constexpr uint8_t kOptionRequestedAddress = 50;
+constexpr uint8_t kOptionLeaseTime = 51;
+constexpr uint8_t kOptionMessageType = 53;
+constexpr uint8_t kOptionServerIdentifier = 54;
+constexpr uint8_t kOptionParameterRequestList = 55;
+constexpr uint8_t kOptionMaximumMessageSize = 57;
+constexpr uint8_t kOptionRenewalTime = 58;
+constexpr uint8_t kOptionRebindingTime = 59;
+constexpr uint8_t kOptionClientIdentifier = 61;
+constexpr uint8_t kOptionEnd = 255;
+constexpr size_t kOptionMaxData = 255;  // bytes: what one length byte can say
+
+// Message types (option 53).
+constexpr uint8_t kDHCPDiscover = 1;
+constexpr uint8_t kDHCPOffer = 2;
+constexpr uint8_t kDHCPRequest = 3;
+constexpr uint8_t kDHCPDecline = 4;
+constexpr uint8_t kDHCPAck = 5;
+constexpr uint8_t kDHCPNak = 6;
+constexpr uint8_t kDHCPRelease = 7;
+constexpr uint8_t kDHCPInform = 8;
+
+constexpr uint32_t kInfiniteLease = 0xFFFFFFFF;  // RFC 2131 section 3.3
+
+// One received frame, dissected. Every pointer points into the frame and is valid as long as that; a header pointer is
+// null when its header does not lie within the frame.
+struct Ostrel_PreprocessedPacket {
+    const uint8_t* frame;
+    uint32_t frameLength;  // bytes as received, an Ethernet trailer included
+    const Ostrel_EthernetHeader* ethHdr;
+    const Ostrel_IPv4Header* ipHdr;
+    const Ostrel_UDPHeader* udpHdr;
+    const Ostrel_BOOTPMessage* dhcpPkt;
+    const uint8_t* cookie;   // null unless the frame passed the checks
+    const uint8_t* options;  // likewise
+    uint32_t optionsLength;  // bytes from `options` to the end of the frame; 0 likewise
+};
+
+// The options area; empty unless the frame passed the checks.
+[[nodiscard]] inline std::span<const uint8_t> Ostrel_OptionsOf(const Ostrel_PreprocessedPacket& packet) {
+    return {packet.options, packet.optionsLength};
+}
+
+// Dissects a frame from its Ethernet header. kBadSizeErr when it ends before the options cookie does, kBadFormatErr
+// when the cookie is another. Nothing else is looked at. After kNoErr every pointer of the record is set.
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketPreprocess(std::span<const uint8_t> frame,
+                                                         Ostrel_PreprocessedPacket* packet);
+
+// One step of the walk over options: hands out the whole option at the start of `buffer` (code, length byte and data;
+// pad and end are one byte) and what follows it. kEndingErr when it is the end option, kTooShortErr, with an empty
+// option, when it runs past the buffer.
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindNextOption(std::span<const uint8_t> buffer,
+                                                             std::span<const uint8_t>* option,
+                                                             std::span<const uint8_t>* next);
+
+// The first option of that code, whole. kEndingErr when the end option comes first, kTooShortErr when the list runs
+// out. The output of this and of the typed readers is left alone on failure.
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOption(std::span<const uint8_t> options, uint8_t code,
+                                                         std::span<const uint8_t>* option);
+
+// Typed readers of an option's data; kBadSizeErr when its length is not that of the type. Integers come in host order,
+// the address and the string as they are, the string inside the options area and without a NUL.
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsString(std::span<const uint8_t> options, uint8_t code,
+                                                                 std::span<const uint8_t>* data);
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsIPv4(std::span<const uint8_t> options, uint8_t code,
+                                                               Ostrel_IPv4* address);
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint32(std::span<const uint8_t> options, uint8_t code,
+                                                                 uint32_t* value);
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint16(std::span<const uint8_t> options, uint8_t code,
+                                                                 uint16_t* value);
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint8(std::span<const uint8_t> options, uint8_t code,
+                                                                uint8_t* value);
+
+// The message type: the first data byte of option 53; kBadSizeErr when it has none.
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindMessageType(std::span<const uint8_t> options, uint8_t* messageType);
+
+// A copy of the addresses in an option's data, and their number. kBadSizeErr when the data is not a multiple of four
+// bytes long; empty data is an empty array, not a failure.
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketProcessOptionAsIPv4Array(std::span<const uint8_t> data,
+                                                                       os_array<Ostrel_IPv4>* addresses,
+                                                                       uint32_t* count);
+
+// Appends an option: code, length byte, data; pad and end are the code alone. `data` is at most kOptionMaxData bytes.
+// kTooLongErr, with nothing appended, when the buffer has no room for the whole of it.
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketAppendOption(wpabuf* buffer, uint8_t code, std::span<const uint8_t> data);
+
+// The bytes of a header or a number, as they lie in memory.
+template <typename Value>
+[[nodiscard]] std::span<const uint8_t> Ostrel_BytesOf(const Value& value) {
+    static_assert(std::is_trivially_copyable_v<Value>);
+    return {reinterpret_cast<const uint8_t*>(&value), sizeof value};
+}
+
+// Names for log lines; "UNKNOWN" for anything else.
+[[nodiscard]] const char* Ostrel_DHCPMsgTypeString(uint8_t messageType);
+[[nodiscard]] const char* Ostrel_ClientStateString(int32_t state);
+
+// The Internet checksum (RFC 1071): adds `data` to a running sum of 16-bit words in network order, with end-around
+// carry; an odd last byte counts as the high half of a word.
+[[nodiscard]] uint32_t Ostrel_Checksum(std::span<const uint8_t> data, uint32_t sum);
+
+// The checksum field, in network byte order, of a running sum.
+[[nodiscard]] uint16_t Ostrel_Wrapsum(uint32_t sum);
+
+// Frames `payload` with Ethernet, IPv4 and UDP headers in the interface's txFrame and sends it through the filter's
+// socket. Ports in host order. kSendFailedErr when fewer bytes went out than the frame has; an error of the link layer
+// is not a failure here: the frame is lost as it could be lost on the wire.
+[[nodiscard]] Ostrel_Status Ostrel_SendPacket(Ostrel_InterfaceObj* iface, const Ostrel_PacketFilter* filter,
+                                              const Ostrel_MAC& destinationMAC, Ostrel_IPv4 source, uint16_t sourcePort,
+                                              Ostrel_IPv4 destination, uint16_t destinationPort,
+                                              std::span<const uint8_t> payload);
+
+// Sends what the interface's txFrame holds through the filter's socket. False only for a short send.
+[[nodiscard]] bool Ostrel_SendFrame(Ostrel_InterfaceObj* iface, const Ostrel_PacketFilter* filter);

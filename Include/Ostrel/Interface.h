@@ -1,0 +1,50 @@
+// One managed interface and the list of them.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string_view>
+
+#include "Ostrel/Address.h"
+#include "Ostrel/InterfaceConfig.h"
+#include "Ostrel/PacketFilter.h"
+#include "Ostrel/Status.h"
+
+#include "wpabuf.h"
+
+struct Ostrel_ClientObj;
+struct Ostrel_LinkLocalObj;
+struct Ostrel_ServerObj;
+struct Ostrel_SystemObj;
+
+constexpr size_t kTransmitBufferSize = 2048;  // bytes
+
+struct Ostrel_InterfaceObj {
+    Ostrel_SystemObj* sysObj;   // not owned
+    Ostrel_InterfaceObj* next;  // null at the tail
+    std::array<char, kInterfaceNameSize> ifname;
+    Ostrel_MAC macAddr;             // read each time a filter is opened on the interface
+    wpabuf* txFrame;                // every outgoing frame is assembled here; owned
+    wpabuf* txPayload;              // a BOOTP message before it is framed; owned
+    uint32_t mode;                  // role bits
+    Ostrel_PacketFilter arpFilter;  // shared by the roles
+    Ostrel_ClientObj* dhcpClient;   // the roles: owned, null when not run
+    Ostrel_ServerObj* dhcpServer;
+    Ostrel_LinkLocalObj* linkLocal;
+};
+
+// The interface of exactly this name; kNoSuchItemErr with null when the list has none.
+[[nodiscard]] Ostrel_Status Ostrel_InterfaceFindByName(std::string_view name, Ostrel_InterfaceObj* const* listHead,
+                                                       Ostrel_InterfaceObj** found);
+
+// The list without its first interface of that name, which is detached and not freed.
+[[nodiscard]] Ostrel_InterfaceObj* Ostrel_InterfaceRemoveFromList(Ostrel_InterfaceObj* list, const char* name);
+
+// Makes an interface from a configuration, starts its roles in the order client, link-local, server, appends it to the
+// system's list and cancels the inactivity timeout. On failure nothing is left behind: kAlreadyExistsErr,
+// kOutOfMemoryErr, or the status of the filter or role that could not be started.
+[[nodiscard]] Ostrel_Status Ostrel_InterfaceInitialize(Ostrel_SystemObj* sysObj, const Ostrel_InterfaceConfig* config);
+
+// Tears an interface down, half-built or whole, and frees it. With a list head it is first taken off that list, and a
+// list that is then empty arms the inactivity timeout. No role sends a frame.
+void Ostrel_InterfaceFinalize(Ostrel_InterfaceObj** listHead, Ostrel_InterfaceObj* iface);

@@ -1,0 +1,42 @@
+// A link-layer socket with its own copy of a BPF program, embedded in whoever receives through it.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <span>
+
+#include "Ostrel/Status.h"
+
+#include "l2_packet.h"
+#include "os_memory.h"
+
+struct Ostrel_InterfaceObj;
+
+struct Ostrel_PacketFilter {
+    l2_packet_data* l2;                   // owned; null when not open
+    os_array<l2_filter_instruction> bpf;  // the program's copy; null when not open
+    uint32_t bpfLength;                   // bytes in it: 8 for each instruction
+};
+
+// Called for each frame that passes the program: the interface, the source address (6 bytes), the frame.
+using Ostrel_PacketCallback = l2_packet_callback;
+
+constexpr size_t kBPFDestinationPortInstruction = 8;  // of gBPF_DHCP
+
+extern const std::array<l2_filter_instruction, 12> gBPF_ARP;  // ARP over Ethernet for IPv4
+extern std::array<l2_filter_instruction, 11> gBPF_DHCP;       // UDP to one port, which is written in before each use
+
+// Opens a socket on the interface, installs the program and reads the interface's address into `macAddr`; the line that
+// says so is written at `logLevel`. kOutOfMemoryErr when the socket cannot be opened, kBadParamErr when the kernel
+// refuses the program. After a failure the record keeps what was opened; its owner finalises it in any case.
+[[nodiscard]] Ostrel_Status Ostrel_PacketFilterInitialize(Ostrel_InterfaceObj* iface, Ostrel_PacketFilter* filter,
+                                                          std::span<const l2_filter_instruction> program,
+                                                          Ostrel_PacketCallback callback, int32_t logLevel);
+
+// Closes the socket and frees the program. Harmless on a record never opened or already finalised.
+void Ostrel_PacketFilterFinalize(Ostrel_PacketFilter* filter);
+
+// Opens a filter for UDP to `destinationPort` (host order), as Ostrel_PacketFilterInitialize does.
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFilterInitialize(Ostrel_InterfaceObj* iface, Ostrel_PacketFilter* filter,
+                                                               uint16_t destinationPort,
+                                                               Ostrel_PacketCallback callback);

@@ -1,0 +1,11 @@
+// What a request says about its caller's subscription.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+enum class SubscriptionWish : uint8_t { None, Enrol, Cancel };
+
+// Reads "subscribe" of a request: true enrols, false cancels. Any other value, or a request that is no JSON object, is
+// no wish.
+[[nodiscard]] SubscriptionWish ReadSubscriptionWish(std::string_view payload) noexcept;

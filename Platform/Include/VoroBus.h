@@ -1,0 +1,95 @@
+// The message bus: one service, its methods in categories, replies, subscriptions and posts.
+//
+// A method takes one text, the JSON request, and answers with one text, the JSON reply. A category is "/" or "/" and a
+// name. Handlers are called from the event loop. Replies and posts go out whole, in the order of the calls.
+//
+// A request that holds "subscribe": true (the boolean, nothing else) enrols its caller under category and method when
+// the handler calls VSSubscriptionProcess; each enrolled call counts, up to kVSMaxEnrolled a caller. "subscribe": false
+// ends all of the caller's under that category and method, and so does the caller's leaving the bus: the cancel
+// function then runs once for each enrolled call.
+//
+// Every fallible call returns false with `error` filled; it must have been initialised, and is emptied with
+// VSErrorFree.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+struct VSHandle;   // the registered service; owned by the platform from VSRegister to VSUnregister
+struct VSMessage;  // one call; valid only while its handler or cancel function runs
+struct _GMainLoop;
+
+constexpr size_t kVSMaxPayload = size_t{64} * 1024;  // bytes; a longer request is refused before anything parses it
+constexpr size_t kVSMaxEnrolled = 64;                // enrolled calls of one caller
+
+struct VSError {
+    int32_t code;  // 0: no error; otherwise an errno value
+    std::array<char, 192> message;
+    const char* file;  // where in the platform it was found
+    int line;
+    const char* function;
+};
+
+// A method or cancel function: handle, call, the category's (or the cancel function's) data. A method answers the call
+// itself, through VSMessageReply, and returns true; false stands for a method that did not.
+using VSMethodFunction = bool (*)(VSHandle* handle, VSMessage* message, void* context);
+
+// Tables end with a row whose name is null. `flags` is 0.
+struct VSMethod {
+    const char* name;
+    VSMethodFunction function;
+    uint32_t flags;
+};
+
+// What a category posts, for introspection: the signal of the subscriptions of method M is named "MUpdate".
+struct VSSignal {
+    const char* name;
+    uint32_t flags;
+};
+
+struct VSProperty {
+    const char* name;
+    uint32_t flags;
+};
+
+void VSErrorInit(VSError* error) noexcept;
+void VSErrorFree(VSError* error) noexcept;
+
+// Connects to the bus. The name is requested by VSGmainAttach, when the categories stand, so that the first call finds
+// them.
+[[nodiscard]] bool VSRegister(const char* serviceName, VSHandle** handle, VSError* error) noexcept;
+
+// The tables must outlive the handle; signals and properties may be null.
+[[nodiscard]] bool VSRegisterCategory(VSHandle* handle, const char* category, const VSMethod* methods,
+                                      const VSSignal* signals, const VSProperty* properties, VSError* error) noexcept;
+[[nodiscard]] bool VSCategorySetData(VSHandle* handle, const char* category, void* data, VSError* error) noexcept;
+[[nodiscard]] bool VSSubscriptionSetCancelFunction(VSHandle* handle, VSMethodFunction function, void* context,
+                                                   VSError* error) noexcept;
+
+// Attaches the connection to the event loop and takes the service name. False when the name is owned by another
+// process. From then on, losing the connection ends the event loop, and VSUnregister fails.
+[[nodiscard]] bool VSGmainAttach(VSHandle* handle, _GMainLoop* loop, VSError* error) noexcept;
+
+// The request's text, NUL-terminated, and the method's name; both live as long as the message.
+[[nodiscard]] const char* VSMessageGetPayload(VSMessage* message) noexcept;
+[[nodiscard]] const char* VSMessageGetMethod(VSMessage* message) noexcept;
+
+// Answers the call; `payload` is copied and must be UTF-8.
+[[nodiscard]] bool VSMessageReply(VSHandle* handle, VSMessage* message, const char* payload, VSError* error) noexcept;
+
+// Carries out the request's subscription wish; `subscribed` tells whether this call was enrolled.
+[[nodiscard]] bool VSSubscriptionProcess(VSHandle* handle, VSMessage* message, bool* subscribed,
+                                         VSError* error) noexcept;
+
+// Sends `payload` to each subscriber of category and method, once however often it enrolled. True without subscribers.
+[[nodiscard]] bool VSSubscriptionPost(VSHandle* handle, const char* category, const char* method, const char* payload,
+                                      VSError* error) noexcept;
+
+// True when a post under category and method would reach someone.
+[[nodiscard]] bool VSSubscriptionHasSubscribers(const VSHandle* handle, const char* category,
+                                                const char* method) noexcept;
+
+// Gives up the name, closes the connection and frees the handle, whatever the result. False when the connection was
+// already lost. A null handle is a failure.
+[[nodiscard]] bool VSUnregister(VSHandle* handle, VSError* error) noexcept;

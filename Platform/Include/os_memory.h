@@ -1,0 +1,50 @@
+// Memory for the daemon's records.
+//
+// Everything the daemon allocates by itself comes from os_zalloc: zero-filled, and null when there is none left, never
+// an exception. A platform may let an allocation fail on purpose; that is how tests reach every failure path.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <new>
+#include <type_traits>
+
+// A zero-filled block of `size` bytes, aligned for any record; null when memory is out. A size of 0 is not a failure:
+// it gives a block that may only be freed.
+[[nodiscard]] void* os_zalloc(size_t size) noexcept;
+
+// Gives a block back. Null is ignored.
+void os_free(void* memory) noexcept;
+
+struct os_deleter {
+    void operator()(void* memory) const noexcept { os_free(memory); }
+};
+
+// An owned array of plain elements from os_zalloc.
+template <typename Element>
+using os_array = std::unique_ptr<Element[], os_deleter>;
+
+// `count` zero-filled elements; null when memory is out or the size overflows. A count of 0 is not a failure.
+template <typename Element>
+[[nodiscard]] os_array<Element> os_zalloc_array(size_t count) noexcept {
+    static_assert(std::is_trivially_destructible_v<Element> && alignof(Element) <= alignof(std::max_align_t));
+    if (count > SIZE_MAX / sizeof(Element)) return nullptr;
+    return os_array<Element>(static_cast<Element*>(os_zalloc(count * sizeof(Element))));
+}
+
+// One record, every field zero; null when memory is out.
+template <typename Record>
+[[nodiscard]] Record* os_new() noexcept {
+    static_assert(std::is_nothrow_default_constructible_v<Record> && alignof(Record) <= alignof(std::max_align_t));
+    void* memory = os_zalloc(sizeof(Record));
+    return memory == nullptr ? nullptr : new (memory) Record{};
+}
+
+// Destroys a record from os_new. Null is ignored.
+template <typename Record>
+void os_delete(Record* record) noexcept {
+    if (record == nullptr) return;
+    record->~Record();
+    os_free(record);
+}

@@ -1,0 +1,29 @@
+// The simulated device's clocks: both follow the world's virtual time. Local time is UTC, so that traces are the same
+// everywhere.
+
+#include <cstring>
+#include <ctime>
+
+#include "Sim.h"
+#include "os_time.h"
+
+uint32_t os_monotonic_seconds() noexcept {
+    return sim::World::Get().MonotonicSeconds();
+}
+
+int64_t os_wall_seconds() noexcept {
+    const sim::World& world = sim::World::Get();
+    return world.wallStart + std::chrono::duration_cast<std::chrono::seconds>(world.Now()).count();
+}
+
+bool os_local_time_text(int64_t wallSeconds, std::span<char> text) noexcept {
+    if (text.empty()) return false;
+    const time_t seconds = wallSeconds;
+    tm fields{};
+    if (gmtime_r(&seconds, &fields) != nullptr &&
+        std::strftime(text.data(), text.size(), "%a %b %e %H:%M:%S %Y\n", &fields) > 0) {
+        return true;
+    }
+    text.front() = '\0';
+    return false;
+}

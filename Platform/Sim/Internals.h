@@ -1,0 +1,127 @@
+// The platform's side of the simulated world: what the implementations of Platform/Include share.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "Schedule.h"
+#include "Sim.h"
+#include "VoroBus.h"
+#include "eloop.h"
+#include "l2_packet.h"
+
+namespace sim {
+class Interface;
+}
+
+struct l2_packet_data {
+    sim::Interface* interface;  // null when the interface was removed
+    l2_packet_callback callback;
+    void* context;
+    size_t program;  // in World::State::programs, plus 1; 0: none yet
+    std::array<uint8_t, 6> address;
+    uint32_t mtu;
+};
+
+namespace sim {
+
+// Memory.cpp
+[[nodiscard]] size_t LiveBlocks();
+[[nodiscard]] size_t AllocationsUntilFailure();
+void SetAllocationsUntilFailure(size_t count);
+
+// Log.cpp: debug output as before any DebugInitialize, its lines sent to the current world.
+void ResetLog();
+
+// An interface of the device.
+class Interface : public Station {
+public:
+    Interface(std::string interfaceName, const MAC& address, Segment& wire, uint32_t mtuBytes)
+        : name(std::move(interfaceName)), mac(address), segment(wire), mtu(mtuBytes) {}
+    void Receive(std::span<const uint8_t> frame) override;
+    [[nodiscard]] bool IsBehind(const MAC& destination) const override;
+    // As l2_packet_send.
+    int Send(std::span<const uint8_t> frame);
+    void Close(const l2_packet_data* socket);
+
+    const std::string name;
+    const MAC mac;
+    Segment& segment;
+    const uint32_t mtu;
+    bool up = true;
+    SendFault fault = SendFault::None;
+    uint32_t faultySends = 0;              // sends that still fail
+    std::vector<l2_packet_data*> sockets;  // in the order of opening; null: closed during a delivery
+
+private:
+    void Deliver(std::span<const uint8_t> frame);
+    uint32_t deliveries = 0;  // under way
+};
+
+// A timeout or alarm; alarms have a name.
+struct TimeoutIdentity {
+    eloop_timeout_handler handler;
+    void* context1;
+    void* context2;
+    std::string alarmName;
+    bool operator==(const TimeoutIdentity&) const = default;
+};
+
+struct TimeoutIdentityHash {
+    size_t operator()(const TimeoutIdentity& identity) const noexcept;
+};
+
+using TimeoutTable = std::unordered_multimap<TimeoutIdentity, uint64_t, TimeoutIdentityHash>;  // number in the schedule
+
+struct EventLoop {
+    bool exists = false;
+    bool terminated = false;
+    void* loopContext = nullptr;
+    eloop_signal_handler signalHandler = nullptr;
+    void* signalContext = nullptr;
+    std::vector<int> pendingSignals;  // raised before there was a handler
+    TimeoutTable timeouts;
+};
+
+struct TracedFrame {
+    Duration time;
+    std::shared_ptr<const Frame> frame;
+};
+
+}  // namespace sim
+
+struct sim::World::State {
+    uint64_t seed = 0;
+    Duration now{0};
+    Schedule schedule;
+    EventLoop loop;
+
+    std::vector<std::unique_ptr<Segment>> segments;
+    std::vector<std::unique_ptr<Interface>> interfaces;
+    std::vector<std::unique_ptr<Interface>> removedInterfaces;
+    std::vector<std::vector<l2_filter_instruction>> programs;  // each program that was ever installed, once
+    size_t openSockets = 0;
+
+    // What the programs said of the frame that a segment is delivering right now, so that each runs once a frame.
+    const Frame* frameOnWire = nullptr;
+    std::vector<int64_t> verdicts;  // by program; -1: not run yet
+
+    std::shared_ptr<VSHandle> bus;  // shared only so that its record may stay private to Bus.cpp
+
+    size_t blocksBefore = 0;  // live when the world began
+    std::deque<TracedFrame> recentFrames;
+    uint64_t traceHash = 0xCBF29CE484222325;  // FNV-1a
+    std::string trace;
+
+    [[nodiscard]] Interface* FindInterface(std::string_view ifname) const;
+    void TraceFrame(const std::shared_ptr<const Frame>& frame, bool inWords);
+    void TraceText(std::string_view what, std::string_view text, bool inWords);
+};

@@ -1,0 +1,173 @@
+// A device and its network inside one process: what a test holds in its hands while the daemon's code runs unchanged on
+// the other side of Platform/Include.
+//
+// There is one World at a time. Time is virtual: it moves only in RunFor, from event to event, so days pass in
+// milliseconds. Events at the same moment happen in the order in which they were made. Everything random comes from the
+// world's seed, and the C library's generator is put back to its unseeded state: one seed, one trace.
+//
+// Not thread-safe; nothing here is meant for production.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <random>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace sim {
+
+using MAC = std::array<uint8_t, 6>;
+using Frame = std::vector<uint8_t>;
+using Duration = std::chrono::microseconds;
+
+// What the wire does to each copy of a frame on its way to one station; probabilities in 1/1000.
+struct Faults {
+    uint32_t loss = 0;
+    uint32_t duplication = 0;  // a second copy is delivered
+    uint32_t delay = 0;        // this copy is late by up to `maximumDelay`, so frames may overtake each other
+    Duration maximumDelay{0};
+};
+
+class Segment;
+
+// Something attached to a segment: an interface of the daemon, or a scripted peer.
+class Station {
+public:
+    virtual ~Station() = default;
+    // Each frame that another station sent, as delivered; `frame` is valid during the call.
+    virtual void Receive(std::span<const uint8_t> frame) = 0;
+    // Whether a switch would forward a frame for this address to it.
+    [[nodiscard]] virtual bool IsBehind(const MAC& /*destination*/) const { return true; }
+};
+
+// A frame as it went onto the wire, whatever became of it.
+struct SentFrame {
+    Duration time;  // virtual time since the world began
+    const Station* sender;
+    Frame bytes;
+};
+
+// One Ethernet broadcast domain. Every frame reaches every other station after `latency`, as on a hub: peers and the
+// daemon's programs decide what concerns them. A `switched` segment spares an interface the frames for other addresses.
+class Segment {
+public:
+    void Attach(Station& station);
+    void Detach(Station& station);  // frames on their way to it are lost
+    void Send(const Station& sender, std::span<const uint8_t> frame);
+
+    Faults faults;
+    bool switched = false;
+    Duration latency{10};
+    std::function<bool(const Station& sender, const Station& receiver, std::span<const uint8_t> frame)>
+        drop;                     // true: lost
+    std::vector<SentFrame> sent;  // the wire's memory, for a test to look at
+    size_t sentLimit = 65536;     // of it at least the last so many frames are kept; 0: none
+
+private:
+    void Remember(const Station& sender, const Frame& frame);
+    void Deliver(const std::shared_ptr<const Frame>& frame, std::span<Station* const> receivers);
+
+    std::vector<Station*> stations;
+    uint64_t detachments = 0;
+};
+
+enum class SendFault : uint8_t { None, Short, Error };
+
+struct LogLine {
+    Duration time;
+    bool systemLog;  // QxLog rather than debug output
+    int32_t level;
+    std::string text;
+};
+
+struct Post {
+    Duration time;
+    std::string subscriber;
+    std::string category;
+    std::string method;
+    std::string payload;
+};
+
+class World {
+public:
+    explicit World(uint64_t seed = 1);
+    ~World();  // a failure when a timeout, a socket or an allocation of the daemon is left
+    World(const World&) = delete;
+    World& operator=(const World&) = delete;
+    static World& Get();      // there must be one
+    static World* Current();  // or null
+
+    // What a test must fail for, with the seed and the moment. Unset: the text goes to standard error, and abort().
+    static inline std::function<void(const std::string&)> onFailure;
+    void Fail(const std::string& what) const;
+
+    // Time. RunFor handles every event up to and including that moment; false when the loop was terminated meanwhile.
+    [[nodiscard]] Duration Now() const;
+    bool RunFor(Duration duration);
+    void At(Duration delay, std::function<void()> action);  // a scripted event
+    [[nodiscard]] uint32_t MonotonicSeconds() const;        // what the daemon's clock says now
+    int64_t wallStart = 1'780'000'000;                      // wall clock at the beginning
+    uint32_t monotonicStart = 1000;                         // monotonic clock at the beginning
+    [[nodiscard]] bool Terminated() const;                  // RunFor then does nothing until the loop is made anew
+    void Raise(int signal);                                 // SIGTERM or SIGINT, delivered through the loop
+
+    // Network.
+    Segment& AddSegment();
+    Station& AddInterface(const std::string& ifname, const MAC& mac, Segment& segment, uint32_t mtu = 1500);
+    void RemoveInterface(const std::string& ifname);   // open sockets on it stay, dead
+    void SetLink(const std::string& ifname, bool up);  // while down sends fail and nothing is received
+    void FailSends(const std::string& ifname, SendFault fault, uint32_t count);  // the next `count` sends of any socket
+    bool rawSocketsAllowed = true;
+    std::function<void(std::span<const uint8_t> frame)> onSend;  // each frame that an interface puts on its wire
+
+    // Memory: the n-th os_zalloc from now fails (1: the next); 0: none. Live: blocks not yet given back.
+    void FailAllocation(size_t nth);
+    [[nodiscard]] bool AllocationFailurePending() const;  // the one asked for has not come yet
+    [[nodiscard]] size_t LiveAllocations() const;
+    [[nodiscard]] size_t PendingTimeouts() const;  // timeouts and alarms
+    [[nodiscard]] size_t OpenSockets() const;
+
+    // Bus. Call runs the method at once and returns its reply; without one, "" and a failure. A request that the bus
+    // itself refuses for its size gives "" and the error's name in `callError`, which is empty otherwise.
+    std::string Call(std::string_view category, std::string_view method, std::string_view payload,
+                     std::string_view caller = ":1.1");
+    void LeaveBus(std::string_view caller);  // its subscriptions are cancelled
+    void LoseBus();                          // the connection breaks
+    std::string callError;
+    std::vector<Post> posts;
+    bool nameTaken = false;  // registration fails
+    bool failPosts = false;
+    bool failReplies = false;
+
+    // Output of the daemon, filtered by its own levels.
+    bool keepLog = true;
+    std::vector<LogLine> log;
+    [[nodiscard]] bool Logged(std::string_view part) const;
+
+    // What happened: frames, posts and calls with their times. The hash is always kept; the words, one event a line,
+    // only while `tracing`. Both are equal for equal seeds.
+    bool tracing = false;
+    [[nodiscard]] uint64_t TraceHash() const;
+    [[nodiscard]] const std::string& Trace() const;
+    // Seed, virtual time and the last frames in words: what a failing test prints.
+    [[nodiscard]] std::string Describe() const;
+
+    std::mt19937_64 random;
+
+    struct State;  // the platform's side
+    [[nodiscard]] State& Internals() { return *state; }
+
+private:
+    std::unique_ptr<State> state;
+};
+
+// A frame in words, for traces: "DHCPDISCOVER xid 01020304 0.0.0.0 -> 255.255.255.255 …", "ARP request …".
+std::string DescribeFrame(std::span<const uint8_t> frame);
+
+}  // namespace sim

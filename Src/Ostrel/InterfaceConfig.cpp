@@ -1,0 +1,19 @@
+// The words by which a request, and the configuration dump, name a role and an addressing mode.
+//
+// The tables are read in both directions. An addressing mode of 0, not given, has no row: a request cannot ask for it
+// by name and a dump does not show it.
+
+#include "Ostrel/InterfaceConfig.h"
+
+const OstrelJsonUtilsUint32StringTableEntry gTblOpMode[] = {
+    {kOstrelModeDHCPClient, "client"},
+    {kOstrelModeDHCPServer, "server"},
+    {0, nullptr},
+};
+
+const OstrelJsonUtilsUint32StringTableEntry gTblConfigMode[] = {
+    {kOstrelConfigStatic, "static"},
+    {kOstrelConfigDHCP, "dhcp"},
+    {kOstrelConfigDHCPManualAddress, "dhcpManualAddress"},
+    {0, nullptr},
+};

@@ -1,0 +1,68 @@
+// Timeouts of the roles on the event loop, each registration, reset and cancellation with its line in the log.
+#include "Ostrel/Timeout.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "Ostrel/Interface.h"
+#include "Ostrel/Log.h"
+
+namespace {
+
+const char* NameOf(const char* name) {
+    return name == nullptr ? "" : name;
+}
+const char* KindOf(bool rtc) {
+    return rtc ? "RTC" : "";
+}
+
+void Register(Ostrel_InterfaceObj* iface, void* role, int32_t seconds, int32_t milliseconds,
+              eloop_timeout_handler handler, const char* name, bool rtc) {
+    const auto wholeSeconds = static_cast<uint32_t>(std::max(seconds, 0));
+    const auto rest = static_cast<uint32_t>(std::max(milliseconds, 0));
+    if (rtc) {
+        eloop_register_timeout_rtc(wholeSeconds, rest, NameOf(name), handler, role, iface);
+    } else {
+        eloop_register_timeout(wholeSeconds, rest, handler, role, iface);
+    }
+}
+
+int Cancel(Ostrel_InterfaceObj* iface, void* role, eloop_timeout_handler handler, const char* name, bool rtc) {
+    if (rtc) return eloop_cancel_timeout_rtc(NameOf(name), handler, role, iface);
+    return eloop_cancel_timeout(handler, role, iface);
+}
+
+}  // namespace
+
+void Ostrel_SetTimeout(Ostrel_InterfaceObj* iface, void* role, int32_t seconds, int32_t milliseconds,
+                       eloop_timeout_handler handler, const char* name, bool rtc) {
+    Register(iface, role, seconds, milliseconds, handler, name, rtc);
+    DebugPrintF(kDebugLevelTrace, "[%s] Register <%s> %s timeout for %d secs, %d msecs.\n", iface->ifname.data(),
+                NameOf(name), KindOf(rtc), seconds, milliseconds);
+}
+
+void Ostrel_ResetTimeout(Ostrel_InterfaceObj* iface, void* role, int32_t seconds, int32_t milliseconds,
+                         eloop_timeout_handler handler, const char* name, bool rtc) {
+    const bool removed = Cancel(iface, role, handler, name, rtc) != 0;
+    Register(iface, role, seconds, milliseconds, handler, name, rtc);
+    DebugPrintF(kDebugLevelTrace, "[%s] Reset <%s> %s timeout for %d secs, %d msecs; was %s removed.\n",
+                iface->ifname.data(), NameOf(name), KindOf(rtc), seconds, milliseconds, removed ? "" : "NOT");
+}
+
+void Ostrel_CancelTimeout(Ostrel_InterfaceObj* iface, void* role, eloop_timeout_handler handler, const char* name,
+                          bool rtc) {
+    Cancel(iface, role, handler, name, rtc);
+    DebugPrintF(kDebugLevelTrace, "[%s] Cancel <%s> %s timeout.\n", iface->ifname.data(), NameOf(name), KindOf(rtc));
+}
+
+void Ostrel_RandomizeTimeout(uint32_t minimum, uint32_t maximum, uint32_t* result) {
+    if (maximum > minimum) {
+        const auto first = static_cast<uint32_t>(std::rand());
+        const auto second = static_cast<uint32_t>(std::rand());
+        *result = first * second % (maximum - minimum) + minimum;
+    } else {
+        *result = minimum;
+    }
+    DebugPrintF(kDebugLevelTrace, "Randomized min (%d msecs) and max (%d msecs) to %d msecs\n", minimum, maximum,
+                *result);
+}

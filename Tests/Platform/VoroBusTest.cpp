@@ -1,0 +1,298 @@
+// The service on a real bus daemon: calls, subscriptions, and what happens when callers or the daemon leave.
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <glib.h>
+#include <gtest/gtest.h>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include "VoroBus.h"
+#include "eloop.h"
+
+namespace {
+
+// As the system bus's own configuration has it, with the daemon's policy after it.
+constexpr char kSystemPolicy[] =
+    R"(<policy context="default"><allow user="*"/><deny own="*"/><deny send_type="method_call"/>
+       <allow send_type="signal"/><allow send_requested_reply="true" send_type="method_return"/>
+       <allow send_requested_reply="true" send_type="error"/><allow receive_type="method_call"/>
+       <allow receive_type="method_return"/><allow receive_type="error"/><allow receive_type="signal"/>
+       <allow send_destination="org.freedesktop.DBus"/></policy><include>)" OSTREL_DATA_DIR
+    R"(/org.ostrel.dhcp.conf</include>)";
+
+// A bus daemon with that policy; ends with the object. Everything in this process that opens the system bus gets it.
+class PrivateBus {
+public:
+    PrivateBus() {
+        std::filesystem::create_directory(directory);
+        std::filesystem::permissions(directory, std::filesystem::perms(0755));
+        std::ofstream(configuration) << "<busconfig><listen>" << address << "</listen><auth>EXTERNAL</auth>"
+                                     << kSystemPolicy << "</busconfig>";
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
+        const std::string options = " --nofork --nopidfile --nosyslog --print-pid --config-file=" + configuration;
+        // NOLINTNEXTLINE(cert-env33-c): the command is this file's own
+        daemon = popen(("exec setpriv --pdeathsig KILL dbus-daemon" + options).c_str(), "r");
+        char line[16] = "";
+        if (fgets(line, sizeof line, daemon) != nullptr) pid = std::stoi(line);  // written when it listens
+    }
+    ~PrivateBus() {
+        Kill();
+        std::filesystem::remove_all(directory);
+    }
+    bool Listens() const { return pid > 0; }
+    void Hang() const { kill(pid, SIGSTOP); }
+    void Kill() {
+        if (pid > 0) kill(std::exchange(pid, -1), SIGKILL);
+        if (daemon != nullptr) pclose(std::exchange(daemon, nullptr));
+    }
+
+private:
+    const std::string directory = std::filesystem::temp_directory_path() / ("ostrel-bus-" + std::to_string(getpid()));
+    const std::string configuration = directory + "/bus.conf";
+    const std::string address = "unix:path=" + directory + "/bus";
+    FILE* daemon = nullptr;
+    pid_t pid = -1;
+};
+
+using Answer = std::optional<std::string>;  // the reply's text or the error's name
+
+// Somebody else on the bus, driven from the same thread as the service.
+class Caller {
+public:
+    Caller() {
+        sd_bus_open_system(&bus);
+        sd_bus_add_filter(bus, nullptr, OnMessage, this);
+        RunUntil([&] { return sd_bus_is_ready(bus) != 0; });
+    }
+    ~Caller() { Leave(); }
+
+    // Everything sent has reached the bus daemon by then.
+    void Leave() { bus = sd_bus_flush_close_unref(bus); }
+
+    void Send(const std::string& category, const char* method, const std::string& request, Answer* answer) {
+        const std::string interface = "org.ostrel.dhcp" + (category == "/" ? "" : "." + category.substr(1));
+        sd_bus_call_method_async(bus, nullptr, "org.ostrel.dhcp", category.c_str(), interface.c_str(), method, OnAnswer,
+                                 answer, "s", request.c_str());
+    }
+
+    // Runs service and caller until the answer is there. Updates posted before it have arrived then.
+    std::string Call(const char* category, const char* method, const std::string& request) {
+        Answer answer;
+        Send(category, method, request, &answer);
+        RunUntil([&] { return answer.has_value(); });
+        return answer.value_or("no answer");
+    }
+
+    bool RunUntil(const std::function<bool()>& done) {
+        const gint64 deadline = g_get_monotonic_time() + gint64{20} * G_USEC_PER_SEC;
+        while (!done()) {
+            if (g_get_monotonic_time() > deadline) return false;
+            const bool served = g_main_context_iteration(nullptr, FALSE) != FALSE;
+            if (sd_bus_process(bus, nullptr) <= 0 && !served) sd_bus_wait(bus, 500);
+        }
+        return true;
+    }
+
+    std::vector<std::string> updates;  // "/path interface text"
+
+private:
+    static int OnAnswer(sd_bus_message* reply, void* context, sd_bus_error*) {
+        const sd_bus_error* const error = sd_bus_message_get_error(reply);
+        const char* text = error != nullptr ? error->name : "no text";
+        if (error == nullptr) sd_bus_message_read_basic(reply, SD_BUS_TYPE_STRING, &text);
+        *static_cast<Answer*>(context) = text;
+        return 0;
+    }
+
+    static int OnMessage(sd_bus_message* message, void* context, sd_bus_error*) {
+        const char* text = "no text";
+        if (sd_bus_message_is_signal(message, nullptr, "leaseInformationUpdate") <= 0) return 0;
+        sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, &text);
+        static_cast<Caller*>(context)->updates.push_back(sd_bus_message_get_path(message) + std::string(" ") +
+                                                         sd_bus_message_get_interface(message) + " " + text);
+        return 0;
+    }
+
+    sd_bus* bus = nullptr;
+};
+
+constexpr char kSubscribe[] = R"({"subscribe":true})";
+constexpr char kUnsubscribe[] = R"({"subscribe":false})";
+
+constexpr size_t kMebibyte = size_t{1} << 20;
+
+VSError error;
+
+bool Echo(VSHandle* handle, VSMessage* message, void*) {
+    EXPECT_TRUE(VSMessageReply(handle, message, VSMessageGetPayload(message), &error));
+    EXPECT_FALSE(VSMessageReply(handle, message, "a second answer", &error));
+    return true;
+}
+
+bool Throwing(VSHandle*, VSMessage*, void*) {
+    throw std::runtime_error("a method");
+}
+
+bool LeaseInformation(VSHandle* handle, VSMessage* message, void*) {
+    bool subscribed = true;
+    EXPECT_TRUE(VSSubscriptionProcess(handle, message, &subscribed, &error));
+    return VSMessageReply(handle, message, subscribed ? "subscribed" : "not subscribed", &error);
+}
+
+bool CountCancelled(VSHandle*, VSMessage* message, void* context) {
+    EXPECT_STREQ(VSMessageGetMethod(message), "leaseInformation");
+    ++*static_cast<size_t*>(context);
+    return true;
+}
+
+constexpr VSMethod kRootMethods[] = {
+    {"echo", Echo, 0}, {"silent", [](VSHandle*, VSMessage*, void*) { return true; }, 0}, {"throwing", Throwing, 0}, {}};
+constexpr VSMethod kLeaseMethods[] = {{"leaseInformation", LeaseInformation, 0}, {}};
+constexpr VSSignal kLeaseSignals[] = {{"leaseInformationUpdate", 0}, {}};
+
+class VoroBusTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(bus.Listens());
+        ASSERT_EQ(eloop_init(nullptr), 0);
+        handle = Register();
+        ASSERT_TRUE(VSGmainAttach(handle, eloop_get_gnome_loop(), &error)) << error.message.data();
+    }
+
+    void TearDown() override {
+        EXPECT_TRUE(handle == nullptr || VSUnregister(handle, &error)) << error.message.data();
+        eloop_destroy();
+    }
+
+    VSHandle* Register() {
+        VSErrorInit(&error);
+        VSHandle* made = nullptr;
+        EXPECT_TRUE(VSRegister("org.ostrel.dhcp", &made, &error)) << error.message.data();
+        EXPECT_TRUE(VSRegisterCategory(made, "/", kRootMethods, nullptr, nullptr, &error)) << error.message.data();
+        for (const char* category : {"/client", "/server"})
+            EXPECT_TRUE(VSRegisterCategory(made, category, kLeaseMethods, kLeaseSignals, nullptr, &error)) << category;
+        EXPECT_TRUE(VSSubscriptionSetCancelFunction(made, CountCancelled, &cancelled, &error));
+        return made;
+    }
+
+    bool Post(const char* category, const std::string& text) {
+        return VSSubscriptionPost(handle, category, "leaseInformation", text.c_str(), &error);
+    }
+    bool HasSubscribers(const char* category) const {
+        return VSSubscriptionHasSubscribers(handle, category, "leaseInformation");
+    }
+    static bool Subscribes(Caller& caller, const char* category, const char* wish = kSubscribe) {
+        return caller.Call(category, "leaseInformation", wish) == "subscribed";
+    }
+
+    PrivateBus bus;
+    VSHandle* handle = nullptr;
+    size_t cancelled = 0;
+};
+
+TEST_F(VoroBusTest, EveryCallGetsOneAnswerInTheOrderOfTheCalls) {
+    Caller caller;
+    const std::string full(kVSMaxPayload, 'x');
+    const struct {
+        const char* method;
+        std::string request, answer;
+    } cases[] = {{"echo", "", ""},
+                 {"echo", full, full},
+                 {"echo", full + "x", "org.freedesktop.DBus.Error.LimitsExceeded"},
+                 {"silent", "{}", "org.freedesktop.DBus.Error.Failed"},
+                 {"throwing", "{}", "org.freedesktop.DBus.Error.Failed"}};
+    for (const auto& c : cases) EXPECT_EQ(caller.Call("/", c.method, c.request), c.answer) << c.method;
+
+    std::vector<Answer> answers(100);  // the bus daemon allows 128 at a time
+    for (size_t i = 0; i < answers.size(); ++i) caller.Send("/", "echo", std::to_string(i), &answers[i]);
+    for (size_t i = 0; i < answers.size(); ++i) {
+        ASSERT_TRUE(caller.RunUntil([&] { return answers[i].has_value(); }));
+        ASSERT_EQ(answers[i], std::to_string(i));
+    }
+}
+
+TEST_F(VoroBusTest, SubscribersHearPostsOnceUntilTheyCancel) {
+    Caller one, other;
+    EXPECT_TRUE(Post("/client", "nobody listens"));
+    for (const char* noWish : {"", "{}", "[true]", R"({"subscribe":"true"})", R"({"subscribe":1})"})
+        EXPECT_FALSE(Subscribes(one, "/client", noWish)) << noWish;
+    EXPECT_FALSE(HasSubscribers("/client"));
+
+    EXPECT_TRUE(Subscribes(one, "/client") && Subscribes(one, "/client") && Subscribes(other, "/server"));
+    EXPECT_TRUE(Post("/client", "first") && Post("/client", "second"));
+    EXPECT_FALSE(Post("/client", std::string(33 * kMebibyte, '.'))) << "the bus would end the connection";
+    EXPECT_EQ(error.code, EMSGSIZE);
+    EXPECT_FALSE(Subscribes(one, "/server", kUnsubscribe));
+    EXPECT_EQ(cancelled, 0u);
+    EXPECT_FALSE(Subscribes(one, "/client", kUnsubscribe));
+    EXPECT_EQ(cancelled, 2u);
+    EXPECT_TRUE(Post("/client", "third") && Post("/server", "fourth"));
+    one.Call("/", "echo", "");
+    other.Call("/", "echo", "");
+    const std::string client = "/client org.ostrel.dhcp.client ", server = "/server org.ostrel.dhcp.server ";
+    EXPECT_EQ(one.updates, (std::vector{client + "first", client + "second"}));
+    EXPECT_EQ(other.updates, std::vector{server + "fourth"});
+}
+
+TEST_F(VoroBusTest, ACallerEnrolsOnlySoOftenAndIsForgottenWhenItLeaves) {
+    Caller stays, hasty;
+    {
+        Caller greedy;
+        for (size_t i = 0; i < kVSMaxEnrolled; ++i) ASSERT_TRUE(Subscribes(greedy, i % 2 ? "/client" : "/server")) << i;
+        EXPECT_FALSE(Subscribes(greedy, "/client"));
+        EXPECT_TRUE(Subscribes(stays, "/client"));
+        EXPECT_FALSE(Subscribes(greedy, "/client", kUnsubscribe));
+        EXPECT_EQ(cancelled, kVSMaxEnrolled / 2);
+        EXPECT_TRUE(Subscribes(greedy, "/client"));
+    }
+    EXPECT_TRUE(stays.RunUntil([&] { return cancelled == kVSMaxEnrolled + 1; })) << cancelled;
+    EXPECT_FALSE(HasSubscribers("/server"));
+
+    Answer never;
+    hasty.Send("/client", "leaseInformation", kSubscribe, &never);
+    hasty.Leave();  // before its call is even read
+    EXPECT_TRUE(stays.RunUntil([&] { return cancelled == kVSMaxEnrolled + 2; })) << cancelled;
+
+    EXPECT_TRUE(Post("/client", "news"));
+    stays.Call("/", "echo", "");
+    EXPECT_EQ(stays.updates.size(), 1u);
+    EXPECT_EQ(cancelled, kVSMaxEnrolled + 2);
+}
+
+TEST_F(VoroBusTest, ABusDaemonThatHangsHoldsNobody) {
+    Caller caller;
+    EXPECT_TRUE(Subscribes(caller, "/client"));
+    bus.Hang();
+    const std::string table(kMebibyte, '.');
+    size_t posts = 0;
+    while (posts < 1000 && Post("/client", table)) ++posts;
+    EXPECT_EQ(error.code, ENOBUFS);
+    EXPECT_GT(posts, 4u);
+    EXPECT_LT(posts, 64u);
+    EXPECT_TRUE(VSUnregister(handle, &error)) << error.message.data();
+    handle = Register();
+    EXPECT_FALSE(VSGmainAttach(handle, eloop_get_gnome_loop(), &error));
+    EXPECT_EQ(error.code, ETIMEDOUT);
+    bus.Kill();  // or the caller would wait for it
+    EXPECT_FALSE(VSUnregister(handle, &error));
+    handle = nullptr;
+}
+
+TEST_F(VoroBusTest, OnlyRootOwnsTheNameAndCalls) {
+    for (const std::string call : {"org.ostrel.dhcp / org.ostrel.dhcp echo s x",
+                                   "org.freedesktop.DBus / org.freedesktop.DBus RequestName su org.ostrel.dhcp 0"}) {
+        const std::string refused = "setpriv --reuid=65534 --regid=65534 --clear-groups busctl call " + call +
+                                    " 2>&1 | grep -q 'Access denied'";
+        EXPECT_EQ(std::system(refused.c_str()), 0) << call;  // NOLINT(cert-env33-c): the commands are this file's own
+    }
+}
+
+}  // namespace
