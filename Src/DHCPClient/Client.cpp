@@ -1,0 +1,138 @@
+// The client object: made from a configuration, started and stopped by lease actions, finalised with its interface.
+//
+// A dhcp client is born idle, in INIT-REBOOT, and sends nothing before a lease action. A static client never talks
+// DHCP: its lease is the configuration, published once at birth and again at each lease action.
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+
+#include "Ostrel/Check.h"
+#include "Ostrel/DHCPClient.h"
+#include "Ostrel/Log.h"
+#include "Ostrel/Timeout.h"
+
+#include "DHCPClient/Timeouts.h"
+
+namespace {
+
+constexpr uint16_t kMaxMessageSize = 1500;  // bytes
+constexpr uint32_t kInitDelayMin = 0;       // seconds
+constexpr uint32_t kInitDelayMax = 1;
+constexpr uint32_t kSelectingTime = 3;
+
+// Types of a client identifier (RFC 2132 section 9.14): 0 is text, otherwise a hardware type.
+constexpr uint8_t kIdentifierTypeText = 0;
+constexpr uint8_t kIdentifierTypeEthernet = kHardwareTypeEthernet;
+
+constexpr std::array<uint8_t, 6> kRequestedOptions{kOptionSubnetMask, kOptionBroadcastAddress, kOptionTimeOffset,
+                                                   kOptionRouter,     kOptionDomainNameServer, kOptionDomainName};
+
+struct FinaliseClient {
+    void operator()(Ostrel_ClientObj* client) const { Ostrel_DHCPClientFinalize(client); }
+};
+using HalfBuiltClient = std::unique_ptr<Ostrel_ClientObj, FinaliseClient>;
+
+Ostrel_Status Ostrel_BOOTPClientPacketFilterInitialize(Ostrel_ClientObj* client) {
+    return Ostrel_BOOTPPacketFilterInitialize(client->iface, &client->packetFilter, kBOOTPClientPort,
+                                              Ostrel_BOOTPClientPacketFilterHandler);
+}
+
+// DNS servers count up to the first empty slot.
+int32_t CountLeading(std::span<const Ostrel_IPv4> addresses) {
+    return static_cast<int32_t>(std::find(addresses.begin(), addresses.end(), kAnyIPv4) - addresses.begin());
+}
+
+// The configuration becomes the lease. Routers, DNS servers and domain name that memory has no room for are left out.
+void FillStaticLease(Ostrel_ClientObj* client, const Ostrel_InterfaceConfig* config) {
+    Ostrel_ClientLease& lease = client->lease;
+    lease.IPv4SubnetMask = config->IPv4SubnetMask;
+
+    lease.IPv4Routers = os_zalloc_array<Ostrel_IPv4>(1);
+    if (lease.IPv4Routers != nullptr) {
+        lease.IPv4Routers[0] = config->IPv4Router;
+        lease.numIPv4Routers = 1;
+    } else {
+        OSTREL_REPORT_EXPRESSION("client->lease.IPv4Routers");
+    }
+
+    const std::span<const Ostrel_IPv4> servers = config->IPv4DNSServers;
+    lease.IPv4DNSServers = os_zalloc_array<Ostrel_IPv4>(servers.size());
+    if (lease.IPv4DNSServers != nullptr) {
+        std::copy(servers.begin(), servers.end(), lease.IPv4DNSServers.get());
+        lease.numIPv4DNSServers = CountLeading(servers);
+    } else {
+        OSTREL_REPORT_EXPRESSION("client->lease.IPv4DNSServers");
+    }
+
+    if (config->domainName == nullptr) return;
+    const size_t length = std::strlen(config->domainName);
+    lease.domainName = os_zalloc_array<char>(length + 1);
+    if (lease.domainName == nullptr) return;
+    std::copy_n(config->domainName, length, lease.domainName.get());
+    lease.domainNameLen = static_cast<uint32_t>(length);
+}
+
+Ostrel_Status SetupIdentifierFrom(Ostrel_ClientObj* client, const Ostrel_InterfaceConfig* config) {
+    if (config->clientIdentifier == nullptr) {
+        return Ostrel_DHCPSetupClientIdentifier(client, kIdentifierTypeEthernet, client->iface->macAddr);
+    }
+    const auto* text = reinterpret_cast<const uint8_t*>(config->clientIdentifier);
+    return Ostrel_DHCPSetupClientIdentifier(client, kIdentifierTypeText, {text, std::strlen(config->clientIdentifier)});
+}
+
+}  // namespace
+
+Ostrel_Status Ostrel_DHCPClientInitialize(Ostrel_InterfaceObj* iface, const Ostrel_InterfaceConfig* config) {
+    HalfBuiltClient client(os_new<Ostrel_ClientObj>());
+    OSTREL_REQUIRE(client != nullptr, "client", kOutOfMemoryErr);
+    client->iface = iface;
+    OSTREL_REQUIRE_NOERR(Ostrel_BOOTPClientPacketFilterInitialize(client.get()));
+
+    client->maxMessageSize = kMaxMessageSize;
+    client->initDelayMin = kInitDelayMin;
+    client->initDelayMax = kInitDelayMax;
+    client->selectingTime = kSelectingTime;
+    client->configMode = config->configMode;
+    const bool isStatic = (client->configMode & kOstrelConfigStatic) != 0;
+    const bool manualAddress = (client->configMode & kOstrelConfigDHCPManualAddress) != 0;
+    if (isStatic || manualAddress) client->lease.IPv4Address = config->IPv4Address;
+    if (isStatic) FillStaticLease(client.get(), config);
+
+    OSTREL_REQUIRE_NOERR(SetupIdentifierFrom(client.get(), config));
+    for (const uint8_t code : kRequestedOptions) {
+        OSTREL_REQUIRE_NOERR(Ostrel_DHCPAddRequestedOption(client.get(), code));
+    }
+
+    iface->dhcpClient = client.release();
+    if (isStatic) {
+        Ostrel_DHCPClientArm(iface->dhcpClient, kClientTimeoutArping, 0);
+    } else {
+        Ostrel_DHCPClientStateTransition_InitReboot(iface->dhcpClient);
+    }
+    return kNoErr;
+}
+
+void Ostrel_DHCPClientFinalize(Ostrel_ClientObj* client) {
+    if (client == nullptr) return;
+    Ostrel_PacketFilterFinalize(&client->packetFilter);
+    Ostrel_DHCPClientCancelAllTimeouts(client);
+    Ostrel_DHCPClientFreeLeaseInfo(client);
+    Ostrel_DHCPClientFreeLeaseOffers(client);
+    os_delete(client);
+}
+
+Ostrel_Status Ostrel_DHCPClientLeaseAction(Ostrel_InterfaceObj* iface, const char* action) {
+    OSTREL_REQUIRE(iface->dhcpClient != nullptr, "iface->dhcpClient", kGenericErr);
+    const std::string_view word = action;
+    if (word == "init" || word == "renew" || word == "rebind") {
+        Ostrel_DHCPClientStateTransition_Init(iface->dhcpClient);
+        return kNoErr;
+    }
+    if (word == "halt") {
+        Ostrel_DHCPClientStateTransition_InitReboot(iface->dhcpClient);
+        return kNoErr;
+    }
+    DebugPrintF(kDebugLevelInfo, "[%s] DHCP Client unknown action request <%s>.\n", iface->ifname.data(), action);
+    return kBadParamErr;
+}

@@ -1,0 +1,181 @@
+// The server's life: its configuration is checked, taken over, and printed to the system log; then the lease table is
+// built. What fails leaves nothing behind.
+//
+// The rules of the check keep the range, and the address after it, in the router's subnet, and the server out of the
+// range. They do not say that the server's own address is in that subnet too, or the router out of the range: such
+// configurations are taken, with a warning.
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <endian.h>
+#include <memory>
+
+#include "Ostrel/Check.h"
+#include "Ostrel/DHCPServer.h"
+#include "Ostrel/InterfaceConfig.h"
+#include "Ostrel/Log.h"
+
+#include "DHCPServer/LeaseTable.h"
+
+namespace {
+
+struct ServerDeleter {
+    void operator()(Ostrel_ServerObj* server) const { Ostrel_DHCPServerFinalize(server); }
+};
+using OwnedServer = std::unique_ptr<Ostrel_ServerObj, ServerDeleter>;
+
+struct LabelledAddress {
+    const char* label;
+    Ostrel_IPv4 address;
+};
+
+// What the check derives from a configuration.
+struct Derived {
+    Ostrel_IPv4 rangeEnd;  // the last address
+    Ostrel_IPv4 network;
+    Ostrel_IPv4 broadcast;
+    Ostrel_IPv4 routerBase;
+    Ostrel_IPv4 rangeStartBase;
+    Ostrel_IPv4 rangeEndBase;  // of the address after the last
+};
+
+Ostrel_IPv4 AddressAfter(Ostrel_IPv4 address, uint32_t count) {
+    return htobe32(be32toh(address) + count);
+}
+
+Derived Derive(const Ostrel_InterfaceConfig* config) {
+    const Ostrel_IPv4 mask = config->IPv4SubnetMask;
+    const auto leases = static_cast<uint32_t>(config->maxLeases);
+    return {.rangeEnd = AddressAfter(config->IPv4RangeStart, leases - 1),
+            .network = config->IPv4Address & mask,
+            .broadcast = config->IPv4Address | ~mask,
+            .routerBase = config->IPv4Router & mask,
+            .rangeStartBase = config->IPv4RangeStart & mask,
+            .rangeEndBase = AddressAfter(config->IPv4RangeStart, leases) & mask};
+}
+
+void LogAddresses(std::span<const LabelledAddress> lines) {
+    for (const LabelledAddress& line : lines) Ostrel_LogPrint(kQxLogDebug, "%s %.4a\n", line.label, &line.address);
+}
+
+void LogDerived(const Ostrel_InterfaceConfig* config, const Derived& derived) {
+    LogAddresses(std::array<LabelledAddress, 8>{{
+        {"     inConfig ip address   ", config->IPv4Address},
+        {"     inConfig range start  ", config->IPv4RangeStart},
+        {"     inConfig range end    ", derived.rangeEnd},
+        {"     network   address     ", derived.network},
+        {"     broadcast address     ", derived.broadcast},
+        {"     router base address   ", derived.routerBase},
+        {"     dhcp range start base ", derived.rangeStartBase},
+        {"     dhcp range end base   ", derived.rangeEndBase},
+    }});
+}
+
+bool IsInRange(const Ostrel_InterfaceConfig* config, const Derived& derived, Ostrel_IPv4 address) {
+    return be32toh(address) >= be32toh(config->IPv4RangeStart) && be32toh(address) <= be32toh(derived.rangeEnd);
+}
+
+bool AddressesAreUsable(const Ostrel_InterfaceConfig* config, const Derived& derived) {
+    return derived.routerBase == derived.rangeStartBase && derived.routerBase == derived.rangeEndBase &&
+           config->IPv4Address != derived.network && config->IPv4Address != derived.broadcast &&
+           config->IPv4Router != derived.network && config->IPv4Router != derived.broadcast && config->maxLeases > 0 &&
+           !IsInRange(config, derived, config->IPv4Address);
+}
+
+bool SizesAreUsable(const Ostrel_InterfaceConfig* config) {
+    const bool nameFits = config->domainName == nullptr || std::strlen(config->domainName) <= kOptionMaxData;
+    return config->maxLeases <= kMaxLeasesLimit && config->leaseTime >= 0 && nameFits;
+}
+
+void WarnOfMisfits(const Ostrel_InterfaceConfig* config, const Derived& derived) {
+    if (derived.network != derived.rangeStartBase) {
+        DebugPrintF(kDebugLevelWarning,
+                    "[%s] DHCP Server address %.4a is outside the range's subnet; every REQUEST will be refused.\n",
+                    config->ifname.data(), &config->IPv4Address);
+    }
+    if (IsInRange(config, derived, config->IPv4Router)) {
+        DebugPrintF(kDebugLevelWarning,
+                    "[%s] DHCP Server router %.4a is inside the range; its address will be leased to a client.\n",
+                    config->ifname.data(), &config->IPv4Router);
+    }
+}
+
+Ostrel_Status CheckConfig(const Ostrel_InterfaceConfig* config) {
+    const Derived derived = Derive(config);
+    LogDerived(config, derived);
+    if (!AddressesAreUsable(config, derived) || !SizesAreUsable(config)) return kBadParamErr;
+    WarnOfMisfits(config, derived);
+    return kNoErr;
+}
+
+Ostrel_Status CopyDomainName(Ostrel_ServerObj* server, const char* name) {
+    if (name == nullptr) return kNoErr;
+    const size_t length = std::strlen(name);
+    server->domainName = os_zalloc_array<char>(length + 1);
+    OSTREL_REQUIRE(server->domainName != nullptr, "server->domainName", kOutOfMemoryErr);
+    std::copy_n(name, length, server->domainName.get());
+    server->domainNameLength = static_cast<uint32_t>(length);
+    return kNoErr;
+}
+
+void LogServer(const Ostrel_ServerObj* server) {
+    Ostrel_LogPrint(kQxLogDebug, "DHCP Server Config <%s>.\n", server->iface->ifname.data());
+    LogAddresses(std::array<LabelledAddress, 8>{{
+        {"     IPv4 Address          ", server->IPv4Address},
+        {"     IPv4 Subnet Mask      ", server->IPv4SubnetMask},
+        {"     IPv4 Subnet           ", server->IPv4Subnet},
+        {"     IPv4 Router           ", server->IPv4Router},
+        {"     DNS Server 1          ", server->IPv4DNSServers[0]},
+        {"     DNS Server 2          ", server->IPv4DNSServers[1]},
+        {"     DNS Server 3          ", server->IPv4DNSServers[2]},
+        {"     IPv4 Start Range      ", server->IPv4RangeStart},
+    }});
+    Ostrel_LogPrint(kQxLogDebug, "     Lease Time            %d\n", server->leaseTime);
+    const char* name = server->domainName == nullptr ? "NULL" : server->domainName.get();
+    Ostrel_LogPrint(kQxLogDebug, "     Domain Name           <%s>\n", name);
+    Ostrel_LogPrint(kQxLogDebug, "     Max Leases            %d\n", server->maxLeases);
+}
+
+Ostrel_Status TakeOver(Ostrel_ServerObj* server, const Ostrel_InterfaceConfig* config) {
+    server->IPv4Address = config->IPv4Address;
+    server->IPv4SubnetMask = config->IPv4SubnetMask;
+    server->IPv4Subnet = config->IPv4Address & config->IPv4SubnetMask;
+    server->IPv4Router = config->IPv4Router;
+    server->leaseTime = config->leaseTime == 0 ? kDefaultLeaseTime : static_cast<uint32_t>(config->leaseTime);
+    server->IPv4DNSServers = config->IPv4DNSServers;
+    const Ostrel_Status status = CopyDomainName(server, config->domainName);
+    if (status != kNoErr) return status;
+    server->IPv4RangeStart = config->IPv4RangeStart;
+    server->maxLeases = config->maxLeases;
+    server->offerTimeout = kOfferTimeout;
+    LogServer(server);
+    return kNoErr;
+}
+
+Ostrel_Status Ostrel_BOOTPServerPacketFilterInitialize(Ostrel_ServerObj* server) {
+    OSTREL_REQUIRE_NOERR(Ostrel_BOOTPPacketFilterInitialize(server->iface, &server->packetFilter, kBOOTPServerPort,
+                                                            Ostrel_BOOTPServerPacketFilterHandler));
+    return kNoErr;
+}
+
+}  // namespace
+
+Ostrel_Status Ostrel_DHCPServerInitialize(Ostrel_InterfaceObj* iface, const Ostrel_InterfaceConfig* config) {
+    OSTREL_REQUIRE_NOERR(CheckConfig(config));
+    OwnedServer server(os_new<Ostrel_ServerObj>());
+    OSTREL_REQUIRE(server != nullptr, "server", kOutOfMemoryErr);
+    server->iface = iface;
+    OSTREL_REQUIRE_NOERR(Ostrel_BOOTPServerPacketFilterInitialize(server.get()));
+    const Ostrel_Status status = TakeOver(server.get(), config);
+    if (status != kNoErr) return status;
+    OSTREL_REQUIRE_NOERR(Ostrel_DHCPServer_LeasesInitialize(server.get()));
+    iface->dhcpServer = server.release();
+    return kNoErr;
+}
+
+void Ostrel_DHCPServerFinalize(Ostrel_ServerObj* server) {
+    if (server == nullptr) return;
+    Ostrel_DHCPServer_LeasesFinalize(server);
+    Ostrel_PacketFilterFinalize(&server->packetFilter);
+    os_delete(server);
+}

@@ -1,0 +1,90 @@
+// A BOOTP message becomes an Ethernet frame on the wire.
+//
+// The headers are written here because the kernel cannot: a client has no address yet, and a server answers hosts that
+// have none. The frame is built in the interface's txFrame; the next frame of the interface overwrites it.
+#include <endian.h>
+
+#include "Ostrel/Check.h"
+#include "Ostrel/DHCPShared.h"
+#include "Ostrel/Interface.h"
+#include "Ostrel/Log.h"
+#include "Ostrel/PacketFilter.h"
+
+#include "wpabuf.h"
+
+namespace {
+
+constexpr uint8_t kVersion4FiveWords = 0x45;
+constexpr uint8_t kTimeToLive = 128;
+
+Ostrel_IPv4Header IPHeader(Ostrel_IPv4 source, Ostrel_IPv4 destination, size_t payloadLength) {
+    Ostrel_IPv4Header header{};
+    header.versionAndLength = kVersion4FiveWords;
+    header.totalLength =
+        htobe16(static_cast<uint16_t>(sizeof(Ostrel_IPv4Header) + sizeof(Ostrel_UDPHeader) + payloadLength));
+    header.timeToLive = kTimeToLive;
+    header.protocol = kIPProtocolUDP;
+    header.src = source;
+    header.dst = destination;
+    header.checksum = Ostrel_Wrapsum(Ostrel_Checksum(Ostrel_BytesOf(header), 0));
+    return header;
+}
+
+// The checksum covers a pseudo-header of addresses, protocol and length as well (RFC 768).
+Ostrel_UDPHeader UDPHeader(const Ostrel_IPv4Header& ip, uint16_t sourcePort, uint16_t destinationPort,
+                           std::span<const uint8_t> payload) {
+    const auto length = static_cast<uint16_t>(sizeof(Ostrel_UDPHeader) + payload.size());
+    Ostrel_UDPHeader header{};
+    header.srcPort = htobe16(sourcePort);
+    header.dstPort = htobe16(destinationPort);
+    header.length = htobe16(length);
+
+    constexpr size_t kAddresses = sizeof ip.src + sizeof ip.dst;
+    uint32_t sum = static_cast<uint32_t>(kIPProtocolUDP) + length;
+    sum = Ostrel_Checksum(Ostrel_BytesOf(ip).last(kAddresses), sum);
+    sum = Ostrel_Checksum(payload, sum);
+    sum = Ostrel_Checksum(Ostrel_BytesOf(header), sum);
+    header.checksum = Ostrel_Wrapsum(sum);
+    return header;
+}
+
+}  // namespace
+
+uint32_t Ostrel_Checksum(std::span<const uint8_t> data, uint32_t sum) {
+    const auto add = [&sum](uint32_t word) {
+        sum += word;
+        if (sum >= 0x10000) sum -= 0xFFFF;
+    };
+    const size_t whole = data.size() & ~size_t{1};
+    for (size_t i = 0; i < whole; i += 2) add(static_cast<uint32_t>(data[i]) << 8 | data[i + 1]);
+    if (whole != data.size()) add(static_cast<uint32_t>(data[whole]) << 8);
+    return sum;
+}
+
+uint16_t Ostrel_Wrapsum(uint32_t sum) {
+    return htobe16(static_cast<uint16_t>(~sum & 0xFFFFU));
+}
+
+bool Ostrel_SendFrame(Ostrel_InterfaceObj* iface, const Ostrel_PacketFilter* filter) {
+    const int sent = l2_packet_send(filter->l2, nullptr, 0, wpabuf_bytes(iface->txFrame));
+    return sent < 0 || static_cast<size_t>(sent) >= wpabuf_len(iface->txFrame);
+}
+
+Ostrel_Status Ostrel_SendPacket(Ostrel_InterfaceObj* iface, const Ostrel_PacketFilter* filter,
+                                const Ostrel_MAC& destinationMAC, Ostrel_IPv4 source, uint16_t sourcePort,
+                                Ostrel_IPv4 destination, uint16_t destinationPort, std::span<const uint8_t> payload) {
+    const Ostrel_EthernetHeader ethernet{destinationMAC, iface->macAddr, htobe16(kEtherTypeIPv4)};
+    const Ostrel_IPv4Header ip = IPHeader(source, destination, payload.size());
+    const Ostrel_UDPHeader udp = UDPHeader(ip, sourcePort, destinationPort, payload);
+
+    wpabuf_reset(iface->txFrame);
+    const bool built = wpabuf_put_data(iface->txFrame, Ostrel_BytesOf(ethernet)) &&
+                       wpabuf_put_data(iface->txFrame, Ostrel_BytesOf(ip)) &&
+                       wpabuf_put_data(iface->txFrame, Ostrel_BytesOf(udp)) && wpabuf_put_data(iface->txFrame, payload);
+    OSTREL_REQUIRE(built, "wpabuf_put_data", kSendFailedErr);
+
+    DebugPrintF(kDebugLevelVerbose, "Sending DHCP Packet\n");
+    DebugHexDump(kDebugLevelVerbose, wpabuf_bytes(iface->txFrame));
+    OSTREL_REQUIRE(Ostrel_SendFrame(iface, filter), "( err >= wpabuf_len( iface->txFrame ) )", kSendFailedErr);
+    return kNoErr;
+}

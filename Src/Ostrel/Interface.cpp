@@ -1,0 +1,115 @@
+// Interfaces: the list of them, bringing one up from a configuration, taking it down.
+//
+// The interface owns its buffers, its ARP socket and its roles. While it is being brought up it is on no list; whatever
+// goes wrong, the one tear-down releases the half-built object. The inactivity timeout follows the list: cancelled by
+// every interface that joins it, armed again when the last one is taken off.
+#include "Ostrel/Interface.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+#include "Ostrel/ARPShared.h"
+#include "Ostrel/Check.h"
+#include "Ostrel/DHCPClient.h"
+#include "Ostrel/DHCPServer.h"
+#include "Ostrel/LinkLocal.h"
+#include "Ostrel/Log.h"
+#include "Ostrel/System.h"
+
+#include "eloop.h"
+#include "os_memory.h"
+
+namespace {
+
+struct FinaliseUnlisted {
+    void operator()(Ostrel_InterfaceObj* iface) const { Ostrel_InterfaceFinalize(nullptr, iface); }
+};
+using HalfBuiltInterface = std::unique_ptr<Ostrel_InterfaceObj, FinaliseUnlisted>;
+
+}  // namespace
+
+Ostrel_Status Ostrel_InterfaceFindByName(std::string_view name, Ostrel_InterfaceObj* const* listHead,
+                                         Ostrel_InterfaceObj** found) {
+    *found = nullptr;
+    for (Ostrel_InterfaceObj* iface = *listHead; iface != nullptr; iface = iface->next) {
+        DebugPrintF(kDebugLevelChatty, "Find interface <%s>; compare to <%s>\n", name, iface->ifname.data());
+        if (name != iface->ifname.data()) continue;
+        *found = iface;
+        return kNoErr;
+    }
+    return kNoSuchItemErr;
+}
+
+Ostrel_InterfaceObj* Ostrel_InterfaceRemoveFromList(Ostrel_InterfaceObj* list, const char* name) {
+    for (Ostrel_InterfaceObj** link = &list;; link = &(*link)->next) {
+        Ostrel_InterfaceObj* const iface = *link;
+        DebugPrintF(kDebugLevelChatty, "### Remove Interface From List element <%p>; looking for <%s>\n", iface, name);
+        if (iface == nullptr) return list;
+        if (std::strcmp(iface->ifname.data(), name) != 0) continue;
+        *link = iface->next;
+        iface->next = nullptr;
+        return list;
+    }
+}
+
+Ostrel_Status Ostrel_InterfaceInitialize(Ostrel_SystemObj* sysObj, const Ostrel_InterfaceConfig* config) {
+    DebugPrintF(kDebugLevelNotice, "%s: ifinit for %s\n", __func__, config->ifname.data());
+    std::array<char, kInterfaceNameSize> ifname{};
+    std::copy_n(config->ifname.begin(), kInterfaceNameSize - 1, ifname.begin());
+
+    Ostrel_InterfaceObj** tail = &sysObj->interfaceList;
+    for (; *tail != nullptr; tail = &(*tail)->next) {
+        OSTREL_REQUIRE(std::strcmp((*tail)->ifname.data(), ifname.data()) != 0,
+                       "( strcmp( ifaceRef->ifname, ifname ) != 0 )", kAlreadyExistsErr);
+    }
+
+    HalfBuiltInterface iface(os_new<Ostrel_InterfaceObj>());
+    OSTREL_REQUIRE(iface != nullptr, "ifaceRef", kOutOfMemoryErr);
+    iface->sysObj = sysObj;
+    iface->ifname = ifname;
+    iface->txFrame = wpabuf_alloc(kTransmitBufferSize);
+    OSTREL_REQUIRE(iface->txFrame != nullptr, "ifaceRef->txFrame", kOutOfMemoryErr);
+    iface->txPayload = wpabuf_alloc(kTransmitBufferSize);
+    OSTREL_REQUIRE(iface->txPayload != nullptr, "ifaceRef->txPayload", kOutOfMemoryErr);
+    iface->mode = config->mode;
+
+    OSTREL_REQUIRE_NOERR(Ostrel_ARPPacketFilterInitialize(iface.get(), &iface->arpFilter));
+    if ((iface->mode & kOstrelModeDHCPClient) != 0) {
+        OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientInitialize(iface.get(), config));
+    }
+    if ((iface->mode & kOstrelModeLinkLocal) != 0) {
+        OSTREL_REQUIRE_NOERR(Ostrel_LinkLocalInitialize(iface.get()));
+    }
+    if ((iface->mode & kOstrelModeDHCPServer) != 0) {
+        OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerInitialize(iface.get(), config));
+    }
+
+    DebugPrintF(kDebugLevelNotice, "Adding %p to the interface list, for interface %s <%.6a>\n", iface.get(),
+                iface->ifname.data(), iface->macAddr);
+    *tail = iface.release();
+    eloop_cancel_timeout(Ostrel_InactivityTimeout, nullptr, nullptr);
+    DebugPrintF(kDebugLevelNotice, "%s() Cancel Inactivity Timer\n", __func__);
+    return kNoErr;
+}
+
+void Ostrel_InterfaceFinalize(Ostrel_InterfaceObj** listHead, Ostrel_InterfaceObj* iface) {
+    const char* ifname = iface->ifname.data();
+    DebugPrintF(kDebugLevelNotice, "Remove %p from the interface list, for interface %s\n", iface, ifname);
+    if (listHead != nullptr) {
+        DebugPrintF(kDebugLevelChatty, "### Must Remove Interface From List <%s>; current head <%p>\n", ifname,
+                    *listHead);
+        *listHead = Ostrel_InterfaceRemoveFromList(*listHead, ifname);
+        DebugPrintF(kDebugLevelChatty, "### After Remove Interface From List <%s>; new head <%p>\n", ifname, *listHead);
+    }
+
+    wpabuf_free(iface->txFrame);
+    wpabuf_free(iface->txPayload);
+    Ostrel_DHCPServerFinalize(iface->dhcpServer);
+    Ostrel_LinkLocalFinalize(iface->linkLocal);
+    Ostrel_DHCPClientFinalize(iface->dhcpClient);
+    Ostrel_PacketFilterFinalize(&iface->arpFilter);
+    os_delete(iface);
+
+    if (listHead != nullptr && *listHead == nullptr) Ostrel_SetInactivityTimeout(__func__);
+}

@@ -1,0 +1,99 @@
+// Methods that act on what is managed already: "/" "interfaceFinalize", "/" "setDebugLevel", "/client" "leaseAction",
+// and what happens when a subscription ends.
+//
+// Each handler reads its request with a function of its own that returns a status, and answers with that. Only
+// "interfaceFinalize" gives an error code and text with a failure; the other two give the bare outcome.
+
+#include "Ostrel/Check.h"
+#include "Ostrel/DHCPClient.h"
+#include "Ostrel/Interface.h"
+#include "Ostrel/LinkLocal.h"
+#include "Ostrel/Log.h"
+#include "Ostrel/OstrelVoroBus.h"
+#include "Ostrel/System.h"
+
+#include "Method.h"
+
+using valdo::JValue;
+
+namespace {
+
+// A word as it is compared with others. One with a zero byte inside is none of them, and must not be cut down to one.
+const char* WordOf(const std::string& text) {
+    return text.find('\0') == std::string::npos ? text.c_str() : "";
+}
+
+Ostrel_Status FinalizeInterface(const JValue& request, Ostrel_SystemObj* sysObj) {
+    Ostrel_InterfaceObj* iface = nullptr;
+    OSTREL_REQUIRE_NOERR(Ostrel_VSUtil_ResolveInterfaceObj(sysObj, request, &iface));
+    Ostrel_InterfaceFinalize(&sysObj->interfaceList, iface);
+    return kNoErr;
+}
+
+Ostrel_Status SetDebugLevel(const JValue& request) {
+    std::string level;
+    const bool success = GetJsonString(request, "debugLevel", &level, false, nullptr);
+    OSTREL_REQUIRE(success, "success", kGenericErr);
+    Ostrel_SetDebugLevel(WordOf(level));
+    return kNoErr;
+}
+
+// The client is asked first; when it refuses the word the selector is not asked. A server has no lease to act on.
+Ostrel_Status ActOnLease(const JValue& request, Ostrel_SystemObj* sysObj) {
+    Ostrel_InterfaceObj* iface = nullptr;
+    OSTREL_REQUIRE_NOERR(Ostrel_VSUtil_ResolveInterfaceObj(sysObj, request, &iface));
+    std::string action;
+    const bool success = GetJsonString(request, "leaseAction", &action, false, nullptr);
+    OSTREL_REQUIRE(success, "success", kGenericErr);
+
+    if ((iface->mode & kOstrelModeDHCPClient) != 0) {
+        OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientLeaseAction(iface, WordOf(action)));
+    }
+    if ((iface->mode & kOstrelModeLinkLocal) != 0) {
+        OSTREL_REQUIRE_NOERR(Ostrel_LinkLocalAction(iface, WordOf(action)));
+    }
+    return kNoErr;
+}
+
+}  // namespace
+
+bool Ostrel_VoroMethod_InterfaceFinalize(VSHandle* handle, VSMessage* message, void* context) {
+    auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
+    JValue request;
+    Ostrel_Status status = Ostrel_VSUtil_ReadRequest(__func__, message, context, &request);
+    if (status == kNoErr) status = FinalizeInterface(request, sysObj);
+    Ostrel_VSUtil_SendStatusReply(sysObj, handle, message, status);
+    return true;
+}
+
+bool Ostrel_VoroMethod_SetDebugLevel(VSHandle* handle, VSMessage* message, void* context) {
+    JValue request;
+    Ostrel_Status status = Ostrel_VSUtil_ReadRequest(__func__, message, context, &request);
+    if (status == kNoErr) status = SetDebugLevel(request);
+    Ostrel_VSUtil_SendPlainReply(static_cast<Ostrel_SystemObj*>(context), handle, message, status);
+    return true;
+}
+
+bool Ostrel_VoroMethod_ClientLeaseAction(VSHandle* handle, VSMessage* message, void* context) {
+    auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
+    JValue request;
+    Ostrel_Status status = Ostrel_VSUtil_ReadRequest(__func__, message, context, &request);
+    if (status == kNoErr) status = ActOnLease(request, sysObj);
+    Ostrel_VSUtil_SendPlainReply(sysObj, handle, message, status);
+    return true;
+}
+
+bool Ostrel_VoroMethod_Unsubscribe(VSHandle* /*handle*/, VSMessage* message, void* /*context*/) {
+    const char* method = VSMessageGetMethod(message);
+    Ostrel_LogPrint(kQxLogDebug, "%s: %s\n", __func__, method);
+    int32_t index = 0;
+    const Ostrel_Status status = OstrelJsonUtilsLookupTableIndexByString(gTblSubscribers, method, &index);
+    if (status != kNoErr) {
+        OSTREL_REPORT_STATUS(status);
+        return true;
+    }
+    uint32_t& count = gTblSubscribers[index].value;
+    if (count > 0) --count;
+    Ostrel_LogPrint(kQxLogInfo, "%s now has %d subscribers (removed one).\n", method, count);
+    return true;
+}

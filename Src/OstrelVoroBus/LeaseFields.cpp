@@ -1,0 +1,69 @@
+// Fields that the lease objects and the configuration dump share.
+//
+// Lease times are kept on the monotonic clock. They are turned into wall-clock time when they are shown, so they follow
+// every change of the system clock made since: what is shown is always "so many seconds before now". The difference of
+// two monotonic times is unsigned; from there on all is 64 bits wide, since a lease may last 136 years.
+//
+// Host names and identifiers are what a client cared to send, any bytes at all; serialising mends what is not UTF-8.
+
+#include "LeaseFields.h"
+
+#include <algorithm>
+#include <array>
+
+#include "Ostrel/DHCPClient.h"
+#include "Ostrel/OstrelVoroBus.h"
+
+#include "os_time.h"
+
+using valdo::JValue;
+
+namespace {
+
+void PutTime(JValue& object, const char* key, int64_t wallSeconds) {
+    std::array<char, 256> text{};
+    os_local_time_text(wallSeconds, text);
+    Ostrel_ReplaceNewlineInTimeString(text);
+    object.put(key, text.data());
+}
+
+std::span<const Ostrel_IPv4> AddressesOf(const os_array<Ostrel_IPv4>& addresses, int32_t count) {
+    return {addresses.get(), static_cast<size_t>(std::max(count, 0))};
+}
+
+}  // namespace
+
+void Ostrel_ReplaceNewlineInTimeString(std::span<char> text) {
+    const auto newline = std::find(text.begin(), text.end(), '\n');
+    if (newline != text.end()) *newline = '\0';
+}
+
+void Ostrel_VSUtil_PutNetwork(JValue& object, const Ostrel_ClientLease& lease) {
+    OstrelJsonUtilsIPv4ArrayPut(object, "ipv4Router", AddressesOf(lease.IPv4Routers, lease.numIPv4Routers));
+    OstrelJsonUtilsIPv4ArrayPut(object, "dnsServers", AddressesOf(lease.IPv4DNSServers, lease.numIPv4DNSServers));
+    if (lease.domainNameLen != 0) object.put("domainName", lease.domainName.get());
+}
+
+void Ostrel_VSUtil_PutLeaseTimes(JValue& object, uint32_t began, uint32_t leaseTime) {
+    const uint32_t age = os_monotonic_seconds() - began;
+    const int64_t start = os_wall_seconds() - int64_t{age};
+    PutTime(object, "leaseTimeString", start);
+    PutTime(object, "leaseExpiryString", start + int64_t{leaseTime});
+    object.put("leaseTime", leaseTime);
+}
+
+std::string_view Ostrel_VSUtil_TextOf(std::span<const uint8_t> bytes) {
+    const auto length = std::find(bytes.begin(), bytes.end(), uint8_t{0}) - bytes.begin();
+    return {reinterpret_cast<const char*>(bytes.data()), static_cast<size_t>(length)};
+}
+
+std::string_view Ostrel_VSUtil_IdentifierText(std::span<const uint8_t> identifier) {
+    return identifier.empty() ? std::string_view{} : Ostrel_VSUtil_TextOf(identifier.subspan(1));
+}
+
+std::optional<Ostrel_MAC> Ostrel_VSUtil_IdentifierAddress(std::span<const uint8_t> identifier) {
+    Ostrel_MAC address;
+    if (identifier.size() <= address.size() || identifier[0] != kIdentifierTypeEthernet) return std::nullopt;
+    std::copy_n(identifier.begin() + 1, address.size(), address.begin());
+    return address;
+}

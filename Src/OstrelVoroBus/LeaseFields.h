@@ -1,0 +1,32 @@
+// Fields that the lease objects and the configuration dump share.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string_view>
+
+#include "Ostrel/Address.h"
+
+#include "valdo.h"
+
+struct Ostrel_ClientLease;
+
+// The first byte of a client identifier that is an Ethernet address (RFC 2132 section 9.14: a hardware type).
+constexpr uint8_t kIdentifierTypeEthernet = 1;
+
+// "ipv4Router", "dnsServers" and "domainName" of a client's lease, each when the lease has it.
+void Ostrel_VSUtil_PutNetwork(valdo::JValue& object, const Ostrel_ClientLease& lease);
+
+// "leaseTimeString", "leaseExpiryString" and "leaseTime" of a lease that began at `began`, in seconds of the monotonic
+// clock, and runs for `leaseTime` seconds. The strings are local time.
+void Ostrel_VSUtil_PutLeaseTimes(valdo::JValue& object, uint32_t began, uint32_t leaseTime);
+
+// Bytes from the network as text: what comes before the first zero byte.
+[[nodiscard]] std::string_view Ostrel_VSUtil_TextOf(std::span<const uint8_t> bytes);
+
+// A client identifier, type byte included, as the text after its type byte.
+[[nodiscard]] std::string_view Ostrel_VSUtil_IdentifierText(std::span<const uint8_t> identifier);
+
+// The Ethernet address that a client identifier is; none when it is of another type or too short for one.
+[[nodiscard]] std::optional<Ostrel_MAC> Ostrel_VSUtil_IdentifierAddress(std::span<const uint8_t> identifier);

@@ -1,0 +1,89 @@
+// What the bus methods have in common.
+//
+// A handler is called with the system object as its context and answers its call exactly once, whatever the request
+// holds. The way in, logging the call and parsing its payload, is here, and so are the ways out: a bare outcome, a list
+// of interfaces, and the post by which the two lease tables reach their subscribers.
+
+#include "Method.h"
+
+#include <utility>
+
+#include "Ostrel/Check.h"
+#include "Ostrel/Log.h"
+#include "Ostrel/OstrelVoroBus.h"
+#include "Ostrel/System.h"
+
+using valdo::JValue;
+
+namespace {
+
+constexpr char kLeaseMethod[] = "leaseInformation";
+
+// A failed check that is reported under the name of the function it was made for.
+Ostrel_Status Reject(const char* function, const char* expression, int line) {
+    Ostrel_ReportFailure(0, expression, Ostrel_AreaOf(__FILE__), line, function);
+    return kGenericErr;
+}
+
+}  // namespace
+
+Ostrel_Status Ostrel_VSUtil_BusFailure(const char* function, int line, VSError* error) {
+    const Ostrel_Status status = Reject(function, "success", line);
+    OstrelVSErrorPrintAndFree(error);
+    return status;
+}
+
+Ostrel_Status Ostrel_VSUtil_ReadRequest(const char* handler, VSMessage* message, const void* context, JValue* request) {
+    const char* payload = VSMessageGetPayload(message);
+    Ostrel_LogPrint(kQxLogDebug, "%s: %s\n", handler, payload);
+    if (context == nullptr) return Reject(handler, "sysObj", __LINE__);
+    if (!CheckJsonRoot(payload, "{}", request)) return Reject(handler, "success", __LINE__);
+    return kNoErr;
+}
+
+void Ostrel_VSUtil_SendStatusReply(Ostrel_SystemObj* sysObj, VSHandle* handle, VSMessage* message,
+                                   Ostrel_Status status) {
+    Ostrel_VSUtil_SendJSONReply(sysObj, handle, message, status == kNoErr, Ostrel_GetVoroErrCode(status),
+                                Ostrel_GetVoroErrText(status), nullptr, nullptr);
+}
+
+void Ostrel_VSUtil_SendPlainReply(Ostrel_SystemObj* sysObj, VSHandle* handle, VSMessage* message,
+                                  Ostrel_Status status) {
+    Ostrel_VSUtil_SendJSONReply(sysObj, handle, message, status == kNoErr, 0, nullptr, nullptr, nullptr);
+}
+
+void Ostrel_VSUtil_AnswerWithList(const Ostrel_ListMethod& method, VSHandle* handle, VSMessage* message,
+                                  void* context) {
+    auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
+    JValue list = valdo::Array();
+    JValue request;
+    if (Ostrel_VSUtil_ReadRequest(method.handler, message, context, &request) != kNoErr) {
+        const char* text = method.rejection == kNoErr ? nullptr : Ostrel_GetVoroErrText(method.rejection);
+        Ostrel_VSUtil_SendJSONReply(sysObj, handle, message, false, Ostrel_GetVoroErrCode(method.rejection), text,
+                                    "interfaceList", &list);
+        return;
+    }
+
+    Ostrel_InterfaceObj* selected = nullptr;
+    if (Ostrel_VSUtil_ResolveInterfaceObj(sysObj, request, &selected) != kNoErr) selected = nullptr;
+    method.fill(sysObj, selected, list);
+    Ostrel_VSUtil_SendJSONReply(sysObj, handle, message, true, 0, nullptr, "interfaceList", &list);
+}
+
+Ostrel_Status Ostrel_VSUtil_PostLeases(Ostrel_SystemObj* sysObj, const char* category, const char* key, JValue list) {
+    JValue post = valdo::Object();
+    post.put("returnValue", true);
+    post.put(key, std::move(list));
+
+    VSError error;
+    VSErrorInit(&error);
+    std::string text;
+    const bool success = valdo::JGenerator::toString(post, valdo::JSchemaFragment("{}"), text) &&
+                         VSSubscriptionPost(sysObj->serviceHandle, category, kLeaseMethod, text.c_str(), &error);
+    return success ? kNoErr : Ostrel_VSUtil_BusFailure(__func__, __LINE__, &error);
+}
+
+bool Ostrel_VSUtil_IsAnyoneListening(const Ostrel_SystemObj* sysObj, const char* category) {
+    return sysObj->serviceHandle != nullptr &&
+           VSSubscriptionHasSubscribers(sysObj->serviceHandle, category, kLeaseMethod);
+}

@@ -1,0 +1,43 @@
+// What the bus methods have in common: the way in, the ways out, the post.
+#pragma once
+
+#include <cstdint>
+
+#include "Ostrel/OstrelJsonUtils.h"
+#include "Ostrel/Status.h"
+
+#include "VoroBus.h"
+
+struct Ostrel_InterfaceObj;
+struct Ostrel_SystemObj;
+
+// The request as an object. Logs the call under the handler's name; kGenericErr, reported, without a context or when
+// the payload is not a JSON object.
+[[nodiscard]] Ostrel_Status Ostrel_VSUtil_ReadRequest(const char* handler, VSMessage* message, const void* context,
+                                                      valdo::JValue* request);
+
+// Answers with nothing but the outcome: an error code and text on failure, or, in the second form, not even those.
+void Ostrel_VSUtil_SendStatusReply(Ostrel_SystemObj* sysObj, VSHandle* handle, VSMessage* message,
+                                   Ostrel_Status status);
+void Ostrel_VSUtil_SendPlainReply(Ostrel_SystemObj* sysObj, VSHandle* handle, VSMessage* message, Ostrel_Status status);
+
+// A whole method that lists something of every interface, or of the one that the request names, as "interfaceList".
+// `selected` is null when the request names no managed interface.
+struct Ostrel_ListMethod {
+    const char* handler;      // function name, for the log
+    Ostrel_Status rejection;  // what the reply to an unusable request says; kNoErr: nothing
+    void (*fill)(Ostrel_SystemObj* sysObj, Ostrel_InterfaceObj* selected, valdo::JValue& list);
+};
+void Ostrel_VSUtil_AnswerWithList(const Ostrel_ListMethod& method, VSHandle* handle, VSMessage* message, void* context);
+
+// Posts {"returnValue": true, <key>: <list>} to the subscribers of the category's "leaseInformation". kGenericErr when
+// the bus refuses.
+[[nodiscard]] Ostrel_Status Ostrel_VSUtil_PostLeases(Ostrel_SystemObj* sysObj, const char* category, const char* key,
+                                                     valdo::JValue list);
+
+// Whether such a post would reach someone: without subscribers nothing is built.
+[[nodiscard]] bool Ostrel_VSUtil_IsAnyoneListening(const Ostrel_SystemObj* sysObj, const char* category);
+
+// What is left to do when the bus refuses something: reports it under the function's name, logs and releases the error,
+// and returns kGenericErr.
+[[nodiscard]] Ostrel_Status Ostrel_VSUtil_BusFailure(const char* function, int line, VSError* error);
