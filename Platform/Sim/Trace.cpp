@@ -1,7 +1,4 @@
 // What happened, as a hash that costs little and in words that cost more.
-//
-// Frames are taken apart here by their bytes, on purpose without the daemon's own readers: a trace must not share a
-// mistake with what it describes.
 
 #include <algorithm>
 #include <array>
@@ -9,15 +6,16 @@
 #include <utility>
 
 #include "Internals.h"
+#include "Wire.h"
 
 namespace sim {
 namespace {
 
 constexpr size_t kRecentFrames = 12;
 
-constexpr std::array<const char*, 9> kMessageNames{"BOOTP",       "DHCPDISCOVER", "DHCPOFFER",
-                                                   "DHCPREQUEST", "DHCPDECLINE",  "DHCPACK",
-                                                   "DHCPNAK",     "DHCPRELEASE",  "DHCPINFORM"};
+constexpr std::array<const char*, 9> kMessageNames{"DHCP without a type", "DHCPDISCOVER", "DHCPOFFER", "DHCPREQUEST",
+                                                   "DHCPDECLINE",         "DHCPACK",      "DHCPNAK",   "DHCPRELEASE",
+                                                   "DHCPINFORM"};
 
 template <typename... Arguments>
 std::string Words(const char* format, Arguments... arguments) {
@@ -26,61 +24,30 @@ std::string Words(const char* format, Arguments... arguments) {
     return {text.data(), std::min(static_cast<size_t>(length), text.size() - 1)};
 }
 
-std::string AddressAt(std::span<const uint8_t> frame, size_t offset) {
-    return Words("%u.%u.%u.%u", frame[offset], frame[offset + 1], frame[offset + 2], frame[offset + 3]);
+std::string TextOf(const MAC& mac) {
+    return Words("%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
 }
 
-std::string MACAt(std::span<const uint8_t> frame, size_t offset) {
-    return Words("%02x:%02x:%02x:%02x:%02x:%02x", frame[offset], frame[offset + 1], frame[offset + 2],
-                 frame[offset + 3], frame[offset + 4], frame[offset + 5]);
+std::string DescribeARP(const ARPFrame& arp) {
+    const std::string name = arp.operation == 1   ? "request"
+                             : arp.operation == 2 ? "reply"
+                                                  : Words("operation %u", arp.operation);
+    return "ARP " + name + " from " + ToText(arp.sender) + " (" + TextOf(arp.senderMAC) + ") for " + ToText(arp.target);
 }
 
-uint32_t NumberAt(std::span<const uint8_t> frame, size_t offset, size_t size) {
-    uint32_t value = 0;
-    for (const uint8_t byte : frame.subspan(offset, size)) value = (value << 8) | byte;
-    return value;
-}
-
-// The data of the first option of that code; empty when there is none.
-std::span<const uint8_t> OptionOf(std::span<const uint8_t> options, uint8_t code) {
-    while (options.size() >= 2 && options[0] != 255) {
-        if (options[0] == 0) {
-            options = options.subspan(1);
-            continue;
-        }
-        const size_t length = options[1];
-        if (length > options.size() - 2) return {};
-        if (options[0] == code) return options.subspan(2, length);
-        options = options.subspan(2 + length);
-    }
-    return {};
-}
-
-std::string DescribeARP(std::span<const uint8_t> frame) {
-    const uint32_t operation = NumberAt(frame, 20, 2);
-    const std::string name = operation == 1 ? "request" : operation == 2 ? "reply" : Words("operation %u", operation);
-    return "ARP " + name + " from " + AddressAt(frame, 28) + " (" + MACAt(frame, 22) + ") for " + AddressAt(frame, 38);
-}
-
-std::string DescribeDHCP(std::span<const uint8_t> frame, size_t ip, size_t message) {
-    const std::span<const uint8_t> options = frame.subspan(message + 240);
-    const std::span<const uint8_t> type = OptionOf(options, 53);
-    const size_t index = type.empty() ? 0 : type[0];
-    std::string text = index < kMessageNames.size() ? kMessageNames[index] : Words("DHCP %zu", index);
-    text += Words(" xid %08x ", NumberAt(frame, message + 4, 4)) + AddressAt(frame, ip + 12) + " -> " +
-            AddressAt(frame, ip + 16) + " chaddr " + MACAt(frame, message + 28);
-    const auto add = [&](const char* name, size_t offset) {
-        if (NumberAt(frame, offset, 4) != 0) text += std::string(" ") + name + " " + AddressAt(frame, offset);
-    };
-    add("ciaddr", message + 12);
-    add("yiaddr", message + 16);
-    add("giaddr", message + 24);
-    for (const auto& [code, name] : {std::pair{50, "requested"}, {54, "server"}}) {
-        const std::span<const uint8_t> data = OptionOf(options, static_cast<uint8_t>(code));
-        if (data.size() == 4) text += std::string(" ") + name + " " + AddressAt(data, 0);
-    }
-    const std::span<const uint8_t> lease = OptionOf(options, 51);
-    if (lease.size() == 4) text += Words(" lease %u s", NumberAt(lease, 0, 4));
+std::string DescribeDHCP(const DHCPMessage& message) {
+    const size_t type = message.Type();
+    std::string text = type < kMessageNames.size() ? kMessageNames[type] : Words("DHCP %zu", type);
+    text += Words(" xid %08x ", message.xid) + ToText(message.source) + " -> " + ToText(message.destination) +
+            " chaddr " + TextOf(message.chaddr);
+    const std::array<std::pair<const char*, IPv4>, 5> addresses{{{" ciaddr ", message.ciaddr},
+                                                                 {" yiaddr ", message.yiaddr},
+                                                                 {" giaddr ", message.giaddr},
+                                                                 {" requested ", message.Number(50).value_or(0)},
+                                                                 {" server ", message.Number(54).value_or(0)}}};
+    for (const auto& [name, address] : addresses)
+        if (address != 0) text += name + ToText(address);
+    if (const auto lease = message.Number(51)) text += Words(" lease %u s", *lease);
     return text;
 }
 
@@ -88,15 +55,14 @@ std::string DescribeDHCP(std::span<const uint8_t> frame, size_t ip, size_t messa
 
 std::string DescribeFrame(std::span<const uint8_t> frame) {
     if (frame.size() < 14) return Words("%zu bytes", frame.size());
-    const std::string ends = MACAt(frame, 6) + " -> " + MACAt(frame, 0) + " ";
-    const uint32_t etherType = NumberAt(frame, 12, 2);
-    if (etherType == 0x0806 && frame.size() >= 42) return ends + DescribeARP(frame);
-    if (etherType == 0x0800 && frame.size() >= 34) {
-        const size_t udp = 14 + size_t{4} * (frame[14] & 0x0F);
-        const size_t message = udp + 8;
-        if (frame[23] == 17 && frame.size() >= message + 240) return ends + DescribeDHCP(frame, 14, message);
-    }
-    return ends + Words("type %04x, %zu bytes", etherType, frame.size());
+    MAC destination, source;
+    std::copy_n(&frame[0], destination.size(), destination.begin());
+    std::copy_n(&frame[6], source.size(), source.begin());
+    const std::string ends = TextOf(source) + " -> " + TextOf(destination) + " ";
+    if (const auto arp = ReadARP(frame)) return ends + DescribeARP(*arp);
+    if (const auto message = ReadDHCP(frame)) return ends + DescribeDHCP(*message);
+    return ends +
+           Words("type %02x%02x, %zu bytes, neither whole ARP nor whole DHCP", frame[12], frame[13], frame.size());
 }
 
 namespace {

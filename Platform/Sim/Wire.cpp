@@ -1,4 +1,5 @@
-// Frames by their bytes: a second, independent implementation, so that the daemon's own cannot be wrong unnoticed.
+// Frames by their bytes: a second, independent implementation, so that the daemon's own cannot be wrong unnoticed,
+// in a trace or in a test.
 
 #include "Wire.h"
 
