@@ -1,6 +1,10 @@
 // What the process logs to, and how a line of the system log is asked for.
 #pragma once
 
+#include <cstdint>
+#include <span>
+#include <string_view>
+
 #include "DebugServices.h"
 #include "QxLog.h"
 
@@ -16,8 +20,17 @@ constexpr int32_t kDebugLevelError = 8000;
 extern QxLogContext* gLogCxt;   // the system log's context; null is its default context
 extern int32_t gMaxDebugLevel;  // lines of debug output below it are not written
 
-// Sets the threshold by the name of a level: "chatty", "verbose", "trace", "info", "notice", "warning", "assert",
-// "require", "error", "critical", "alert", "emergency" or "tragic", in exactly this spelling. Any other name leaves it.
+// A level that can be chosen by name.
+struct Ostrel_DebugLevel {
+    std::string_view name;
+    int32_t level;
+};
+
+// "chatty", "verbose", "trace", "info", "notice", "warning", "assert", "require", "error", "critical", "alert",
+// "emergency" and "tragic", from the most output to the least.
+[[nodiscard]] std::span<const Ostrel_DebugLevel> Ostrel_DebugLevels();
+
+// Sets the threshold by the name of a level, in exactly its spelling. Any other name leaves it.
 void Ostrel_SetDebugLevel(const char* levelName);
 
 // Whether a line of the system log is written at this level: asked first where its arguments cost something to make.

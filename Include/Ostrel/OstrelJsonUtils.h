@@ -1,6 +1,7 @@
 // Typed fields of JSON objects, addresses as text, and tables of values and names.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -45,7 +46,13 @@ struct OstrelJsonUtilsUint32StringTableEntry {
 // Whether a reply says "returnValue": true.
 [[nodiscard]] bool CheckJsonReply(const valdo::JValue& reply);
 
-// Addresses as dotted text, read as inet_aton reads them. Get: kBadParamErr when the key is absent or unusable; the
+// An address as a dotted quad and its NUL. From text: as inet_aton reads it; false, with the output untouched, when it
+// cannot.
+using OstrelIPv4Text = std::array<char, 16>;
+[[nodiscard]] bool OstrelJsonUtilsIPv4FromText(const std::string& text, Ostrel_IPv4* address);
+[[nodiscard]] OstrelIPv4Text OstrelJsonUtilsIPv4ToText(Ostrel_IPv4 address);
+
+// Addresses as dotted text. Get: kBadParamErr when the key is absent or unusable; the
 // optional flag only keeps that out of the log.
 [[nodiscard]] Ostrel_Status OstrelJsonUtilsIPv4Get(const valdo::JValue& object, const char* key, Ostrel_IPv4* address,
                                                    bool optional);

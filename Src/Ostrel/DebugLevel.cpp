@@ -2,7 +2,6 @@
 //
 // The threshold lives here and is mirrored into the debug service, which tests it before a line costs anything.
 #include <array>
-#include <string_view>
 
 #include "Ostrel/Log.h"
 
@@ -11,29 +10,28 @@ int32_t gMaxDebugLevel = kDebugLevelChatty;
 
 namespace {
 
-struct LevelName {
-    std::string_view name;
-    int32_t level;
-};
-
-constexpr std::array<LevelName, 13> kLevelNames{{{"chatty", kDebugLevelChatty},
-                                                 {"verbose", kDebugLevelVerbose},
-                                                 {"trace", kDebugLevelTrace},
-                                                 {"info", kDebugLevelInfo},
-                                                 {"notice", kDebugLevelNotice},
-                                                 {"warning", kDebugLevelWarning},
-                                                 {"assert", kDebugAssertLevel},
-                                                 {"require", 7000},
-                                                 {"error", kDebugLevelError},
-                                                 {"critical", 9000},
-                                                 {"alert", 10000},
-                                                 {"emergency", 11000},
-                                                 {"tragic", 12000}}};
+constexpr std::array<Ostrel_DebugLevel, 13> kLevels{{{"chatty", kDebugLevelChatty},
+                                                     {"verbose", kDebugLevelVerbose},
+                                                     {"trace", kDebugLevelTrace},
+                                                     {"info", kDebugLevelInfo},
+                                                     {"notice", kDebugLevelNotice},
+                                                     {"warning", kDebugLevelWarning},
+                                                     {"assert", kDebugAssertLevel},
+                                                     {"require", 7000},
+                                                     {"error", kDebugLevelError},
+                                                     {"critical", 9000},
+                                                     {"alert", 10000},
+                                                     {"emergency", 11000},
+                                                     {"tragic", 12000}}};
 
 }  // namespace
 
+std::span<const Ostrel_DebugLevel> Ostrel_DebugLevels() {
+    return kLevels;
+}
+
 void Ostrel_SetDebugLevel(const char* levelName) {
-    for (const LevelName& row : kLevelNames) {
+    for (const Ostrel_DebugLevel& row : kLevels) {
         if (row.name != levelName) continue;
         gMaxDebugLevel = row.level;
         break;

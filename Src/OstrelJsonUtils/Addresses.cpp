@@ -18,19 +18,6 @@ using valdo::JValue;
 
 namespace {
 
-using IPv4Text = std::array<char, INET_ADDRSTRLEN>;
-
-const char* TextOf(Ostrel_IPv4 address, IPv4Text& text) {
-    return inet_ntop(AF_INET, &address, text.data(), INET_ADDRSTRLEN);
-}
-
-bool ParseIPv4(const std::string& text, Ostrel_IPv4* address) {
-    in_addr parsed{};
-    if (inet_aton(text.c_str(), &parsed) == 0) return false;
-    *address = parsed.s_addr;
-    return true;
-}
-
 // One element of an address array; what cannot be used leaves the slot alone.
 void ReadElement(const JValue& element, const char* function, const char* key, size_t index, Ostrel_IPv4* slot) {
     if (!element.isString()) return;
@@ -41,7 +28,7 @@ void ReadElement(const JValue& element, const char* function, const char* key, s
         Ostrel_LogPrint(kQxLogError, "%s: conv failed(0x%x)\n", function, conversion);
         return;
     }
-    if (!ParseIPv4(text, slot)) {
+    if (!OstrelJsonUtilsIPv4FromText(text, slot)) {
         Ostrel_LogPrint(kQxLogError, "%s: inet_aton\n", function);
         return;
     }
@@ -50,18 +37,30 @@ void ReadElement(const JValue& element, const char* function, const char* key, s
 
 }  // namespace
 
+bool OstrelJsonUtilsIPv4FromText(const std::string& text, Ostrel_IPv4* address) {
+    in_addr parsed{};
+    if (inet_aton(text.c_str(), &parsed) == 0) return false;
+    *address = parsed.s_addr;
+    return true;
+}
+
+OstrelIPv4Text OstrelJsonUtilsIPv4ToText(Ostrel_IPv4 address) {
+    OstrelIPv4Text text{};
+    inet_ntop(AF_INET, &address, text.data(), text.size());
+    return text;
+}
+
 Ostrel_Status OstrelJsonUtilsIPv4Get(const JValue& object, const char* key, Ostrel_IPv4* address, bool optional) {
     std::string text;
     const bool success = GetJsonString(object, key, &text, optional, nullptr);
     OSTREL_REQUIRE(success, "success", kBadParamErr);
-    if (!ParseIPv4(text, address)) return kBadParamErr;
+    if (!OstrelJsonUtilsIPv4FromText(text, address)) return kBadParamErr;
     Ostrel_LogPrint(kQxLogDebug, "%s: JSON label <%s>, IPv4 Address <%s> (%x)\n", __func__, key, text, *address);
     return kNoErr;
 }
 
 Ostrel_Status OstrelJsonUtilsIPv4Put(JValue& object, const char* key, Ostrel_IPv4 address) {
-    IPv4Text text;
-    object.put(key, TextOf(address, text));
+    object.put(key, OstrelJsonUtilsIPv4ToText(address).data());
     return kNoErr;
 }
 
@@ -81,8 +80,7 @@ Ostrel_Status OstrelJsonUtilsIPv4ArrayPut(JValue& object, const char* key, std::
     if (addresses.empty()) return kNoErr;
     JValue array = valdo::Array();
     for (const Ostrel_IPv4 address : addresses) {
-        IPv4Text text;
-        if (address != kAnyIPv4) array.append(TextOf(address, text));
+        if (address != kAnyIPv4) array.append(OstrelJsonUtilsIPv4ToText(address).data());
     }
     object.put(key, std::move(array));
     return kNoErr;

@@ -4,6 +4,7 @@ A request to the daemon is one text and its answer another; `request` takes and 
 kind. A refusal by the bus or by the called side is a BusError that carries the error's name.
 """
 import ctypes
+import errno
 import json
 import time
 
@@ -16,6 +17,7 @@ class _Error(ctypes.Structure):
     _fields_ = [("name", ctypes.c_char_p), ("message", ctypes.c_char_p), ("need_free", ctypes.c_int)]
 
 
+_sd.sd_bus_request_name.argtypes = [ctypes.c_void_p, ctypes.c_char_p, ctypes.c_uint64]
 for _name in ("sd_bus_message_get_path", "sd_bus_message_get_member", "sd_bus_message_get_interface"):
     getattr(_sd, _name).restype = ctypes.c_char_p
     getattr(_sd, _name).argtypes = [ctypes.c_void_p]
@@ -76,6 +78,32 @@ class Bus:
         if _sd.sd_bus_message_read_basic(message, ctypes.c_char(b"s"), ctypes.byref(text)) <= 0:
             return None
         return text.value.decode()
+
+    def post(self, destination, category, method, text):
+        """Sends what a subscriber would take for a post of the daemon; gives no word of a refusal."""
+        signal = ctypes.c_void_p()
+        _check(_sd.sd_bus_message_new_signal(self._bus, ctypes.byref(signal), category.encode(),
+                                             interface_of(category).encode(), f"{method}Update".encode()))
+        try:
+            _check(_sd.sd_bus_message_append_basic(signal, ctypes.c_char(b"s"), text.encode()))
+            _check(_sd.sd_bus_send_to(self._bus, signal, destination.encode(), None))
+        finally:
+            _sd.sd_bus_message_unref(signal)
+
+    def name(self):
+        """The connection's unique name."""
+        name = ctypes.c_char_p()
+        _check(_sd.sd_bus_get_unique_name(self._bus, ctypes.byref(name)))
+        return name.value.decode()
+
+    def may_own(self, name=SERVICE):
+        """Takes the name and gives it back; False when the bus doesn't let this connection have it."""
+        result = _sd.sd_bus_request_name(self._bus, name.encode(), 0)
+        if result == -errno.EACCES:
+            return False
+        _check(result)
+        _check(_sd.sd_bus_release_name(self._bus, name.encode()))
+        return True
 
     def call(self, category, method, text, timeout=10):
         return self.raw_call(SERVICE, category, interface_of(category), method, text, timeout=timeout)

@@ -16,7 +16,7 @@ import tempfile
 import time
 import unittest
 
-from bus import SERVICE, Bus, BusError
+from bus import SERVICE, Bus, BusError, interface_of
 from wire import Capture
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -108,10 +108,11 @@ def stop(process, number=signal.SIGTERM, timeout=10):
 
 
 class Daemon:
-    def __init__(self, lab, host, *options, wrapper=(), environment=None, expect_name=True):
+    def __init__(self, lab, host, *options, wrapper=(), program=OSTRELD, environment=None,
+                 expect_name=True):
         self.lab, self.host = lab, host
         self.bus = Bus(lab.bus_address(host))
-        self.process = lab.start(host, *wrapper, OSTRELD, *options, env={**os.environ, **(environment or {})})
+        self.process = lab.start(host, *wrapper, program, *options, env={**os.environ, **(environment or {})})
         if expect_name:
             eventually(lambda: self.bus.owner() or self.process.poll() is not None, 20, "name on the bus")
             if self.process.poll() is not None:
@@ -200,4 +201,4 @@ def main():
 
 
 __all__ = ["CLIENT_REQUEST", "OSTRELD", "SANITIZED", "SCRIPT", "SERVICE", "Bus", "BusError", "Daemon", "Lab", "LabTest",
-           "eventually", "main", "stop", "timeless"]
+           "eventually", "interface_of", "main", "stop", "timeless"]

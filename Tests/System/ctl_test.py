@@ -1,0 +1,273 @@
+"""ostrelctl as people type it, against the real daemon.
+
+The tool is the daemon's neighbour in the build directory, or what the environment variable OSTRELCTL names.
+"""
+import fcntl
+import json
+import os
+import pathlib
+import pty
+import re
+import struct
+import subprocess
+import termios
+import time
+
+import lab
+import peers
+from wire import BROADCAST, DISCOVER, OFFER, REQUEST, option, packet_socket, udp_frame
+
+OSTRELCTL = os.environ.get("OSTRELCTL", str(pathlib.Path(lab.OSTRELD).with_name("ostrelctl")))
+SERVER = ("server eth0 --address 192.0.2.1/24 --range 192.0.2.100 --count 20 --lease 1h --dns 192.0.2.3,192.0.2.4 "
+          "--domain lab.example")
+GREEN, FULL, REST = "\033[32m", "\u2501", "\u2500"
+HOSTILE = b"cam\x1b]0;owned\x07\xc2\x9b2J\xe2\x80\xae\xff\x7fera"
+
+
+class Result:
+    def __init__(self, status, output, errors):
+        self.status, self.output, self.errors = status, output, errors
+
+
+class Tool(lab.LabTest):
+    def run_tool(self, host, line, **environment):
+        """The tool with its output in a pipe."""
+        done = subprocess.run(self.command(host, line), capture_output=True, text=True, timeout=30,
+                              env={**os.environ, "LC_ALL": "C.UTF-8", **environment})
+        return Result(done.returncode, done.stdout, done.stderr)
+
+    def show(self, host, line, columns=80, **environment):
+        """What the tool shows on a terminal."""
+        child, terminal = pty.fork()
+        if child == 0:
+            fcntl.ioctl(1, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+            os.execve(lab.SCRIPT, self.command(host, line),
+                      {**os.environ, "LC_ALL": "C.UTF-8", "TERM": "xterm", **environment})
+        shown = b""
+        try:
+            while octets := os.read(terminal, 4096):
+                shown += octets
+        except OSError:  # the other end is closed
+            pass
+        os.close(terminal)
+        self.assertEqual(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]), 0, shown)
+        return shown.decode().replace("\r\n", "\n")
+
+    def command(self, host, line):
+        words = line if isinstance(line, list) else line.split()
+        return [lab.SCRIPT, "run", str(self.lab.directory), host, OSTRELCTL, *words]
+
+    def type(self, host, line, status=0, errors=""):
+        """Types a line; gives its output. `errors`: a pattern for what it says on standard error, if anything."""
+        result = self.run_tool(host, line)
+        self.assertEqual(result.status, status, f"{line}: {result.errors}")
+        self.assertRegex(result.errors, errors or "\\A\\Z", line)
+        return result.output
+
+
+class Story(Tool):
+    """Somebody sets up a server and a client, looks at both, and takes them away again."""
+
+    def test_server_and_client(self):
+        daemons = {host: self.daemon(host=host) for host in self.hosts}
+        self.assertIn("nothing is managed", self.type("client", "status"))
+        self.assertIn("server of 20 addresses, 192.0.2.100 to 192.0.2.119, for 1 h each",
+                      self.type("server", SERVER, errors="ip addr add 192.0.2.1/24 dev eth0"))
+        self.lab.ip("server", f"addr add {peers.SERVER}/24 dev eth0")
+        daemons["client"].must("/client", "leaseInformation", subscribe=True)
+        self.type("client", "client eth0 --client-id panel-7")
+        address = daemons["client"].publication(20)["ipv4Address"]
+
+        status = self.type("client", "status")
+        self.assertRegex(status, rf"\Aeth0  client by DHCP\n  address +{address}/24 by DHCP, not set on eth0\n"
+                                 r"  router +192\.0\.2\.1\n  DNS +192\.0\.2\.3, 192\.0\.2\.4\n  domain +lab\.example\n"
+                                 r"  expires +[-0-9: ]+, in 59 min( \d+ s)?\n  age +\d+ s of 1 h\n\Z")
+        self.lab.ip("client", f"addr add {address}/24 dev eth0")
+        self.assertIn(f"{address}/24 by DHCP\n", self.type("client", "status eth0"))
+        table = self.type("server", "leases --sort expiry")
+        self.assertRegex(table, rf"\AADDRESS +MAC +NAME +CLIENT ID +LEFT +ENDS\n"
+                                rf"{address}  02:00:00:00:00:01  - +panel-7 +59 min( \d+ s)? +[-0-9: ]+\n\Z")
+        self.assertRegex(self.type("server", "status"), r"leases +1 of 20\n  next ends +[-0-9: ]+, in 59 min( \d+ s)?\n")
+        self.assertRegex(self.type("server", "config"), r"range +192\.0\.2\.100 to 192\.0\.2\.119\n(.*\n)*  lease time 1 h")
+        self.check_json(daemons)
+        self.check_terminal(address)
+        self.check_actions(daemons["client"], address)
+
+    def check_json(self, daemons):
+        """Every line is the daemon's own reply."""
+        for host, line, asked in (("client", "config", [("/", "interfaceConfigDump")]),
+                                  ("client", "status", [("/", "interfaceConfigDump"), ("/client", "leaseInformation")]),
+                                  ("server", "leases eth0", [("/server", "leaseInformation")])):
+            printed = self.type(host, f"{line} --json").splitlines()
+            replies = [json.loads(daemons[host].bus.call(*method, "{}")) for method in asked]
+            self.assertEqual([self.without_times(json.loads(text)) for text in printed],
+                             [self.without_times(reply) for reply in replies])
+
+    def without_times(self, value):
+        if isinstance(value, list):
+            return [self.without_times(element) for element in value]
+        if not isinstance(value, dict):
+            return value
+        return {key: self.without_times(element) for key, element in lab.timeless(value).items()}
+
+    def check_terminal(self, address):
+        """Colours and bars are for a terminal, which no line is too long for."""
+        self.assertIn(f"{GREEN}{FULL}\033[0m\033[2m{REST * 23}\033[0m  1 of 20", self.show("server", "status"))
+        self.assertNotIn("\033", self.show("client", "status", NO_COLOR="1"))
+        self.assertIn("-" * 23, self.show("client", "status", LC_ALL="C", NO_COLOR="1"))
+        self.assertIn(address, self.show("server", "leases", columns=24))
+        for columns in (16, 24, 40, 63):
+            for host, line in (("client", "status"), ("server", "status"), ("server", "leases"), ("server", "config")):
+                lines = self.show(host, line, columns, NO_COLOR="1").splitlines()
+                self.assertLessEqual(max(map(len, lines)), columns, f"{line} {lines}")
+
+    def check_actions(self, client, address):
+        refused = "'eth0' is managed already: client by DHCP\n.*release eth0"
+        self.type("client", "client eth0 --static 192.0.2.9/24", status=1, errors=refused)
+        self.type("client", "halt eth0")
+        self.assertEqual(client.lease()["ipv4Address"], "0.0.0.0")
+        self.assertRegex(self.type("client", "status"), "address +none yet, or halted")
+        self.type("client", "init eth0")
+        self.assertEqual(client.publication(20)["ipv4Address"], address)
+        self.type("server", "renew eth0", errors="server, so this did nothing")
+        self.type("client", "leases eth0", status=1, errors="'eth0' has no server")
+        self.type("client", "release eth0")
+        for line in ("release eth0", "renew eth0", "status eth0", "config eth0"):
+            self.type("client", line, status=1, errors="'eth0' is not managed\n.*ostrelctl client eth0")
+        self.type("client", "status eth9", status=1, errors="no such interface")
+
+        self.type("client", "client eth0 --static 192.0.2.9/24 --router 192.0.2.1 --dns 192.0.2.3 --domain here.example")
+        self.assertEqual(client.publication(10)["ipv4Address"], "192.0.2.9")
+        self.assertIn("192.0.2.9/24 static", self.type("client", "status"))
+        self.assertRegex(self.type("client", "config"), r"(?s)router +192\.0\.2\.1\n.*domain +here\.example\n")
+        self.assertIsNone(client.bus.next_post("/client", "leaseInformation", 3), "published twice")
+
+    def test_names_from_the_network_are_only_text(self):
+        self.daemon(host="server")
+        self.lab.ip("server", f"addr add {peers.SERVER}/24 dev eth0")
+        self.type("server", SERVER.replace("192.0.2.100 --count 20", "192.0.2.9-192.0.2.10"))
+        self.ask_for_lease("02:00:00:00:00:11", HOSTILE)
+        self.ask_for_lease("02:00:00:00:00:12", b"Camera")
+        lab.eventually(lambda: self.type("server", "leases").count("02:00:00:00:00:1") == 2, 10, "two leases")
+        for shown in (self.type("server", "leases"), self.show("server", "leases", NO_COLOR="1")):
+            self.assertIn("cam?]0;owned??2J?\ufffd?era", shown)
+            self.assertEqual(re.findall("[\x00-\x09\x0b-\x1f\x7f-\x9f\u202e]", shown), [])
+        self.assertRegex(shown, r"(?s)\n192\.0\.2\.9 .*\n192\.0\.2\.10 ")
+        by_name = self.type("server", "leases --sort name").splitlines()
+        self.assertIn("Camera", by_name[1])
+        self.assertIn("02:00:00:00:00:11", self.type("server", "leases --sort mac").splitlines()[1])
+
+        self.lab.ip("server", "link add eth1 type veth peer name nobody")
+        self.type("server", "server eth1 --address 10.0.0.1/8 --range 10.0.0.2 --count 9", errors="'eth1' is down")
+        self.assertRegex(self.type("server", "leases"), r"\AIFACE +ADDRESS .*\neth0 +192\.0\.2\.9 ")
+        self.assertEqual(self.type("server", "leases eth1").split(), ["ADDRESS", "MAC", "NAME", "LEFT", "ENDS"])
+        self.assertRegex(self.type("server", "status eth1"), "\\Aeth1  server, leases for 1 d, down\n")
+
+    def ask_for_lease(self, mac, name):
+        """What a client says to get a lease: it asks for an address, and takes whichever it is offered."""
+        socket = packet_socket(self.lab.namespace("client"), "eth0")
+        hardware = bytes.fromhex(mac.replace(":", ""))
+        offered = b""
+        deadline = time.monotonic() + 10
+        while not offered and time.monotonic() < deadline:
+            self.say(socket, mac, hardware, DISCOVER, option(12, name))
+            socket.settimeout(0.5)
+            try:
+                while not offered:
+                    frame = socket.recv(65535)
+                    if frame[36:38] == b"\x00\x44" and frame[70:76] == hardware and frame[284] == OFFER:
+                        offered = frame[58:62]
+            except TimeoutError:
+                continue
+        self.assertTrue(offered, "no offer")
+        self.say(socket, mac, hardware, REQUEST,
+                 option(12, name) + option(50, offered) + option(54, bytes([192, 0, 2, 1])))
+        socket.close()
+
+    @staticmethod
+    def say(socket, mac, hardware, kind, options):
+        bootp = (b"\x01\x01\x06\x00" + hardware[2:] + bytes(4) + bytes(16) + hardware + bytes(10 + 192)
+                 + b"\x63\x82\x53\x63" + option(53, bytes([kind])) + options + b"\xff")
+        socket.send(udp_frame(mac, BROADCAST, "0.0.0.0", "255.255.255.255", (68, 67), bootp))
+
+
+class Usage(Tool):
+    """What is wrong is said in words, with what to do next, and with the right exit status."""
+
+    hosts = ("client",)
+    server = "server eth0 --address 192.0.2.1/24 "
+    wrong = (
+        ("", "Usage: ostrelctl COMMAND"),
+        ("frob", "no command 'frob'\n  the commands are client, server"),
+        ("stauts", "did you mean 'status'"),
+        ("--frob", "no option '--frob'"),
+        ("status eth0 eth1", "not expected: eth1"),
+        ("release", "IFACE is required\n  'ostrelctl release --help'"),
+        ("debug loud", "'loud' is no level"),
+        ("client eth0 --address", "--address needs a value"),
+        ("client eth0 --client-id a --client-id b", "--client-id is there more than once"),
+        ("client eth9", "no interface 'eth9'\n  'ip link'"),
+        ("client lo", "'lo' is not an Ethernet interface"),
+        ("client a-very-long-name", "1 to 15 characters, not 'a-very-long-name'"),
+        ("client eth0 --dhcp --static 192.0.2.7/24", "excludes"),
+        ("client eth0 --router 192.0.2.1", "--router requires --static"),
+        ("client eth0 --static 192.0.2.7", "'192.0.2.7' is not an address with its prefix"),
+        ("client eth0 --static 192.0.2.255/24", "192.0.2.255, the broadcast address of 192.0.2.0/24"),
+        ("client eth0 --address 127.0.0.1", "no interface can have the address 127.0.0.1"),
+        ("client eth0 --static 192.0.2.7/24 --dns 10.1", "'10.1' is not an address"),
+        ("client eth0 --static 192.0.2.7/24 --dns 10.0.0.1,10.0.0.2 --dns 10.0.0.3,10.0.0.4", "three DNS servers, not 4"),
+        (["client", "eth0", "--client-id", "x" * 255], "--client-id: 1 to 254 bytes are possible, these are 255"),
+        (["client", "eth0", "--client-id", ""], "1 to 254 bytes"),
+        (["client", "eth0", "--client-id", b"caf\xe9"], "not UTF-8"),
+        (server, "--range is required"),
+        (server + "--range 192.0.2.100", "--range has no end"),
+        (server + "--range 192.0.2.100-192.0.2.110 --count 5", "--count goes with the first address only"),
+        (server + "--range 192.0.2.110-192.0.2.100", "ends at 192.0.2.100, before it begins at 192.0.2.110"),
+        (server + "--range 192.0.3.100-192.0.3.110", "begins at 192.0.3.100, outside 192.0.2.0/24"),
+        (server + "--range 192.0.2.200 --count 100", "ends at 192.0.3.43, outside 192.0.2.0/24"),
+        (server + "--range 192.0.2.200-192.0.2.255", "ends at 192.0.2.255, the broadcast address"),
+        (server + "--range 192.0.2.1-192.0.2.9", "own address 192.0.2.1 is in the range"),
+        (server + "--range 192.0.2.9-192.0.2.19 --router 192.0.2.11", "router 192.0.2.11 is in the range"),
+        (server + "--range 192.0.2.9-192.0.2.19 --router 192.0.3.1", "router 192.0.3.1 is outside 192.0.2.0/24"),
+        (server + "--range 192.0.2.9-192.0.2.19 --lease 68y", "'68y' is not a time"),
+        (server + "--range 192.0.2.9-192.0.2.19 --lease 24856d", "1 to 2147483647 seconds, not 2147558400"),
+        ("server eth0 --address 192.0.2.1/25 --range 192.0.2.9-192.0.2.19", "/24 and larger, not 192.0.2.0/25"),
+        ("server eth0 --address 10.0.0.1/8 --range 10.1.0.0 --count 1048577", "more than 1048576 addresses"),
+        ("leases --sort size", "'size' is none of address, expiry, name and mac"),
+    )
+
+    def test_wrong_lines_are_refused_before_anybody_is_asked(self):
+        for line, said in self.wrong:
+            with self.subTest(line):
+                result = self.run_tool("client", line)
+                self.assertEqual((result.status, result.output), (2, ""), result.errors)
+                self.assertRegex(result.errors, "\\A(ostrelctl|Usage): ")
+                self.assertIn(said, result.errors)
+
+    def test_what_the_daemon_takes_is_not_refused(self):
+        daemon = self.daemon(host="client")
+        for line in ("server eth0 --address 10.0.0.1/8 --range 10.1.0.0 --count 1048576 --lease 2147483647",
+                     self.server + "--range 192.0.2.2-192.0.2.254 --lease 24855d",
+                     self.server + "--range 192.0.2.2-192.0.2.2 --dns 10.0.0.1 --dns 10.0.0.2,10.0.0.3 --router 192.0.2.9",
+                     ["client", "eth0", "--client-id", "x" * 254, "--no-start"], "client eth0 --address 192.0.2.7"):
+            self.type("client", line, errors=".*")
+            self.assertEqual(len(daemon.request("/", "interfaceConfigDump")["interfaceList"]), 1, line)
+            self.type("client", "release eth0")
+
+    def test_nobody_there(self):
+        for line in ("status", "client eth0", "release eth0", "leases", "debug info"):
+            result = self.run_tool("client", line)
+            self.assertEqual((result.status, result.output), (3, ""), line)
+            self.assertRegex(result.errors, "\\Aostrelctl: the daemon does not answer.*\n  start it with ")
+        self.lab.kill_bus("client")
+        lab.eventually(lambda: self.run_tool("client", "status").errors.startswith("ostrelctl: the system bus"), 5, "no bus")
+        self.assertEqual(self.run_tool("client", "status").status, 3)
+
+    def test_help_and_version(self):
+        for command in re.findall("^  ([a-z]+) ", self.run_tool("client", "").errors, re.M):
+            self.assertRegex(self.type("client", f"{command} --help"), rf"\nExamples:\n  [a-z ]*ostrelctl {command}")
+        self.assertRegex(self.type("client", "--version"), r"\Aostrelctl \d+\.\d+")
+
+
+if __name__ == "__main__":
+    lab.main()

@@ -1,0 +1,129 @@
+// ostrelctl apply: the kernel does as the daemon says.
+//
+// The daemon learns addresses and configures none; this is a complete subscriber that does, and the one to start from
+// for another. It follows what the daemon says of one interface (Follow.h), keeps what may be used of that (Holding.h),
+// and each time anything has happened makes the kernel and the resolver have it (Steps.h):
+//
+//     NextEvent -> Hear -> the lease that counts, or none -> SettingFor -> Bring
+//
+// A lease that ends, is lost or changes takes everything along that came from it. When the daemon goes, its leases stay
+// good until they end: a restart does not cut the network. The new daemon knows nothing until somebody hands it the
+// interface again; if within ten seconds it has no lease for it, what is there is removed. Killed, apply removes
+// nothing, but the kernel ends the address and the route when the lease ends.
+#include "Checks.h"
+#include "Command.h"
+#include "Follow.h"
+#include "Steps.h"
+#include "Terminal.h"
+
+namespace ostrelctl {
+
+namespace {
+
+constexpr std::chrono::seconds kRestartGrace{10};
+constexpr uint32_t kUsualMetric = 100;  // behind routes that people make, which have 0
+
+struct ApplyOptions {
+    std::string interface;
+    bool dryRun = false, once = false, keep = false;
+    uint32_t metric = kUsualMetric;
+};
+
+void Declare(CLI::App& command, ApplyOptions& options) {
+    AddInterface(command, options.interface)->required();
+    command.add_flag("--dry-run", options.dryRun, "Print commands that would do it, and do nothing");
+    command.add_flag("--once", options.once, "Apply the first lease and end; it stays until the lease ends");
+    command.add_flag("--keep", options.keep, "Leave what was applied in place when stopped");
+    command.add_option("--metric", options.metric, "Of the default route; 100 unless given")->type_name("N");
+}
+
+// A link-local address has no router. The network's texts are not to be trusted; addresses are the kernel's to check.
+Setting SettingFor(const Holding& holding, Applier& applier) {
+    if (!holding.lease) return {};
+    const ClientLease& lease = *holding.lease;
+    Setting setting{.address = lease.address,
+                    .prefixLength = PrefixLength(lease.mask),
+                    .linkLocal = IsLinkLocal(lease.address),
+                    .ends = holding.ends,
+                    .router = lease.routers.empty() ? kAnyIPv4 : lease.routers.front(),
+                    .dns = {.servers = lease.dnsServers, .domain = lease.domainName}};
+    if (setting.linkLocal) setting.router = kAnyIPv4;
+    if (!setting.dns.domain.empty() && !IsDomainName(setting.dns.domain)) {
+        ComplainOnce(applier, "left out, since it is no domain name: '" + Printable(setting.dns.domain) + '\'', "");
+        setting.dns.domain.clear();
+    }
+    return setting;
+}
+
+void HearEvent(Holding& holding, const Event& event, const ApplyOptions& options, bool json) {
+    if (json && event.origin != Origin::Question) PrintText(event);
+    const auto said = SaidOf(event, options.interface);
+    if (said) Hear(holding, *said, event.hearing);
+}
+
+ExitStatus EndApplying(Applier& applier, const ApplyOptions& options) {
+    if (!options.keep) Bring(applier, {});
+    return applier.forbidden ? kExitRefused : kExitDone;
+}
+
+ExitStatus Apply(Follower& follower, Applier& applier, const ApplyOptions& options) {
+    Holding holding;
+    for (;;) {
+        const Event event = NextEvent(follower, holding.ends);
+        switch (event.news) {
+            case News::Leases:
+                HearEvent(holding, event, options, follower.session.json);
+                break;
+            case News::DaemonGone:
+                Forget(holding, {});
+                break;
+            case News::DaemonBack:
+                Forget(holding, Clock::now() + kRestartGrace);
+                break;
+            case News::Deadline:
+                GiveUpEnded(holding, Clock::now());
+                break;
+            case News::Interrupted:
+                return EndApplying(applier, options);
+            case News::Failed:
+                return event.status;  // as when the daemon goes, leases stay until they end
+        }
+        Bring(applier, SettingFor(holding, applier));
+        if (applier.forbidden) return kExitRefused;
+        if (options.once && holding.lease) return applier.failed ? kExitRefused : kExitDone;
+    }
+}
+
+ExitStatus Run(const ApplyOptions& options, const Settings& settings) {
+    const ExitStatus checked = CheckInterface(options.interface);
+    if (checked != kExitDone) return checked;
+    Follower follower;
+    const ExitStatus started = StartFollowing(follower, settings, options.interface, false);
+    if (started != kExitDone) return started;
+    Applier applier{.interface = options.interface,
+                    .metric = options.metric,
+                    .dryRun = options.dryRun,
+                    .quiet = settings.json,
+                    .netlink = OpenNetlink(),
+                    .bus = follower.session.bus.get()};
+    if (applier.netlink == nullptr) return Refuse(kExitRefused, "the kernel takes no rtnetlink connection", "");
+    return Apply(follower, applier, options);
+}
+
+}  // namespace
+
+void AddApplyCommand(CommandLine& line) {
+    AddCommand<ApplyOptions>(
+        line, "apply", "Give an interface its address, default route and DNS servers as leased",
+        "  ostrelctl apply eth0             until stopped, and then remove them again\n"
+        "  ostrelctl apply eth0 --dry-run   print what would be done\n"
+        "  ostrelctl apply eth0 --once      apply the first lease and end\n"
+        "It needs root. What was on the interface before is left alone. The kernel ends the address with the lease, "
+        "even\n"
+        "when apply is killed. When the daemon goes, leases stay until they end; when it is back and has none for the\n"
+        "interface within 10 s, what came from the last is removed. DNS servers go to systemd-resolved when it runs,\n"
+        "else to the program resolvconf.\n",
+        Declare, Run);
+}
+
+}  // namespace ostrelctl

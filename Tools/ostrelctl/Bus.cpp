@@ -1,0 +1,126 @@
+// The daemon as ostrelctl reaches it.
+//
+// A call ends in one of three ways: the daemon answers (and may refuse), the bus refuses, or there is no daemon. The
+// bus has names for its refusals; here they become words, and what to do about them.
+#include "Bus.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "Ostrel/OstrelJsonUtils.h"
+
+#include "Terminal.h"
+
+using valdo::JValue;
+
+namespace ostrelctl {
+
+namespace {
+
+struct ErrorRelease {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    ~ErrorRelease() { sd_bus_error_free(&error); }
+};
+
+bool IsAbsence(const sd_bus_error& error) {
+    return sd_bus_error_has_names(&error, SD_BUS_ERROR_SERVICE_UNKNOWN, SD_BUS_ERROR_NAME_HAS_NO_OWNER,
+                                  SD_BUS_ERROR_NO_REPLY, SD_BUS_ERROR_DISCONNECTED, SD_BUS_ERROR_TIMEOUT) > 0 ||
+           (error.name != nullptr && std::string_view(error.name).starts_with("org.freedesktop.DBus.Error.Spawn."));
+}
+
+}  // namespace
+
+Answer ExplainRefusal(const sd_bus_error& error) {
+    const std::string words = error.message == nullptr ? "no reason given" : Printable(error.message);
+    if (IsAbsence(error))
+        return {.status = kExitNoDaemon,
+                .problem = "the daemon does not answer on the bus: " + words,
+                .next = "start it with 'systemctl start ostreld', and see 'journalctl -u ostreld' if it does not stay"};
+    if (sd_bus_error_has_name(&error, SD_BUS_ERROR_ACCESS_DENIED) > 0)
+        return {.status = kExitRefused,
+                .problem = "you may not talk to the daemon",
+                .next = "become root, or a member of the group 'ostrel': sudo adduser NAME ostrel"};
+    return {.status = kExitRefused,
+            .problem = "the bus refused the call: " + words,
+            .next = "if the daemon was updated lately, restart it, and compare 'ostrelctl --version'"};
+}
+
+Answer ReadReply(sd_bus_message* message) {
+    const char* text = nullptr;
+    Answer answer{.status = kExitRefused};
+    valdo::JDomParser parser;
+    if (sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, &text) <= 0 ||
+        !parser.parse(text, valdo::JSchemaFragment("{}"))) {
+        answer.problem = "the daemon's reply is not understood";
+        answer.next = "are ostrelctl and ostreld of one version?";
+        return answer;
+    }
+    answer.text = text;
+    answer.reply = parser.getDom();
+    if (CheckJsonReply(answer.reply)) answer.status = kExitDone;
+    return answer;
+}
+
+BusMessage MakeCall(const Session& session, const char* destination, const Method& method, const JValue& request) {
+    std::string text;
+    if (!valdo::JGenerator::toString(request, valdo::JSchemaFragment("{}"), text)) return nullptr;
+    sd_bus_message* call = nullptr;
+    int made = sd_bus_message_new_method_call(session.bus.get(), &call, destination, method.category,
+                                              InterfaceOf(method).c_str(), method.name);
+    if (made >= 0) made = sd_bus_message_append_basic(call, SD_BUS_TYPE_STRING, text.c_str());
+    if (made >= 0) made = sd_bus_message_set_auto_start(call, session.startDaemon ? 1 : 0);
+    BusMessage owned(call);
+    return made >= 0 ? std::move(owned) : nullptr;
+}
+
+std::string InterfaceOf(const Method& method) {
+    const std::string_view category = method.category;
+    return category == "/" ? kService : std::string(kService) + '.' + std::string(category.substr(1));
+}
+
+ExitStatus OpenSession(bool json, bool startDaemon, Session& session) {
+    sd_bus* bus = nullptr;
+    const int opened = sd_bus_open_system(&bus);
+    if (opened < 0) {
+        return Refuse(kExitNoDaemon, std::string("the system bus cannot be reached: ") + std::strerror(-opened),
+                      "is dbus-daemon running? DBUS_SYSTEM_BUS_ADDRESS, when set, must name its socket");
+    }
+    session = {.bus = BusConnection(bus), .json = json, .startDaemon = startDaemon};
+    return kExitDone;
+}
+
+Answer AskQuietly(const Session& session, const Method& method, const JValue& request) {
+    const BusMessage call = MakeCall(session, kService, method, request);
+    if (call == nullptr) return {.status = kExitRefused, .problem = "no memory for the call"};
+
+    ErrorRelease failure;
+    sd_bus_message* received = nullptr;
+    const int called = sd_bus_call(session.bus.get(), call.get(), 0, &failure.error, &received);
+    const BusMessage reply(received);
+    return called < 0 ? ExplainRefusal(failure.error) : ReadReply(reply.get());
+}
+
+Answer Ask(const Session& session, const Method& method, const JValue& request) {
+    Answer answer = AskQuietly(session, method, request);
+    if (session.json && !answer.text.empty()) {
+        puts(answer.text.c_str());
+        (void)fflush(stdout);
+    }
+    return answer;
+}
+
+ExitStatus AskOrComplain(const Session& session, const Method& method, const JValue& request, std::string_view problem,
+                         std::string_view next, Answer& answer) {
+    answer = Ask(session, method, request);
+    if (answer.status == kExitDone) return kExitDone;
+    if (answer.problem.empty()) return Refuse(answer.status, problem, next);
+    return Refuse(answer.status, answer.problem, answer.next);
+}
+
+JValue RequestFor(const std::string& interface) {
+    JValue request = valdo::Object();
+    if (!interface.empty()) request.put("interface", interface.c_str());
+    return request;
+}
+
+}  // namespace ostrelctl

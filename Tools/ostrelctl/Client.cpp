@@ -1,0 +1,132 @@
+// ostrelctl client: an interface gets its address by DHCP, or as told.
+//
+// Two calls: the interface is handed over, then its client is started. A static client needs no start, since it
+// publishes what it was given at once; started as well, it would publish twice.
+#include <cstdio>
+
+#include "Ostrel/OstrelJsonUtils.h"
+
+#include "Arguments.h"
+#include "Bus.h"
+#include "Checks.h"
+#include "Command.h"
+#include "Fields.h"
+#include "Lease.h"
+#include "Managed.h"
+
+using valdo::JValue;
+
+namespace ostrelctl {
+
+namespace {
+
+constexpr size_t kLongestClientIdentifier = 254;  // with its type byte, what option 61 holds
+
+struct ClientOptions {
+    std::string interface;
+    bool dhcp = false;
+    std::optional<Network> fixed;        // --static
+    std::optional<Ostrel_IPv4> address;  // --address
+    std::optional<Ostrel_IPv4> router;
+    std::vector<Ostrel_IPv4> dnsServers;
+    std::optional<std::string> domainName, clientIdentifier;
+    bool linkLocal = false;
+    bool noStart = false;
+};
+
+void Declare(CLI::App& command, ClientOptions& options) {
+    AddInterface(command, options.interface)->required();
+    CLI::Option* const dhcp = command.add_flag("--dhcp", options.dhcp, "Everything by DHCP; the default");
+    CLI::Option* const fixed = AddNetwork(command, "--static", options.fixed, "This address, and no DHCP");
+    AddAddress(command, "--address", options.address, "Show this address until a server grants one; the rest by DHCP")
+        ->excludes(dhcp)
+        ->excludes(fixed);
+    fixed->excludes(dhcp);
+    AddAddress(command, "--router", options.router, "With --static: the default router")->needs(fixed);
+    AddDnsServers(command, options.dnsServers)->needs(fixed);
+    AddText(command, "--domain", options.domainName, kLongestDomainName, "With --static: the domain name")
+        ->needs(fixed);
+    command.add_flag("--link-local", options.linkLocal, "A link-local address too, for when there is no other");
+    AddText(command, "--client-id", options.clientIdentifier, kLongestClientIdentifier,
+            "How it identifies itself to servers; otherwise by its MAC");
+    command.add_flag("--no-start", options.noStart, "Configure only; 'ostrelctl init IFACE' starts it");
+}
+
+ExitStatus Check(const ClientOptions& options) {
+    ExitStatus checked = CheckDnsServers(options.dnsServers);
+    if (checked == kExitDone && options.fixed) checked = CheckOwnAddress(*options.fixed);
+    if (checked == kExitDone && options.address) checked = CheckOwnAddress({*options.address, kAnyIPv4});
+    if (checked == kExitDone) checked = CheckInterface(options.interface);
+    if (checked != kExitDone) return checked;
+    if (options.fixed && options.router) HintAtRouter(*options.fixed, *options.router);
+    return kExitDone;
+}
+
+// The daemon wants all four addresses, of which a client uses none or two.
+JValue RequestOf(const ClientOptions& options) {
+    const Network fixed = options.fixed.value_or(Network{.address = options.address.value_or(kAnyIPv4)});
+    const char* const addressing = options.fixed ? "static" : options.address ? "dhcpManualAddress" : "dhcp";
+    JValue request = RequestFor(options.interface);
+    request.put("mode", "client");
+    request.put("ipv4Config", addressing);
+    if (options.linkLocal) request.put("ipv4LinkLocal", true);
+    OstrelJsonUtilsIPv4Put(request, "ipv4Address", fixed.address);
+    OstrelJsonUtilsIPv4Put(request, "ipv4Subnet", fixed.mask);
+    OstrelJsonUtilsIPv4Put(request, "ipv4Router", options.router.value_or(kAnyIPv4));
+    OstrelJsonUtilsIPv4Put(request, "ipv4RangeStart", kAnyIPv4);
+    OstrelJsonUtilsIPv4ArrayPut(request, "dnsServers", options.dnsServers);
+    if (options.domainName) request.put("domainName", options.domainName->c_str());
+    if (options.clientIdentifier) request.put("clientIdentifier", options.clientIdentifier->c_str());
+    return request;
+}
+
+ExitStatus Start(const Session& session, const std::string& interface) {
+    JValue request = RequestFor(interface);
+    request.put("leaseAction", "init");
+    const Answer answer = Ask(session, kLeaseAction, request);
+    if (answer.status == kExitDone) return kExitDone;
+    const std::string problem = answer.problem.empty() ? "the daemon did not start the client" : answer.problem;
+    return Refuse(answer.status, problem,
+                  '\'' + interface + "' is managed, but idle: 'ostrelctl init " + interface +
+                      "' starts it, 'release' " + "gives it back");
+}
+
+void Confirm(const ClientOptions& options, bool started) {
+    const char* const name = options.interface.c_str();
+    if (started)
+        printf("%s: client started; 'ostrelctl status %s' shows what it gets\n", name, name);
+    else if (options.fixed)
+        printf("%s: client with its static address; 'ostrelctl status %s' shows it\n", name, name);
+    else
+        printf("%s: client configured; 'ostrelctl init %s' starts it\n", name, name);
+}
+
+ExitStatus Run(const ClientOptions& options, const Settings& settings) {
+    const ExitStatus checked = Check(options);
+    if (checked != kExitDone) return checked;
+    Session session;
+    const ExitStatus opened = OpenSession(settings.json, true, session);
+    if (opened != kExitDone) return opened;
+    const ExitStatus handed = HandOver(session, options.interface, RequestOf(options));
+    if (handed != kExitDone) return handed;
+
+    const bool starts = !options.noStart && (!options.fixed || options.linkLocal);
+    const ExitStatus started = starts ? Start(session, options.interface) : kExitDone;
+    if (started == kExitDone && !settings.json) Confirm(options, starts);
+    return started;
+}
+
+}  // namespace
+
+void AddClientCommand(CommandLine& line) {
+    AddCommand<ClientOptions>(
+        line, "client", "Get an address for an interface",
+        "  ostrelctl client eth0                        by DHCP\n"
+        "  ostrelctl client eth0 --link-local           by DHCP, and 169.254.x.y when nobody answers\n"
+        "  ostrelctl client eth0 --static 192.0.2.7/24 --router 192.0.2.1 --dns 192.0.2.3,192.0.2.4\n"
+        "  ostrelctl client eth0 --address 192.0.2.7    shown until a server grants one, which need not be it\n"
+        "'ostrelctl apply eth0' then sets what it gets in the kernel, which the daemon itself does not.\n",
+        Declare, Run);
+}
+
+}  // namespace ostrelctl

@@ -1,0 +1,73 @@
+// The daemon's leases as they change: what watch, wait and apply share.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Bus.h"
+#include "FileDescriptor.h"
+#include "Holding.h"
+
+namespace ostrelctl {
+
+enum class News {
+    Leases,       // a reply or a post has come
+    DaemonGone,   // its name has left the bus
+    DaemonBack,   // somebody has taken the name; from now on he is asked
+    Deadline,     // the time given is over
+    Interrupted,  // SIGINT, SIGTERM or SIGHUP
+    Failed,       // the bus is lost, or refuses; it has been complained about
+};
+
+enum class Origin { Post, Subscription, Question };  // how leases came: Question is the one asked every two seconds
+
+struct Event {
+    News news;
+    ExitStatus status = kExitDone;  // of Failed: what to end with
+
+    // Of Leases:
+    bool server = false;  // the tables of servers, else what clients hold
+    Origin origin = Origin::Question;
+    std::string text{};  // as it came
+    valdo::JValue root{};
+    Hearing hearing{};
+};
+
+// What is asked again and again; `cookie` is 0 unless its answer is awaited.
+struct Question {
+    const Method* method;
+    uint64_t cookie = 0;
+    bool subscribes = true;
+    bool overdue = false;  // the answer takes so long that it has been complained about
+    TimePoint due{};       // when to ask; while an answer is awaited, when to complain
+    int64_t asked = 0;     // wall clock, seconds
+};
+
+struct Follower {
+    Session session{};
+    FileDescriptor signals;
+    std::string interface;  // the only one asked about; empty: all
+    std::string owner;      // the daemon's connection; empty: there is none
+    std::vector<Question> questions;
+};
+
+// Connects, blocks the signals that end a program and finds the daemon, without starting it. With `servers` the tables
+// of servers are followed, too. Complains on failure.
+[[nodiscard]] ExitStatus StartFollowing(Follower& follower, const Settings& settings, const std::string& interface,
+                                        bool servers);
+
+// Waits for something to happen, until `deadline` at most. Whenever there is a daemon it is subscribed to, and asked
+// every two seconds.
+[[nodiscard]] Event NextEvent(Follower& follower, TimePoint deadline);
+
+// What leases say of one client interface: all empty when a reply does not list it, nothing when a post is of others.
+[[nodiscard]] std::optional<ClientLease> SaidOf(const Event& event, const std::string& interface);
+
+// The text of leases on a line of its own.
+void PrintText(const Event& event);
+
+// The beginning of a line about an interface: "14:03:22 eth0     ".
+[[nodiscard]] std::string LineHead(const std::string& interface);
+
+}  // namespace ostrelctl

@@ -1,0 +1,205 @@
+// ostrelctl status: what a person wants to see at a glance.
+//
+// The configuration says which roles there are; the leases are asked for of those roles only. The daemon sets no
+// address itself, so an address that the kernel does not have is worth a word. What a client holds is coloured by the
+// age of its lease: it should have been renewed at half of it (T1), and at seven eighths (T2) any server is asked,
+// RFC 2131 section 4.4.5.
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+
+#include "Arguments.h"
+#include "Bus.h"
+#include "Command.h"
+#include "Device.h"
+#include "Lease.h"
+#include "Managed.h"
+#include "Page.h"
+
+namespace ostrelctl {
+
+namespace {
+
+constexpr double kRenewsAt = 0.5, kRebindsAt = 0.875;  // parts of a lease
+constexpr double kFillingUp = 0.75, kFull = 0.95;      // parts of a range
+constexpr int64_t kARPCheckSeconds = 2;                // a lease is not used before nobody has objected
+
+struct StatusOptions {
+    std::string interface;
+};
+
+// What status shows, as of `now`.
+struct Picture {
+    std::vector<Managed> interfaces;
+    std::vector<ClientLease> clients;
+    std::vector<ServerLease> servers;
+    int64_t now = 0;
+    Terminal terminal{};
+};
+
+void Declare(CLI::App& command, StatusOptions& options) {
+    AddInterface(command, options.interface)->description("Only this interface");
+}
+
+void Put(Block& block, const char* label, const std::string& value) {
+    if (!value.empty()) block.fields.push_back({.label = label, .value = Printable(value)});
+}
+
+std::string_view Grade(const Picture& picture, double part, double warning, double bad) {
+    const Palette& palette = picture.terminal.palette;
+    return part < warning ? palette.good : part < bad ? palette.warning : palette.bad;
+}
+
+std::string Trouble(const std::string& interface) {
+    switch (StateOfLink(interface)) {
+        case LinkState::Absent:
+            return "gone";
+        case LinkState::NotEthernet:
+            return "not Ethernet any more";
+        case LinkState::Down:
+            return "down";
+        case LinkState::NoCarrier:
+            return "no carrier";
+        case LinkState::Running:
+            return {};
+    }
+    return {};
+}
+
+std::string SourceOf(const Managed& interface, const ClientLease& lease, int64_t now) {
+    if (!lease.times) return "link-local";
+    if (interface.addressing == "static") return "static";
+    if (lease.mask == kAnyIPv4) return "as configured, no lease yet";  // "dhcpManualAddress"
+    return now - lease.times->began < kARPCheckSeconds ? "by DHCP, being checked" : "by DHCP";
+}
+
+void PutAddress(Block& block, const Managed& interface, const std::string& address, Ostrel_IPv4 number) {
+    const bool set = HasAddress(interface.interface, number);
+    Put(block, "address", set ? address : address + ", not set on " + interface.interface);
+}
+
+void PutClientAddress(Block& block, const Picture& picture, const Managed& interface, const ClientLease& lease) {
+    if (lease.address == kAnyIPv4) {
+        block.mark = Mark::Nothing;
+        Put(block, "address", "none yet, or halted");
+        return;
+    }
+    const std::string address =
+        lease.mask == kAnyIPv4 ? AddressText(lease.address) : AddressWithPrefix(lease.address, lease.mask);
+    PutAddress(block, interface, address + ' ' + SourceOf(interface, lease, picture.now), lease.address);
+    block.mark = lease.times && lease.mask != kAnyIPv4 ? Mark::Good : Mark::Reserve;
+}
+
+std::string EndText(int64_t ends, int64_t now) {
+    return ClockText(ends, now) + (ends <= now ? ", ended" : ", in " + SpanText(ends - now));
+}
+
+void PutLeaseTimes(Block& block, const Picture& picture, const LeaseTimes& times) {
+    if (times.ends == kForever) return Put(block, "expires", "never");
+    const int64_t whole = times.ends - times.began;
+    const int64_t age = std::clamp(picture.now - times.began, int64_t{0}, whole);
+    const double part = static_cast<double>(age) / static_cast<double>(std::max(whole, int64_t{1}));
+    Put(block, "expires", EndText(times.ends, picture.now));
+    block.fields.push_back({.label = "age",
+                            .value = SpanText(age) + " of " + SpanText(whole),
+                            .colour = {},
+                            .gauge = Gauge{.part = part, .colour = Grade(picture, part, kRenewsAt, kRebindsAt)}});
+}
+
+Block DescribeClient(const Picture& picture, const Managed& interface) {
+    Block block{
+        .name = Printable(interface.interface), .role = RoleText(interface), .trouble = Trouble(interface.interface)};
+    const auto found = std::find_if(picture.clients.begin(), picture.clients.end(),
+                                    [&interface](const auto& lease) { return lease.interface == interface.interface; });
+    const ClientLease lease = found == picture.clients.end() ? ClientLease{} : *found;
+    PutClientAddress(block, picture, interface, lease);
+    Put(block, "router", AddressText(lease.routers));
+    Put(block, "DNS", AddressText(lease.dnsServers));
+    Put(block, "domain", lease.domainName);
+    const bool leased = lease.times && lease.mask != kAnyIPv4 && interface.addressing != "static";
+    if (leased) PutLeaseTimes(block, picture, *lease.times);
+    return block;
+}
+
+void PutUse(Block& block, const Picture& picture, const Managed& interface) {
+    int64_t used = 0, next = kForever;
+    for (const ServerLease& lease : picture.servers) {
+        if (lease.interface != interface.interface || lease.times.ends <= picture.now) continue;
+        ++used;
+        next = std::min(next, lease.times.ends);
+    }
+    const double part = static_cast<double>(used) / static_cast<double>(std::max(interface.maxLeases, int64_t{1}));
+    block.fields.push_back({.label = "leases",
+                            .value = std::to_string(used) + " of " + std::to_string(interface.maxLeases),
+                            .colour = {},
+                            .gauge = Gauge{.part = part, .colour = Grade(picture, part, kFillingUp, kFull)}});
+    if (next != kForever) Put(block, "next ends", EndText(next, picture.now));
+}
+
+Block DescribeServer(const Picture& picture, const Managed& interface) {
+    Block block{.name = Printable(interface.interface),
+                .role = "server, leases for " + SpanText(interface.leaseSeconds),
+                .trouble = Trouble(interface.interface),
+                .mark = Mark::Good};
+    PutAddress(block, interface, AddressText(interface.address), interface.address);
+    Put(block, "range", AddressText(interface.rangeFirst) + " to " + AddressText(interface.rangeLast));
+    PutUse(block, picture, interface);
+    Put(block, "router", AddressText(interface.routers));
+    Put(block, "DNS", AddressText(interface.dnsServers));
+    Put(block, "domain", interface.domainName);
+    return block;
+}
+
+ExitStatus AskLeases(const Session& session, const std::string& name, Picture& picture) {
+    const auto has = [&picture](bool server) {
+        return std::any_of(picture.interfaces.begin(), picture.interfaces.end(),
+                           [server](const Managed& interface) { return interface.server == server; });
+    };
+    Answer answer;
+    ExitStatus asked = kExitDone;
+    if (has(false)) {
+        asked =
+            AskOrComplain(session, kClientLeaseInformation, RequestFor(name), "the daemon shows no leases", "", answer);
+        picture.clients = ReadClientLeases(answer.reply);
+    }
+    if (asked == kExitDone && has(true)) {
+        asked =
+            AskOrComplain(session, kServerLeaseInformation, RequestFor(name), "the daemon shows no leases", "", answer);
+        picture.servers = ReadServerLeases(answer.reply);
+    }
+    return asked;
+}
+
+void Show(const Picture& picture) {
+    std::vector<Block> blocks;
+    for (const Managed& interface : picture.interfaces)
+        blocks.push_back(interface.server ? DescribeServer(picture, interface) : DescribeClient(picture, interface));
+    PrintBlocks(picture.terminal, blocks);
+    if (blocks.empty()) puts(kNothingManaged);
+}
+
+ExitStatus Run(const StatusOptions& options, const Settings& settings) {
+    Session session;
+    const ExitStatus opened = OpenSession(settings.json, true, session);
+    if (opened != kExitDone) return opened;
+    Picture picture;
+    ExitStatus asked = AskManaged(session, options.interface, picture.interfaces);
+    if (asked == kExitDone) asked = AskLeases(session, options.interface, picture);
+    if (asked != kExitDone || settings.json) return asked;
+    picture.now = std::time(nullptr);
+    picture.terminal = DescribeStandardOutput();
+    Show(picture);
+    return kExitDone;
+}
+
+}  // namespace
+
+void AddStatusCommand(CommandLine& line) {
+    AddCommand<StatusOptions>(line, "status", "Show what is managed, and what it has",
+                              "  ostrelctl status           every managed interface\n"
+                              "  ostrelctl status eth0\n"
+                              "  watch ostrelctl status     again every two seconds\n",
+                              Declare, Run);
+}
+
+}  // namespace ostrelctl
