@@ -286,13 +286,4 @@ TEST_F(VoroBusTest, ABusDaemonThatHangsHoldsNobody) {
     handle = nullptr;
 }
 
-TEST_F(VoroBusTest, OnlyRootOwnsTheNameAndCalls) {
-    for (const std::string call : {"org.ostrel.dhcp / org.ostrel.dhcp echo s x",
-                                   "org.freedesktop.DBus / org.freedesktop.DBus RequestName su org.ostrel.dhcp 0"}) {
-        const std::string refused = "setpriv --reuid=65534 --regid=65534 --clear-groups busctl call " + call +
-                                    " 2>&1 | grep -q 'Access denied'";
-        EXPECT_EQ(std::system(refused.c_str()), 0) << call;  // NOLINT(cert-env33-c): the commands are this file's own
-    }
-}
-
 }  // namespace
