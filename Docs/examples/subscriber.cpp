@@ -1,0 +1,200 @@
+// A small subscriber of the address daemon, in C++ with sd-bus.
+//
+//     subscriber [COUNT]
+//
+// Prints a line for each change of an address, on any interface that runs a DHCP client; after COUNT lines, if given,
+// it ends with status 0. It configures nothing. Leases are printed when the daemon posts them. What it doesn't post is
+// asked for every two seconds: the loss of a lease, a link-local address, and what was there before this program. An
+// address in a reply may still be in its ARP check, so it counts when it has stood for long enough. The daemon may come
+// and go; whenever its name has a new owner, that one is subscribed to.
+//
+// It shows what the daemon says. A program that configures addresses would keep one of a daemon that went away until
+// the lease ends, see Docs/subscriber.md.
+//
+// Any process may send a signal to any other, with any contents: only what the owner of the daemon's name sends counts.
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <systemd/sd-bus.h>
+
+namespace {
+
+using nlohmann::json;
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+constexpr char kService[] = "org.ostrel.dhcp";
+constexpr char kInterface[] = "org.ostrel.dhcp.client";
+constexpr char kPath[] = "/client";
+constexpr char kBus[] = "org.freedesktop.DBus";
+constexpr char kOwnerChanges[] =
+    "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='org.ostrel.dhcp'";
+constexpr char kNone[] = "0.0.0.0";
+constexpr auto kAskInterval = 2s;
+constexpr auto kLeaseCheck = 3s;      // the ARP check of a lease takes two
+constexpr auto kLinkLocalCheck = 6s;  // probes and the first announcement take up to five
+
+struct Address {
+    std::string text = kNone;
+    Clock::time_point since;
+    bool isPrinted = false;
+};
+
+struct Subscriber {
+    sd_bus* bus = nullptr;
+    std::string owner;                         // unique name of the daemon; empty: it is not there
+    std::map<std::string, Address> addresses;  // by interface
+    unsigned long printed = 0;
+    bool isRefused = false;
+};
+
+void Print(Subscriber& self, const std::string& interface, Address& address, const std::string& words) {
+    printf("%s: %s %s\n", interface.c_str(), address.text.c_str(), words.c_str());
+    (void)fflush(stdout);
+    address.isPrinted = true;
+    ++self.printed;
+}
+
+void Lose(Subscriber& self, const std::string& interface, Address& address) {
+    if (address.isPrinted) Print(self, interface, address, "is gone");
+    address = {};
+}
+
+// A lease has a time, and a subnet: without one it is an address that was only wished for.
+bool IsLease(const json& entry) {
+    return entry.contains("leaseTime") && entry.value("ipv4Subnet", kNone) != kNone;
+}
+
+std::string WordsFor(const json& entry) {
+    if (!IsLease(entry)) return "is link-local";
+    return "is leased until " + entry.value("leaseExpiryString", "the end of time");
+}
+
+// One element of an "interfaceList".
+void Take(Subscriber& self, const json& entry, bool isPosted) {
+    const std::string interface = entry.value("interface", "");
+    const bool isLinkLocal = !entry.contains("leaseTime");
+    const std::string text = isLinkLocal || IsLease(entry) ? entry.value("ipv4Address", kNone) : kNone;
+    Address& address = self.addresses[interface];
+    if (address.text != text) {
+        Lose(self, interface, address);
+        address = {.text = text, .since = Clock::now()};
+    }
+    const bool hasStood = Clock::now() - address.since >= (isLinkLocal ? kLinkLocalCheck : kLeaseCheck);
+    if (text != kNone && (isPosted || (!address.isPrinted && hasStood)))
+        Print(self, interface, address, WordsFor(entry));
+}
+
+// A reply lists every interface: one that is missing is no longer managed.
+void LoseMissing(Subscriber& self, const json& list) {
+    for (auto& [interface, address] : self.addresses) {
+        const auto isIt = [&name = interface](const json& entry) { return entry.value("interface", "") == name; };
+        if (std::none_of(list.begin(), list.end(), isIt)) Lose(self, interface, address);
+    }
+}
+
+// The text of a reply or a post. One that isn't as documented is reported and left alone.
+void TakeMessage(Subscriber& self, sd_bus_message* message, bool isPosted) {
+    const char* text = "";
+    if (sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, &text) <= 0) return;
+    try {
+        const json list = json::parse(text).at("interfaceList");
+        for (const json& entry : list) Take(self, entry, isPosted);
+        if (!isPosted) LoseMissing(self, list);
+    } catch (const std::exception& error) {
+        (void)fprintf(stderr, "subscriber: not understood: %s\n", error.what());
+    }
+}
+
+// Asks what there is, and with `subscribe` to be told of what comes.
+void Ask(Subscriber& self, bool subscribe) {
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_message* reply = nullptr;
+    const int called = sd_bus_call_method(self.bus, self.owner.c_str(), kPath, kInterface, "leaseInformation", &error,
+                                          &reply, "s", subscribe ? R"({"subscribe":true})" : "{}");
+    if (called >= 0) TakeMessage(self, reply, false);
+    self.isRefused = sd_bus_error_has_name(&error, SD_BUS_ERROR_ACCESS_DENIED) > 0;
+    sd_bus_message_unref(reply);
+    sd_bus_error_free(&error);
+}
+
+int OnPost(sd_bus_message* message, void* context, sd_bus_error*) {
+    auto& self = *static_cast<Subscriber*>(context);
+    const char* sender = sd_bus_message_get_sender(message);
+    if (sender != nullptr && self.owner == sender) TakeMessage(self, message, true);
+    return 0;
+}
+
+void Follow(Subscriber& self, const char* owner) {
+    self.owner = owner;
+    if (self.owner.empty()) {
+        (void)fputs("subscriber: waiting for the daemon\n", stderr);
+    } else {
+        Ask(self, true);
+    }
+}
+
+int OnOwnerChanged(sd_bus_message* message, void* context, sd_bus_error*) {
+    const char* name = "";
+    const char* before = "";
+    const char* now = "";
+    const char* sender = sd_bus_message_get_sender(message);
+    if (sender == nullptr || strcmp(sender, kBus) != 0) return 0;
+    if (sd_bus_message_read(message, "sss", &name, &before, &now) > 0) Follow(*static_cast<Subscriber*>(context), now);
+    return 0;
+}
+
+// Whoever owns the name already. The match was added before this question, so no change can fall between the two.
+void FindOwner(Subscriber& self) {
+    sd_bus_message* reply = nullptr;
+    const char* owner = "";
+    if (sd_bus_call_method(self.bus, kBus, "/", kBus, "GetNameOwner", nullptr, &reply, "s", kService) >= 0)
+        (void)sd_bus_message_read_basic(reply, SD_BUS_TYPE_STRING, &owner);
+    Follow(self, owner);
+    sd_bus_message_unref(reply);
+}
+
+int Connect(Subscriber& self) {
+    int status = sd_bus_open_system(&self.bus);
+    if (status >= 0) status = sd_bus_add_match(self.bus, nullptr, kOwnerChanges, OnOwnerChanged, &self);
+    if (status >= 0)
+        status =
+            sd_bus_match_signal(self.bus, nullptr, nullptr, kPath, kInterface, "leaseInformationUpdate", OnPost, &self);
+    if (status >= 0) FindOwner(self);
+    return status;
+}
+
+// Until the wanted lines are printed, the bus refuses, or it is lost; 0 or a negative errno value.
+int Run(Subscriber& self, unsigned long wanted) {
+    for (auto next = Clock::now() + kAskInterval; !self.isRefused && (wanted == 0 || self.printed < wanted);) {
+        const int handled = sd_bus_process(self.bus, nullptr);
+        if (handled < 0) return handled;
+        if (handled > 0) continue;
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(next - Clock::now()).count();
+        if (left > 0) {
+            const int waited = sd_bus_wait(self.bus, static_cast<uint64_t>(left));
+            if (waited < 0 && waited != -EINTR) return waited;
+            continue;
+        }
+        if (!self.owner.empty()) Ask(self, false);
+        next = Clock::now() + kAskInterval;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    Subscriber self;
+    int status = Connect(self);
+    if (status >= 0) status = Run(self, argc > 1 ? strtoul(argv[1], nullptr, 10) : 0);
+    if (status < 0) (void)fprintf(stderr, "subscriber: the bus: %s\n", strerror(-status));
+    if (self.isRefused) (void)fputs("subscriber: the bus refuses; be root, or in the group ostrel\n", stderr);
+    sd_bus_flush_close_unref(self.bus);
+    return status < 0 || self.isRefused ? 1 : 0;
+}
