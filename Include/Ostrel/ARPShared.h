@@ -6,8 +6,8 @@
 #include <span>
 
 #include "Ostrel/Address.h"
-#include "Ostrel/DHCPShared.h"
 #include "Ostrel/Status.h"
+#include "Ostrel/Wire.h"
 
 struct Ostrel_InterfaceObj;
 struct Ostrel_PacketFilter;
@@ -31,7 +31,6 @@ struct [[gnu::packed]] Ostrel_ARPAddresses {
 };
 static_assert(sizeof(Ostrel_ARPAddresses) == 20);
 
-constexpr uint16_t kEtherTypeARP = 0x0806;
 constexpr uint16_t kARPRequest = 1;
 constexpr uint16_t kARPReply = 2;
 constexpr size_t kARPFrameSize =

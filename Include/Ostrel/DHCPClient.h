@@ -25,6 +25,9 @@ constexpr uint32_t kClientStateRenewing = 6;
 constexpr uint32_t kClientStateBound = 7;
 constexpr uint32_t kClientStateInitReboot = 8;  // idle, waiting for a lease action
 
+// How long the address of a new lease is checked with ARP before the lease counts and is published.
+constexpr uint32_t kARPCheckSeconds = 2;
+
 struct Ostrel_LeaseOffer {
     Ostrel_IPv4 address;
     Ostrel_IPv4 serverIdentifier;

@@ -7,10 +7,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
-#include <type_traits>
 
 #include "Ostrel/Address.h"
 #include "Ostrel/Status.h"
+#include "Ostrel/Wire.h"
 
 #include "os_memory.h"
 
@@ -18,37 +18,7 @@ struct Ostrel_InterfaceObj;
 struct Ostrel_PacketFilter;
 struct wpabuf;
 
-// Wire layouts. Multi-byte fields are in network byte order.
-struct [[gnu::packed]] Ostrel_EthernetHeader {
-    Ostrel_MAC dst;
-    Ostrel_MAC src;
-    uint16_t etherType;
-};
-static_assert(sizeof(Ostrel_EthernetHeader) == 14);
-
-struct [[gnu::packed]] Ostrel_IPv4Header {
-    uint8_t versionAndLength;  // length: low four bits, in 32-bit words
-    uint8_t typeOfService;
-    uint16_t totalLength;
-    uint16_t identification;
-    uint16_t flagsAndOffset;
-    uint8_t timeToLive;
-    uint8_t protocol;
-    uint16_t checksum;
-    Ostrel_IPv4 src;
-    Ostrel_IPv4 dst;
-};
-static_assert(sizeof(Ostrel_IPv4Header) == 20);
-
-struct [[gnu::packed]] Ostrel_UDPHeader {
-    uint16_t srcPort;
-    uint16_t dstPort;
-    uint16_t length;
-    uint16_t checksum;
-};
-static_assert(sizeof(Ostrel_UDPHeader) == 8);
-
-// The fixed part of a BOOTP message (RFC 951 section 3, RFC 2131 section 2).
+// The fixed part of a BOOTP message (RFC 951 section 3, RFC 2131 section 2); multi-byte fields in network byte order.
 struct [[gnu::packed]] Ostrel_BOOTPMessage {
     uint8_t op;     // kBOOTPRequest or kBOOTPReply
     uint8_t htype;  // 1: Ethernet
@@ -68,13 +38,10 @@ struct [[gnu::packed]] Ostrel_BOOTPMessage {
 static_assert(sizeof(Ostrel_BOOTPMessage) == 236);
 static_assert(offsetof(Ostrel_BOOTPMessage, chaddr) == 28 && offsetof(Ostrel_BOOTPMessage, sname) == 44);
 
-constexpr uint16_t kEtherTypeIPv4 = 0x0800;
-constexpr uint8_t kIPProtocolUDP = 17;
 constexpr uint16_t kBOOTPServerPort = 67;
 constexpr uint16_t kBOOTPClientPort = 68;
 constexpr uint8_t kBOOTPRequest = 1;
 constexpr uint8_t kBOOTPReply = 2;
-constexpr uint8_t kHardwareTypeEthernet = 1;
 constexpr uint16_t kBOOTPFlagBroadcast = 0x8000;
 constexpr std::array<uint8_t, 4> kOptionsCookie{99, 130, 83, 99};  // RFC 2131 section 3
 constexpr size_t kFrameHeaderSize =
@@ -99,7 +66,14 @@ constexpr uint8_t kOptionRenewalTime = 58;
 constexpr uint8_t kOptionRebindingTime = 59;
 constexpr uint8_t kOptionClientIdentifier = 61;
 constexpr uint8_t kOptionEnd = 255;
+constexpr size_t kOptionHeader = 2;     // bytes before an option's data: code and length
 constexpr size_t kOptionMaxData = 255;  // bytes: what one length byte can say
+
+// Types of a client identifier, the first byte of option 61 (RFC 2132 section 9.14): 0 is text, otherwise a hardware
+// type.
+constexpr uint8_t kIdentifierTypeText = 0;
+constexpr uint8_t kIdentifierTypeEthernet = kHardwareTypeEthernet;
+constexpr size_t kMaxIdentifierText = kOptionMaxData - 1;  // bytes of text behind the type
 
 // Message types (option 53).
 constexpr uint8_t kDHCPDiscover = 1;
@@ -175,13 +149,6 @@ struct Ostrel_PreprocessedPacket {
 // kTooLongErr, with nothing appended, when the buffer has no room for the whole of it.
 [[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketAppendOption(wpabuf* buffer, uint8_t code, std::span<const uint8_t> data);
 
-// The bytes of a header or a number, as they lie in memory.
-template <typename Value>
-[[nodiscard]] std::span<const uint8_t> Ostrel_BytesOf(const Value& value) {
-    static_assert(std::is_trivially_copyable_v<Value>);
-    return {reinterpret_cast<const uint8_t*>(&value), sizeof value};
-}
-
 // Names for log lines; "UNKNOWN" for anything else.
 [[nodiscard]] const char* Ostrel_DHCPMsgTypeString(uint8_t messageType);
 [[nodiscard]] const char* Ostrel_ClientStateString(int32_t state);
@@ -200,6 +167,3 @@ template <typename Value>
                                               const Ostrel_MAC& destinationMAC, Ostrel_IPv4 source, uint16_t sourcePort,
                                               Ostrel_IPv4 destination, uint16_t destinationPort,
                                               std::span<const uint8_t> payload);
-
-// Sends what the interface's txFrame holds through the filter's socket. False only for a short send.
-[[nodiscard]] bool Ostrel_SendFrame(Ostrel_InterfaceObj* iface, const Ostrel_PacketFilter* filter);

@@ -40,3 +40,7 @@ void Ostrel_PacketFilterFinalize(Ostrel_PacketFilter* filter);
 [[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFilterInitialize(Ostrel_InterfaceObj* iface, Ostrel_PacketFilter* filter,
                                                                uint16_t destinationPort,
                                                                Ostrel_PacketCallback callback);
+
+// Sends what the interface's txFrame holds through the filter's socket. True only when fewer bytes went out than it
+// has: a frame that the link layer refuses with an error counts as sent, and is lost as it could be lost on the wire.
+[[nodiscard]] bool Ostrel_SendIsCutShort(Ostrel_InterfaceObj* iface, const Ostrel_PacketFilter* filter);

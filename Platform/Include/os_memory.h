@@ -4,10 +4,12 @@
 // an exception. A platform may let an allocation fail on purpose; that is how tests reach every failure path.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <span>
 #include <type_traits>
 
 // A zero-filled block of `size` bytes, aligned for any record; null when memory is out. A size of 0 is not a failure:
@@ -31,6 +33,18 @@ template <typename Element>
     static_assert(std::is_trivially_destructible_v<Element> && alignof(Element) <= alignof(std::max_align_t));
     if (count > SIZE_MAX / sizeof(Element)) return nullptr;
     return os_array<Element>(static_cast<Element*>(os_zalloc(count * sizeof(Element))));
+}
+
+// A copy of `elements` with `spare` zero-filled ones behind it; null when memory is out. The element type is named by
+// the caller, so that whatever is a span of such elements can be handed over: os_copy_array<char>(text, 1).
+template <typename Element>
+[[nodiscard]] os_array<Element> os_copy_array(std::type_identity_t<std::span<const Element>> elements,
+                                              size_t spare = 0) noexcept {
+    static_assert(std::is_trivially_copyable_v<Element>);
+    if (spare > SIZE_MAX - elements.size()) return nullptr;
+    os_array<Element> copy = os_zalloc_array<Element>(elements.size() + spare);
+    if (copy != nullptr) std::copy(elements.begin(), elements.end(), copy.get());
+    return copy;
 }
 
 // One record, every field zero; null when memory is out.

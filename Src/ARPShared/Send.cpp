@@ -5,6 +5,7 @@
 #include "Ostrel/Check.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/Log.h"
+#include "Ostrel/PacketFilter.h"
 
 #include "wpabuf.h"
 
@@ -34,7 +35,7 @@ Ostrel_Status Ostrel_ARPPacketSend(Ostrel_InterfaceObj* iface, const Ostrel_Pack
 
     DebugPrintF(kDebugLevelVerbose, "[%s] TX ARP Packet\n", iface->ifname.data());
     DebugHexDump(kDebugLevelVerbose, wpabuf_bytes(iface->txFrame));
-    OSTREL_REQUIRE(Ostrel_SendFrame(iface, filter), "( err >= wpabuf_len( iface->txFrame ) )", kSendFailedErr);
+    OSTREL_REQUIRE(!Ostrel_SendIsCutShort(iface, filter), "( err >= wpabuf_len( iface->txFrame ) )", kSendFailedErr);
     return kNoErr;
 }
 

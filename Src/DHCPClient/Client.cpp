@@ -6,6 +6,7 @@
 #include <array>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 #include "Ostrel/Check.h"
 #include "Ostrel/DHCPClient.h"
@@ -20,10 +21,6 @@ constexpr uint16_t kMaxMessageSize = 1500;  // bytes
 constexpr uint32_t kInitDelayMin = 0;       // seconds
 constexpr uint32_t kInitDelayMax = 1;
 constexpr uint32_t kSelectingTime = 3;
-
-// Types of a client identifier (RFC 2132 section 9.14): 0 is text, otherwise a hardware type.
-constexpr uint8_t kIdentifierTypeText = 0;
-constexpr uint8_t kIdentifierTypeEthernet = kHardwareTypeEthernet;
 
 constexpr std::array<uint8_t, 6> kRequestedOptions{kOptionSubnetMask, kOptionBroadcastAddress, kOptionTimeOffset,
                                                    kOptionRouter,     kOptionDomainNameServer, kOptionDomainName};
@@ -48,29 +45,25 @@ void FillStaticLease(Ostrel_ClientObj* client, const Ostrel_InterfaceConfig* con
     Ostrel_ClientLease& lease = client->lease;
     lease.IPv4SubnetMask = config->IPv4SubnetMask;
 
-    lease.IPv4Routers = os_zalloc_array<Ostrel_IPv4>(1);
+    lease.IPv4Routers = os_copy_array<Ostrel_IPv4>({&config->IPv4Router, 1});
     if (lease.IPv4Routers != nullptr) {
-        lease.IPv4Routers[0] = config->IPv4Router;
         lease.numIPv4Routers = 1;
     } else {
         OSTREL_REPORT_EXPRESSION("client->lease.IPv4Routers");
     }
 
     const std::span<const Ostrel_IPv4> servers = config->IPv4DNSServers;
-    lease.IPv4DNSServers = os_zalloc_array<Ostrel_IPv4>(servers.size());
+    lease.IPv4DNSServers = os_copy_array<Ostrel_IPv4>(servers);
     if (lease.IPv4DNSServers != nullptr) {
-        std::copy(servers.begin(), servers.end(), lease.IPv4DNSServers.get());
         lease.numIPv4DNSServers = CountLeading(servers);
     } else {
         OSTREL_REPORT_EXPRESSION("client->lease.IPv4DNSServers");
     }
 
     if (config->domainName == nullptr) return;
-    const size_t length = std::strlen(config->domainName);
-    lease.domainName = os_zalloc_array<char>(length + 1);
-    if (lease.domainName == nullptr) return;
-    std::copy_n(config->domainName, length, lease.domainName.get());
-    lease.domainNameLen = static_cast<uint32_t>(length);
+    const std::string_view name = config->domainName;
+    lease.domainName = os_copy_array<char>(name, 1);
+    if (lease.domainName != nullptr) lease.domainNameLen = static_cast<uint32_t>(name.size());
 }
 
 Ostrel_Status SetupIdentifierFrom(Ostrel_ClientObj* client, const Ostrel_InterfaceConfig* config) {

@@ -22,9 +22,9 @@ Ostrel_Status Ostrel_DHCPSetupClientIdentifier(Ostrel_ClientObj* client, uint8_t
 }
 
 Ostrel_Status Ostrel_DHCPAddRequestedOption(Ostrel_ClientObj* client, uint8_t code) {
-    os_array<uint8_t> newOptions = os_zalloc_array<uint8_t>(client->numRequestedOptions + 1);
+    os_array<uint8_t> newOptions =
+        os_copy_array<uint8_t>({client->requestedOptions.get(), client->numRequestedOptions}, 1);
     OSTREL_REQUIRE(newOptions != nullptr, "newOptions", kOutOfMemoryErr);
-    std::copy_n(client->requestedOptions.get(), client->numRequestedOptions, newOptions.get());
     newOptions[client->numRequestedOptions] = code;
     client->requestedOptions = std::move(newOptions);
     ++client->numRequestedOptions;

@@ -70,9 +70,8 @@ Ostrel_Status ReadDomainName(std::span<const uint8_t> options, Ostrel_ClientLeas
     const Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsString(options, kOptionDomainName, &name);
     if (status == kEndingErr) return kNoErr;
     if (status != kNoErr) return status;
-    lease.domainName = os_zalloc_array<char>(name.size() + 1);
+    lease.domainName = os_copy_array<char>({reinterpret_cast<const char*>(name.data()), name.size()}, 1);
     OSTREL_REQUIRE(lease.domainName != nullptr, "lease->domainName", kOutOfMemoryErr);
-    std::copy(name.begin(), name.end(), lease.domainName.get());
     lease.domainNameLen = static_cast<uint32_t>(name.size());
     return kNoErr;
 }

@@ -23,7 +23,6 @@ namespace {
 
 constexpr uint32_t kInitDelayCap = 299;      // seconds; an upper bound above it is no longer doubled
 constexpr uint32_t kRetryFloorSeconds = 60;  // RFC 2131 section 4.4.5: no retransmission sooner
-constexpr uint32_t kARPCheckSeconds = 2;
 
 // Seconds after each REQUEST of REQUESTING: four retransmissions (RFC 2131 section 4.1), then back to INIT.
 constexpr std::array<uint32_t, 5> kRequestingDelays{4, 8, 16, 32, 4};

@@ -21,7 +21,6 @@
 namespace {
 
 constexpr size_t kEndOptionSize = 1;
-constexpr size_t kOptionHeader = 2;  // code and length
 
 // The payload that still fits a frame: of the interface's MTU, and of txFrame.
 size_t PayloadLimit(const Ostrel_ServerObj* server) {

@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr size_t kOptionHeader = 2;  // code and length
-
 bool IsBare(uint8_t code) {
     return code == kOptionPad || code == kOptionEnd;
 }

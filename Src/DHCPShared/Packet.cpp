@@ -65,11 +65,6 @@ uint16_t Ostrel_Wrapsum(uint32_t sum) {
     return htobe16(static_cast<uint16_t>(~sum & 0xFFFFU));
 }
 
-bool Ostrel_SendFrame(Ostrel_InterfaceObj* iface, const Ostrel_PacketFilter* filter) {
-    const int sent = l2_packet_send(filter->l2, nullptr, 0, wpabuf_bytes(iface->txFrame));
-    return sent < 0 || static_cast<size_t>(sent) >= wpabuf_len(iface->txFrame);
-}
-
 Ostrel_Status Ostrel_SendPacket(Ostrel_InterfaceObj* iface, const Ostrel_PacketFilter* filter,
                                 const Ostrel_MAC& destinationMAC, Ostrel_IPv4 source, uint16_t sourcePort,
                                 Ostrel_IPv4 destination, uint16_t destinationPort, std::span<const uint8_t> payload) {
@@ -85,6 +80,6 @@ Ostrel_Status Ostrel_SendPacket(Ostrel_InterfaceObj* iface, const Ostrel_PacketF
 
     DebugPrintF(kDebugLevelVerbose, "Sending DHCP Packet\n");
     DebugHexDump(kDebugLevelVerbose, wpabuf_bytes(iface->txFrame));
-    OSTREL_REQUIRE(Ostrel_SendFrame(iface, filter), "( err >= wpabuf_len( iface->txFrame ) )", kSendFailedErr);
+    OSTREL_REQUIRE(!Ostrel_SendIsCutShort(iface, filter), "( err >= wpabuf_len( iface->txFrame ) )", kSendFailedErr);
     return kNoErr;
 }

@@ -3,12 +3,10 @@
 // A role is woken only for frames that concern it: everything else is dropped before it costs the process anything.
 #include "Ostrel/PacketFilter.h"
 
-#include <algorithm>
-
 #include "Ostrel/Check.h"
-#include "Ostrel/DHCPShared.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/Log.h"
+#include "Ostrel/Wire.h"
 
 namespace {
 
@@ -23,6 +21,7 @@ constexpr uint16_t kLoadHeaderLength = 0xB1;  // X = 4 * (low four bits of the b
 constexpr uint16_t kJumpEqual = 0x15;         // A == k
 constexpr uint16_t kJumpAnyBit = 0x45;        // A & k
 constexpr uint16_t kReturn = 0x06;
+constexpr uint32_t kFragmentOffset = 0x1FFF;  // of the sixteen bits that begin with the flags
 constexpr uint32_t kPass = 0xFFFFFFFF;
 constexpr uint32_t kDrop = 0;
 
@@ -30,15 +29,15 @@ constexpr uint32_t kDrop = 0;
 
 const std::array<l2_filter_instruction, 12> gBPF_ARP{{
     {kLoadHalf, 0, 0, 12},
-    {kJumpEqual, 0, 9, 0x0806},
+    {kJumpEqual, 0, 9, kEtherTypeARP},
     {kLoadHalf, 0, 0, 14},  // hardware type
-    {kJumpAnyBit, 0, 7, 0x0001},
+    {kJumpAnyBit, 0, 7, kHardwareTypeEthernet},
     {kLoadHalf, 0, 0, 16},  // protocol type
-    {kJumpAnyBit, 0, 5, 0x0800},
+    {kJumpAnyBit, 0, 5, kEtherTypeIPv4},
     {kLoadByte, 0, 0, 18},  // hardware address length
-    {kJumpAnyBit, 0, 3, 0x06},
+    {kJumpAnyBit, 0, 3, sizeof(Ostrel_MAC)},
     {kLoadByte, 0, 0, 19},  // protocol address length
-    {kJumpAnyBit, 0, 1, 0x04},
+    {kJumpAnyBit, 0, 1, sizeof(Ostrel_IPv4)},
     {kReturn, 0, 0, kPass},
     {kReturn, 0, 0, kDrop},
 }};
@@ -49,7 +48,7 @@ std::array<l2_filter_instruction, 11> gBPF_DHCP{{
     {kLoadByte, 0, 0, 23},  // protocol
     {kJumpEqual, 0, 6, kIPProtocolUDP},
     {kLoadHalf, 0, 0, 20},  // a later fragment has no UDP header
-    {kJumpAnyBit, 4, 0, 0x1FFF},
+    {kJumpAnyBit, 4, 0, kFragmentOffset},
     {kLoadHeaderLength, 0, 0, 14},
     {kLoadHalfIndexed, 0, 0, 16},  // destination port
     {kJumpEqual, 0, 1, 0},         // the port is written in before each use
@@ -64,9 +63,8 @@ Ostrel_Status Ostrel_PacketFilterInitialize(Ostrel_InterfaceObj* iface, Ostrel_P
     OSTREL_REQUIRE(filter->l2 != nullptr, "inPacketFilter->l2", kOutOfMemoryErr);
 
     filter->bpfLength = static_cast<uint32_t>(program.size_bytes());
-    filter->bpf = os_zalloc_array<l2_filter_instruction>(program.size());
+    filter->bpf = os_copy_array<l2_filter_instruction>(program);
     OSTREL_REQUIRE(filter->bpf != nullptr, "inPacketFilter->bpf", kOutOfMemoryErr);
-    std::copy(program.begin(), program.end(), filter->bpf.get());
 
     const int err = l2_packet_install_filter(filter->l2, {filter->bpf.get(), program.size()});
     OSTREL_REQUIRE(err >= 0, "( err >= 0 )", kBadParamErr);
@@ -89,4 +87,9 @@ Ostrel_Status Ostrel_BOOTPPacketFilterInitialize(Ostrel_InterfaceObj* iface, Ost
     gBPF_DHCP[kBPFDestinationPortInstruction].k = destinationPort;
     OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterInitialize(iface, filter, gBPF_DHCP, callback, kDebugLevelChatty));
     return kNoErr;
+}
+
+bool Ostrel_SendIsCutShort(Ostrel_InterfaceObj* iface, const Ostrel_PacketFilter* filter) {
+    const int sent = l2_packet_send(filter->l2, nullptr, 0, wpabuf_bytes(iface->txFrame));
+    return sent >= 0 && static_cast<size_t>(sent) < wpabuf_len(iface->txFrame);
 }

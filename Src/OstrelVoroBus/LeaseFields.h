@@ -7,13 +7,11 @@
 #include <string_view>
 
 #include "Ostrel/Address.h"
+#include "Ostrel/DHCPShared.h"
 
 #include "valdo.h"
 
 struct Ostrel_ClientLease;
-
-// The first byte of a client identifier that is an Ethernet address (RFC 2132 section 9.14: a hardware type).
-constexpr uint8_t kIdentifierTypeEthernet = 1;
 
 // "ipv4Router", "dnsServers" and "domainName" of a client's lease, each when the lease has it.
 void Ostrel_VSUtil_PutNetwork(valdo::JValue& object, const Ostrel_ClientLease& lease);
