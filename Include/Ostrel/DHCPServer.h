@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
@@ -18,11 +19,13 @@
 #include "os_memory.h"
 
 // States of a lease slot.
-constexpr uint32_t kLeaseStateFree = 1;
-constexpr uint32_t kLeaseStateReserved2 = 2;  // never set
-constexpr uint32_t kLeaseStateReserved3 = 3;  // never set
-constexpr uint32_t kLeaseStateOffered = 4;    // an OFFER was sent
-constexpr uint32_t kLeaseStateActive = 5;     // an ACK was sent
+enum Ostrel_LeaseState : uint32_t {
+    kLeaseStateFree = 1,
+    kLeaseStateReserved2 = 2,  // never set
+    kLeaseStateReserved3 = 3,  // never set
+    kLeaseStateOffered = 4,    // an OFFER was sent
+    kLeaseStateActive = 5,     // an ACK was sent
+};
 
 constexpr uint32_t kOfferTimeout = 10;          // seconds that an unclaimed offer is held
 constexpr uint32_t kDefaultLeaseTime = 86400;   // seconds, for a configuration without one
@@ -32,14 +35,16 @@ constexpr int32_t kMaxLeasesLimit = 1'048'576;  // slots; a larger configuration
 // be sent, which keeps its MAC.
 struct Ostrel_LeaseInformation {
     Ostrel_IPv4 IPv4Address;  // fixed when the table is built
-    uint32_t state;
+    Ostrel_LeaseState state;
     Ostrel_MAC srcMAC;
+    bool changed;                        // since the bus area last showed it: set by every change of what is shown
     uint32_t offerTime;                  // monotonic seconds when it was offered or taken over
     os_array<uint8_t> clientIdentifier;  // option 61 of the last REQUEST, then a zero byte; null when it had none
     uint32_t clientIdentifierLength;     // without the zero byte
     os_array<uint8_t> hostName;          // option 12 likewise
     uint32_t hostNameLength;
 };
+static_assert(offsetof(Ostrel_LeaseInformation, offerTime) == 16);  // `changed` lies in what was padding
 
 struct Ostrel_LeaseIndex;  // what makes lookups cheap; private to the lease table
 

@@ -114,27 +114,6 @@ bool IsBlank(const Ostrel_LeaseInformation& lease) {
     return lease.state == kLeaseStateFree && lease.srcMAC == Ostrel_MAC{};
 }
 
-// Takes a slot out of the sets and its MAC's tree, as its books stand.
-void Withdraw(Ostrel_ServerObj* server, uint32_t slot) {
-    const Ostrel_LeaseInformation& lease = server->leases[slot];
-    if (lease.state == kLeaseStateFree) SlotSetErase(server->index->free, slot);
-    if (IsBlank(lease)) {
-        SlotSetErase(server->index->blank, slot);
-    } else {
-        Untie(server, slot);
-    }
-}
-
-void Enter(Ostrel_ServerObj* server, uint32_t slot) {
-    const Ostrel_LeaseInformation& lease = server->leases[slot];
-    if (lease.state == kLeaseStateFree) SlotSetInsert(server->index->free, slot);
-    if (IsBlank(lease)) {
-        SlotSetInsert(server->index->blank, slot);
-    } else {
-        Tie(server, slot);
-    }
-}
-
 }  // namespace
 
 Ostrel_Status Ostrel_LeaseIndexInitialize(Ostrel_ServerObj* server) {
@@ -153,7 +132,7 @@ Ostrel_Status Ostrel_LeaseIndexInitialize(Ostrel_ServerObj* server) {
     index.byAge = {.neighbours = &SlotLinks::byAge, .first = kNoSlot, .last = kNoSlot};
     index.offered = {.neighbours = &SlotLinks::offered, .first = kNoSlot, .last = kNoSlot};
     std::fill_n(index.chains.get(), index.numChains, kNoSlot);
-    for (uint32_t slot = 0; slot < slots; ++slot) Enter(server, slot);
+    for (uint32_t slot = 0; slot < slots; ++slot) Ostrel_LeaseIndexEnter(server, slot, false);
     return kNoErr;
 }
 
@@ -162,23 +141,30 @@ void Ostrel_LeaseIndexFinalize(Ostrel_ServerObj* server) {
     server->index = nullptr;
 }
 
-void Ostrel_LeaseIndexChange(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, uint32_t state,
-                             const Ostrel_MAC& mac, uint32_t offerTime) {
+void Ostrel_LeaseIndexLeave(Ostrel_ServerObj* server, uint32_t slot, bool keepsAge) {
     Ostrel_LeaseIndex& index = *server->index;
-    const auto slot = static_cast<uint32_t>(lease - server->leases);
-    const bool wasUsed = lease->state != kLeaseStateFree;
-    const bool isUsed = state != kLeaseStateFree;
-    const bool staysInPlace = wasUsed && isUsed && lease->offerTime == offerTime;
+    const Ostrel_LeaseInformation& lease = server->leases[slot];
+    if (lease.state == kLeaseStateFree) SlotSetErase(index.free, slot);
+    if (IsBlank(lease)) {
+        SlotSetErase(index.blank, slot);
+    } else {
+        Untie(server, slot);
+    }
+    if (lease.state == kLeaseStateOffered) Remove(index, index.offered, slot);
+    if (lease.state != kLeaseStateFree && !keepsAge) Remove(index, index.byAge, slot);
+}
 
-    if (wasUsed && !staysInPlace) Remove(index, index.byAge, slot);
-    if (lease->state == kLeaseStateOffered) Remove(index, index.offered, slot);
-    Withdraw(server, slot);
-    lease->state = state;
-    lease->srcMAC = mac;
-    lease->offerTime = offerTime;
-    Enter(server, slot);
-    if (state == kLeaseStateOffered) Append(index, index.offered, slot);
-    if (isUsed && !staysInPlace) Append(index, index.byAge, slot);
+void Ostrel_LeaseIndexEnter(Ostrel_ServerObj* server, uint32_t slot, bool keepsAge) {
+    Ostrel_LeaseIndex& index = *server->index;
+    const Ostrel_LeaseInformation& lease = server->leases[slot];
+    if (lease.state == kLeaseStateFree) SlotSetInsert(index.free, slot);
+    if (IsBlank(lease)) {
+        SlotSetInsert(index.blank, slot);
+    } else {
+        Tie(server, slot);
+    }
+    if (lease.state == kLeaseStateOffered) Append(index, index.offered, slot);
+    if (lease.state != kLeaseStateFree && !keepsAge) Append(index, index.byAge, slot);
 }
 
 uint32_t Ostrel_LeaseIndexLowestTied(const Ostrel_ServerObj* server, const Ostrel_MAC& mac, uint32_t from) {

@@ -55,9 +55,10 @@ struct Ostrel_LeaseIndex {
 [[nodiscard]] Ostrel_Status Ostrel_LeaseIndexInitialize(Ostrel_ServerObj* server);
 void Ostrel_LeaseIndexFinalize(Ostrel_ServerObj* server);
 
-// The one place where a slot's books change. `offerTime` is the slot's own, or now.
-void Ostrel_LeaseIndexChange(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, uint32_t state,
-                             const Ostrel_MAC& mac, uint32_t offerTime);
+// A slot's books are written between these two: Leave finds the slot by the books that it had, Enter by those that it
+// has got. One that is in use before and after, with the same offer time, keeps its place by age.
+void Ostrel_LeaseIndexLeave(Ostrel_ServerObj* server, uint32_t slot, bool keepsAge);
+void Ostrel_LeaseIndexEnter(Ostrel_ServerObj* server, uint32_t slot, bool keepsAge);
 
 // The lowest slot from `from` on that is tied to the MAC, or kNoSlot.
 [[nodiscard]] uint32_t Ostrel_LeaseIndexLowestTied(const Ostrel_ServerObj* server, const Ostrel_MAC& mac,

@@ -51,6 +51,34 @@ Ostrel_LeaseInformation* SlotOfAddress(const Ostrel_ServerObj* server, Ostrel_IP
     return AddressOfSlot(server, slot) == address ? &server->leases[slot] : nullptr;
 }
 
+// The one place where a slot's books are written. `offerTime` is the slot's own, or now.
+void WriteBooks(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, Ostrel_LeaseState state,
+                const Ostrel_MAC& mac, uint32_t offerTime) {
+    const uint32_t slot = NumberOf(server, lease);
+    const bool staysInUse = lease->state != kLeaseStateFree && state != kLeaseStateFree;
+    const bool keepsAge = staysInUse && lease->offerTime == offerTime;
+    Ostrel_LeaseIndexLeave(server, slot, keepsAge);
+    lease->state = state;
+    lease->srcMAC = mac;
+    lease->offerTime = offerTime;
+    lease->changed = true;
+    Ostrel_LeaseIndexEnter(server, slot, keepsAge);
+}
+
+// The one place where a slot's buffers are written, each with its length.
+bool WriteBuffer(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data, os_array<uint8_t>& buffer,
+                 uint32_t& length) {
+    lease->changed = true;
+    buffer.reset();
+    length = 0;
+    if (data.data() == nullptr) return true;
+    buffer = os_zalloc_array<uint8_t>(data.size() + 1);
+    if (buffer == nullptr) return false;
+    std::copy(data.begin(), data.end(), buffer.get());
+    length = static_cast<uint32_t>(data.size());
+    return true;
+}
+
 // "lease" and "index" of the lines below are the slot and its number.
 void TraceFree(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease) {
     DebugPrintF(kDebugLevelTrace, "[%s] Lease at index %d, IPv4 <%.4a> free for MAC <%.6a>.\n", NameOf(server),
@@ -103,9 +131,10 @@ Ostrel_LeaseInformation* ScanTraced(const Ostrel_ServerObj* server, uint32_t mes
     Ostrel_LeaseInformation* candidate = nullptr;
     for (Ostrel_LeaseInformation& lease : SlotsOf(server)) {
         const uint32_t slot = NumberOf(server, &lease);
-        DebugPrintF(
-            kDebugLevelTrace, "[%s] Lease at index %d has MAC <%.6a> and IPv4 <%.4a> in state <%d>, lease set to %p.\n",
-            NameOf(server), slot, lease.srcMAC, &lease.IPv4Address, lease.state, static_cast<const void*>(candidate));
+        DebugPrintF(kDebugLevelTrace,
+                    "[%s] Lease at index %d has MAC <%.6a> and IPv4 <%.4a> in state <%d>, lease set to %p.\n",
+                    NameOf(server), slot, lease.srcMAC, &lease.IPv4Address, uint32_t{lease.state},
+                    static_cast<const void*>(candidate));
         if (messageType != kDHCPDiscover) {
             DebugPrintF(kDebugLevelTrace, "[%s] msgType mismatch, expected %d, actual %d...continue\n", NameOf(server),
                         kDHCPDiscover, messageType);
@@ -152,15 +181,21 @@ void PruneTraced(Ostrel_ServerObj* server, uint32_t now) {
     for (Ostrel_LeaseInformation& lease : SlotsOf(server)) {
         DebugPrintF(kDebugLevelChatty,
                     "[%s] ### PRUNE LEASE ### Lease IPv4 <%.4a>, State <%d>, MAC <%.6a>, Offer time <%d>, now <%d>.\n",
-                    NameOf(server), &lease.IPv4Address, lease.state, lease.srcMAC, lease.offerTime, now);
-        if (lease.state == kLeaseStateFree) {
-            DebugPrintF(kDebugLevelChatty, "[%s] ### PRUNE LEASE ### Lease %.4a Free - do nothing.\n", NameOf(server),
-                        &lease.IPv4Address);
-        } else if (lease.state == kLeaseStateReserved2 || lease.state == kLeaseStateReserved3) {
-            DebugPrintF(kDebugLevelChatty, "[%s]  ### PRUNE LEASE ### Lease %.4a reserved - do nothing.\n",
-                        NameOf(server), &lease.IPv4Address);
-        } else if (IsOver(server, lease, now)) {
-            Expire(server, lease, now);
+                    NameOf(server), &lease.IPv4Address, uint32_t{lease.state}, lease.srcMAC, lease.offerTime, now);
+        switch (lease.state) {
+            case kLeaseStateFree:
+                DebugPrintF(kDebugLevelChatty, "[%s] ### PRUNE LEASE ### Lease %.4a Free - do nothing.\n",
+                            NameOf(server), &lease.IPv4Address);
+                break;
+            case kLeaseStateReserved2:
+            case kLeaseStateReserved3:
+                DebugPrintF(kDebugLevelChatty, "[%s]  ### PRUNE LEASE ### Lease %.4a reserved - do nothing.\n",
+                            NameOf(server), &lease.IPv4Address);
+                break;
+            case kLeaseStateOffered:
+            case kLeaseStateActive:
+                if (IsOver(server, lease, now)) Expire(server, lease, now);
+                break;
         }
     }
 }
@@ -233,29 +268,33 @@ Ostrel_Status Ostrel_DHCPServer_LeaseFindByMACAndIPv4(Ostrel_ServerObj* server, 
 
 void Ostrel_DHCPServer_LeaseClaim(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac) {
     if (lease->state != kLeaseStateFree) return;
-    Ostrel_LeaseIndexChange(server, lease, kLeaseStateFree, mac, 0);
+    WriteBooks(server, lease, kLeaseStateFree, mac, 0);
 }
 
 void Ostrel_DHCPServer_LeaseOffer(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, uint32_t now) {
-    const Ostrel_MAC holder = lease->srcMAC;
-    Ostrel_LeaseIndexChange(server, lease, kLeaseStateOffered, holder, now);
+    WriteBooks(server, lease, kLeaseStateOffered, lease->srcMAC, now);
 }
 
 void Ostrel_DHCPServer_LeaseActivate(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
                                      uint32_t now) {
     const bool startsAnew = lease->state == kLeaseStateFree || lease->offerTime == 0;
-    const Ostrel_MAC holder = startsAnew ? mac : lease->srcMAC;
-    Ostrel_LeaseIndexChange(server, lease, kLeaseStateActive, holder, startsAnew ? now : lease->offerTime);
+    WriteBooks(server, lease, kLeaseStateActive, startsAnew ? mac : lease->srcMAC, startsAnew ? now : lease->offerTime);
+}
+
+bool Ostrel_DHCPServer_LeaseKeepIdentifier(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data) {
+    return WriteBuffer(lease, data, lease->clientIdentifier, lease->clientIdentifierLength);
+}
+
+bool Ostrel_DHCPServer_LeaseKeepHostName(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data) {
+    return WriteBuffer(lease, data, lease->hostName, lease->hostNameLength);
 }
 
 Ostrel_Status Ostrel_DHCPServer_LeaseClean(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease) {
     DebugPrintF(kDebugLevelTrace, "[%s] Free Lease %.4a assigned to %.6a.\n", NameOf(server), &lease->IPv4Address,
                 lease->srcMAC);
-    Ostrel_LeaseIndexChange(server, lease, kLeaseStateFree, Ostrel_MAC{}, 0);
-    lease->clientIdentifier.reset();
-    lease->clientIdentifierLength = 0;
-    lease->hostName.reset();
-    lease->hostNameLength = 0;
+    WriteBooks(server, lease, kLeaseStateFree, Ostrel_MAC{}, 0);
+    (void)Ostrel_DHCPServer_LeaseKeepIdentifier(lease, {});  // nothing: that cannot fail
+    (void)Ostrel_DHCPServer_LeaseKeepHostName(lease, {});
     return kNoErr;
 }
 

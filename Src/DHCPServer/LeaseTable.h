@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "Ostrel/DHCPServer.h"
 
@@ -35,6 +36,11 @@ void Ostrel_DHCPServer_LeaseOffer(Ostrel_ServerObj* server, Ostrel_LeaseInformat
 // The slot is active. Only one that was free, or had no offer time, changes hands and starts its time now.
 void Ostrel_DHCPServer_LeaseActivate(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
                                      uint32_t now);
+
+// A copy of what a REQUEST says of its client, options 61 and 12, with a zero byte behind it; no buffer for an option
+// that is absent, which is one whose span is null. False, with no buffer either, when memory is out.
+[[nodiscard]] bool Ostrel_DHCPServer_LeaseKeepIdentifier(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data);
+[[nodiscard]] bool Ostrel_DHCPServer_LeaseKeepHostName(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data);
 
 // Returns a slot to the free state.
 Ostrel_Status Ostrel_DHCPServer_LeaseClean(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease);

@@ -7,7 +7,6 @@
 //
 // Everything else is dropped. A client is known by the Ethernet source of its frame, so all clients behind one relay
 // are one client. Leases end here as well: each frame first prunes the table, and without frames nothing expires.
-#include <algorithm>
 #include <span>
 
 #include "Ostrel/Check.h"
@@ -59,19 +58,6 @@ ClientIdentity ReadIdentity(const Ostrel_PreprocessedPacket& packet) {
     return identity;
 }
 
-// Replaces a slot's buffer by a copy of the option's data with a zero byte behind it; false when memory is out, with
-// no buffer then.
-bool Store(std::span<const uint8_t> data, os_array<uint8_t>& buffer, uint32_t& length) {
-    buffer.reset();
-    length = 0;
-    if (data.data() == nullptr) return true;
-    buffer = os_zalloc_array<uint8_t>(data.size() + 1);
-    if (buffer == nullptr) return false;
-    std::copy(data.begin(), data.end(), buffer.get());
-    length = static_cast<uint32_t>(data.size());
-    return true;
-}
-
 // The server identifier is not looked at: a REQUEST meant for another server is handled like any other.
 Ostrel_Status Ostrel_DHCPServerProcessRequest(Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& packet) {
     const Ostrel_MAC station = packet.ethHdr->src;
@@ -85,9 +71,9 @@ Ostrel_Status Ostrel_DHCPServerProcessRequest(Ostrel_ServerObj* server, const Os
     } else {
         const ClientIdentity identity = ReadIdentity(packet);
         Ostrel_DHCPServer_LeaseActivate(server, lease, station, os_monotonic_seconds());
-        OSTREL_REQUIRE(Store(identity.clientIdentifier, lease->clientIdentifier, lease->clientIdentifierLength),
+        OSTREL_REQUIRE(Ostrel_DHCPServer_LeaseKeepIdentifier(lease, identity.clientIdentifier),
                        "lease->clientIdentifier", kOutOfMemoryErr);
-        OSTREL_REQUIRE(Store(identity.hostName, lease->hostName, lease->hostNameLength), "lease->hostName",
+        OSTREL_REQUIRE(Ostrel_DHCPServer_LeaseKeepHostName(lease, identity.hostName), "lease->hostName",
                        kOutOfMemoryErr);
         OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerSend_BOOTPReply(server, kDHCPAck, lease->srcMAC, packet, lease));
     }

@@ -28,9 +28,11 @@ struct Pool {
 
 struct ModelSlot {
     Ostrel_IPv4 address;
-    uint32_t state = kLeaseStateFree;
+    Ostrel_LeaseState state = kLeaseStateFree;
     Ostrel_MAC mac{};
     uint32_t offerTime = 0;
+
+    bool operator==(const ModelSlot&) const = default;
 };
 
 // The rules, over copies of the slots.
@@ -105,14 +107,17 @@ public:
             number == 0 ? Ostrel_MAC{} : Ostrel_MAC{2, 0, 0, 0, 0, number}, DrawAddress());
     }
 
-    // Every slot, and the walk over those in use.
+    // Every slot, and the walk over those in use. What differs from the last look is marked as changed.
     void ExpectTheSame() {
         const Ostrel_LeaseInformation* used = Ostrel_DHCPServer_LeaseNextUsed(&server, nullptr);
         for (size_t i = 0; i < model.slots.size(); ++i) {
-            const Ostrel_LeaseInformation& lease = server.leases[i];
+            Ostrel_LeaseInformation& lease = server.leases[i];
             const ModelSlot& slot = model.slots[i];
             ASSERT_EQ(std::tie(lease.IPv4Address, lease.state, lease.srcMAC, lease.offerTime),
                       std::tie(slot.address, slot.state, slot.mac, slot.offerTime));
+            ASSERT_TRUE(lease.changed || slot == seen[i]);
+            lease.changed = false;
+            seen[i] = slot;
             if (slot.state == kLeaseStateFree) continue;
             ASSERT_EQ(used, &lease);
             used = Ostrel_DHCPServer_LeaseNextUsed(&server, used);
@@ -157,6 +162,7 @@ private:
 
     Ostrel_InterfaceObj iface{};
     Model model;
+    std::vector<ModelSlot> seen = model.slots;  // at the last look
     std::mt19937_64 random;
     uint32_t now;
 };
