@@ -4,9 +4,6 @@
 // registering and cancelling are no system calls and an idle loop sleeps until something is due. Alarms hang on one
 // timerfd that is set to the first of them. SIGTERM and SIGINT are blocked for good and read from a signalfd: the
 // facility GLib has for signals would start a thread, and this process has one.
-//
-// A pass fires what was registered before it began. Each timeout leaves its queue before its handler runs, so handlers
-// may register, cancel (also what is due in the same pass), end the loop or destroy it.
 #include "eloop.h"
 
 #include <algorithm>
@@ -52,16 +49,6 @@ int64_t BootTime() noexcept {
     return int64_t{now.tv_sec} * kMicroseconds + now.tv_nsec / 1000;
 }
 
-// Fires what is due and was registered before now.
-void RunPass(TimeoutQueue& queue, int64_t now) noexcept {
-    const uint64_t sequenceLimit = queue.NextSequence();
-    while (!loop.ending) {
-        const std::optional<PendingTimeout> due = queue.TakeDue(now, sequenceLimit);
-        if (!due) return;
-        due->handler(due->context1, due->context2);
-    }
-}
-
 gboolean PrepareTimeouts(GSource* source, gint* pollMilliseconds) noexcept {
     *pollMilliseconds = -1;
     const std::optional<int64_t> next = loop.timeouts.NextDeadline();
@@ -77,7 +64,7 @@ gboolean CheckTimeouts(GSource* source) noexcept {
 }
 
 gboolean DispatchTimeouts(GSource*, GSourceFunc, gpointer) noexcept {
-    RunPass(loop.timeouts, g_get_monotonic_time());
+    loop.timeouts.RunPass(g_get_monotonic_time(), loop.ending);
     return G_SOURCE_CONTINUE;
 }
 
@@ -100,7 +87,7 @@ int ArmAlarmClock() noexcept {
 gboolean DispatchAlarms(gint fd, GIOCondition, gpointer) noexcept {
     uint64_t expirations = 0;
     if (read(fd, &expirations, sizeof expirations) == sizeof expirations) loop.armed = kNever;
-    RunPass(loop.alarms, BootTime());
+    loop.alarms.RunPass(BootTime(), loop.ending);
     if (loop.main != nullptr) ArmAlarmClock();
     return G_SOURCE_CONTINUE;
 }

@@ -9,11 +9,11 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "Schedule.h"
 #include "Sim.h"
+#include "TimeoutQueue.h"
 #include "VoroBus.h"
 #include "eloop.h"
 #include "l2_packet.h"
@@ -66,21 +66,6 @@ private:
     uint32_t deliveries = 0;  // under way
 };
 
-// A timeout or alarm; alarms have a name.
-struct TimeoutIdentity {
-    eloop_timeout_handler handler;
-    void* context1;
-    void* context2;
-    std::string alarmName;
-    bool operator==(const TimeoutIdentity&) const = default;
-};
-
-struct TimeoutIdentityHash {
-    size_t operator()(const TimeoutIdentity& identity) const noexcept;
-};
-
-using TimeoutTable = std::unordered_multimap<TimeoutIdentity, uint64_t, TimeoutIdentityHash>;  // number in the schedule
-
 struct EventLoop {
     bool exists = false;
     bool terminated = false;
@@ -88,7 +73,9 @@ struct EventLoop {
     eloop_signal_handler signalHandler = nullptr;
     void* signalContext = nullptr;
     std::vector<int> pendingSignals;  // raised before there was a handler
-    TimeoutTable timeouts;
+    TimeoutQueue timeouts;            // alarms too: a suspended device is not simulated
+    uint64_t wake = 0;                // the event that runs a pass of them
+    Duration wakeTime{0};             // its moment
 };
 
 struct TracedFrame {

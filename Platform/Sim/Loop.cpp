@@ -1,6 +1,7 @@
-// The event loop of the simulated device: timeouts and alarms are events of the world's schedule, signals too.
+// The event loop of the simulated device: the device's own queue of timeouts on the world's virtual clock.
 //
-// A suspended device is not simulated, so an alarm is a timeout with a name.
+// The schedule holds one event for the queue's next deadline, and each signal is an event. A suspended device is not
+// simulated, so an alarm is a timeout with a name.
 
 #include <algorithm>
 #include <string>
@@ -10,48 +11,46 @@
 
 namespace sim {
 
-size_t TimeoutIdentityHash::operator()(const TimeoutIdentity& identity) const noexcept {
-    constexpr size_t kOdd = 0x9E3779B97F4A7C15;
-    const auto mix = [](size_t sum, size_t value) { return (sum ^ value) * kOdd; };
-    size_t sum = mix(0, reinterpret_cast<size_t>(identity.handler));
-    sum = mix(sum, reinterpret_cast<size_t>(identity.context1));
-    sum = mix(sum, reinterpret_cast<size_t>(identity.context2));
-    return sum ^ (sum >> 32);
-}
-
 namespace {
 
 EventLoop& Loop() {
     return World::Get().Internals().loop;
 }
 
-void Fire(const TimeoutIdentity& identity, uint64_t number) {
-    TimeoutTable& timeouts = Loop().timeouts;
-    const auto [first, last] = timeouts.equal_range(identity);
-    const auto self = std::find_if(first, last, [number](const auto& row) { return row.second == number; });
-    timeouts.erase(self);
-    identity.handler(identity.context1, identity.context2);
+void WakeForTimeouts();
+
+// Keeps one event in the schedule for the queue's next deadline.
+void ScheduleWake() {
+    World::State& state = World::Get().Internals();
+    EventLoop& loop = state.loop;
+    const std::optional<int64_t> next = loop.timeouts.NextDeadline();
+    if (next && loop.wake != 0 && loop.wakeTime == Duration(*next)) return;
+    state.schedule.Cancel(std::exchange(loop.wake, 0));
+    if (!next) return;
+    loop.wakeTime = std::max(Duration(*next), state.now);
+    loop.wake = state.schedule.Add(loop.wakeTime, WakeForTimeouts);
 }
 
-int Register(uint32_t seconds, uint32_t milliseconds, TimeoutIdentity identity) {
-    World::State& state = World::Get().Internals();
-    if (!state.loop.exists) return -1;
-    const Duration delay = std::min<Duration>(std::chrono::seconds(seconds) + std::chrono::milliseconds(milliseconds),
-                                              std::chrono::seconds(kEloopMaxSeconds));
-    const auto number = std::make_shared<uint64_t>();
-    *number = state.schedule.Add(state.now + delay, [identity, number] { Fire(identity, *number); });
-    state.loop.timeouts.emplace(std::move(identity), *number);
+void WakeForTimeouts() {
+    EventLoop& loop = Loop();
+    loop.wake = 0;
+    loop.timeouts.RunPass(World::Get().Now().count(), loop.terminated);
+    ScheduleWake();
+}
+
+int Register(uint32_t seconds, uint32_t milliseconds, std::string_view alarmName, eloop_timeout_handler handler,
+             void* context1, void* context2) {
+    World& world = World::Get();
+    EventLoop& loop = Loop();
+    const int64_t deadline = world.Now().count() + TimeoutDelay(seconds, milliseconds);
+    if (!loop.exists || !loop.timeouts.Add(deadline, handler, context1, context2, alarmName)) return -1;
+    ScheduleWake();
     return 0;
 }
 
-int Cancel(const TimeoutIdentity& identity) {
-    World::State& state = World::Get().Internals();
-    const auto [first, last] = state.loop.timeouts.equal_range(identity);
-    int removed = 0;
-    for (auto row = first; row != last; ++row) {
-        if (state.schedule.Cancel(row->second)) ++removed;
-    }
-    state.loop.timeouts.erase(first, last);
+int Cancel(std::string_view alarmName, eloop_timeout_handler handler, void* context1, void* context2) {
+    const int removed = Loop().timeouts.Cancel(handler, context1, context2, alarmName);
+    if (removed > 0) ScheduleWake();
     return removed;
 }
 
@@ -93,7 +92,7 @@ bool World::Terminated() const {
 }
 
 size_t World::PendingTimeouts() const {
-    return state->loop.timeouts.size();
+    return state->loop.timeouts.Size();
 }
 
 void World::Raise(int signal) {
@@ -132,8 +131,8 @@ void eloop_terminate() noexcept {
 
 void eloop_destroy() noexcept {
     World::State& state = World::Get().Internals();
-    for (const auto& [identity, number] : state.loop.timeouts) state.schedule.Cancel(number);
-    state.loop.timeouts.clear();
+    state.loop.timeouts.Clear();
+    sim::ScheduleWake();
     state.loop.exists = false;
     state.loop.signalHandler = nullptr;
 }
@@ -149,21 +148,21 @@ int eloop_register_signal_terminate(eloop_signal_handler handler, void* handlerC
 
 int eloop_register_timeout(uint32_t seconds, uint32_t milliseconds, eloop_timeout_handler handler, void* context1,
                            void* context2) noexcept {
-    return sim::Register(seconds, milliseconds, {handler, context1, context2, {}});
+    return sim::Register(seconds, milliseconds, {}, handler, context1, context2);
 }
 
 int eloop_cancel_timeout(eloop_timeout_handler handler, void* context1, void* context2) noexcept {
-    return sim::Cancel({handler, context1, context2, {}});
+    return sim::Cancel({}, handler, context1, context2);
 }
 
 int eloop_register_timeout_rtc(uint32_t seconds, uint32_t milliseconds, const char* alarmName,
                                eloop_timeout_handler handler, void* context1, void* context2) noexcept {
-    return sim::Register(seconds, milliseconds, {handler, context1, context2, alarmName});
+    return sim::Register(seconds, milliseconds, alarmName, handler, context1, context2);
 }
 
 int eloop_cancel_timeout_rtc(const char* alarmName, eloop_timeout_handler handler, void* context1,
                              void* context2) noexcept {
-    return sim::Cancel({handler, context1, context2, alarmName});
+    return sim::Cancel(alarmName, handler, context1, context2);
 }
 
 int eloop_register_rtc_alarms(VSHandle* handle, const char* serviceName) noexcept {

@@ -72,15 +72,19 @@ TEST_F(Eloop, APassFiresWhatWasRegisteredBeforeItAndNotCancelledInIt) {
     EXPECT_EQ(happened, (Texts{"first", "same pass", "registered in the pass", "end"}));
 }
 
-TEST(TimeoutQueue, LeavesWhatIsYoungerThanThePassAndFindsTheOlderBehindIt) {
+TEST(TimeoutQueue, APassLeavesWhatIsYoungerAndFindsTheOlderBehindIt) {
     TimeoutQueue queue;
+    happened.clear();
+    std::function<void()> addYounger = [&] { ASSERT_TRUE(queue.Add(5, Happen, Text("younger"), nullptr)); };
+    ASSERT_TRUE(queue.Add(1, Happen, Text("first"), &addYounger));
     ASSERT_TRUE(queue.Add(20, Happen, Text("older"), nullptr));
-    const uint64_t passBegins = queue.NextSequence();
-    ASSERT_TRUE(queue.Add(10, Happen, Text("younger"), nullptr));
-    EXPECT_FALSE(queue.TakeDue(9, passBegins + 1));
-    EXPECT_EQ(queue.TakeDue(20, passBegins)->context1, Text("older"));
-    EXPECT_FALSE(queue.TakeDue(20, passBegins));
-    EXPECT_EQ(queue.NextDeadline(), 10);
+    queue.RunPass(20, false);
+    EXPECT_EQ(happened, (Texts{"first", "older"}));
+    queue.RunPass(4, false);
+    queue.RunPass(20, true);
+    EXPECT_EQ(queue.NextDeadline(), 5);
+    queue.RunPass(20, false);
+    EXPECT_EQ(happened, (Texts{"first", "older", "younger"}));
 }
 
 TEST_F(Eloop, IdentityIsHandlerContextsAndAlarmName) {

@@ -37,6 +37,16 @@ std::optional<int64_t> TimeoutQueue::NextDeadline() const noexcept {
     return timeouts.back().deadline;
 }
 
+void TimeoutQueue::RunPass(int64_t now, const bool& ending) noexcept {
+    const uint64_t sequenceLimit = nextSequence;
+    while (!ending) {
+        const std::optional<PendingTimeout> due = TakeDue(now, sequenceLimit);
+        if (!due) return;
+        due->handler(due->context1, due->context2);
+    }
+}
+
+// Removes and returns the next timeout with a deadline up to `now` and a sequence below `sequenceLimit`.
 std::optional<PendingTimeout> TimeoutQueue::TakeDue(int64_t now, uint64_t sequenceLimit) noexcept {
     for (size_t i = timeouts.size(); i > 0 && timeouts[i - 1].deadline <= now; --i) {
         if (timeouts[i - 1].sequence >= sequenceLimit) continue;

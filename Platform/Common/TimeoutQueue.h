@@ -1,7 +1,8 @@
 // Registered timeouts in the order in which they fire: by deadline, then by registration.
 //
-// The queue knows no clock; deadlines are microseconds on whatever clock its owner reads. It takes memory only when it
-// holds more timeouts than ever before: what replaces a cancelled timeout always fits.
+// The queue knows no clock; deadlines are microseconds on whatever clock its owner reads: the kernel's on the device, a
+// virtual one in simulation. It takes memory only when it holds more timeouts than ever before: what replaces a
+// cancelled timeout always fits.
 #pragma once
 
 #include <cstddef>
@@ -35,14 +36,13 @@ public:
     [[nodiscard]] size_t Size() const noexcept { return timeouts.size(); }
     [[nodiscard]] std::optional<int64_t> NextDeadline() const noexcept;
 
-    // The sequence of the next registration. A pass of the loop takes it before its first handler runs, and fires only
-    // what is older.
-    [[nodiscard]] uint64_t NextSequence() const noexcept { return nextSequence; }
-
-    // Removes and returns the next timeout with a deadline up to `now` and a sequence below `sequenceLimit`.
-    [[nodiscard]] std::optional<PendingTimeout> TakeDue(int64_t now, uint64_t sequenceLimit) noexcept;
+    // A pass of the loop: fires what is due at `now` and was registered before the pass, until `ending`. Each timeout
+    // leaves the queue before its handler runs, which may register, cancel (also what is due in this pass) and clear.
+    void RunPass(int64_t now, const bool& ending) noexcept;
 
 private:
+    [[nodiscard]] std::optional<PendingTimeout> TakeDue(int64_t now, uint64_t sequenceLimit) noexcept;
+
     std::vector<PendingTimeout> timeouts;  // the next one to fire last
     uint64_t nextSequence = 0;
 };
