@@ -4,6 +4,7 @@
 #pragma once
 
 #include <array>
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -87,6 +88,14 @@ constexpr uint8_t kDHCPInform = 8;
 
 constexpr uint32_t kInfiniteLease = 0xFFFFFFFF;  // RFC 2131 section 3.3
 
+// An options area and where in it each option stands, found in one walk.
+struct Ostrel_OptionIndex {
+    std::span<const uint8_t> area;
+    std::bitset<256> present;           // by code
+    std::array<uint16_t, 256> offsets;  // in `area`, of the first option of each code that is present; others unset
+    Ostrel_Status ending;               // how the walk ended: kEndingErr at the end option, or kTooShortErr
+};
+
 // One received frame, dissected. Every pointer points into the frame and is valid as long as that; a header pointer is
 // null when its header does not lie within the frame.
 struct Ostrel_PreprocessedPacket {
@@ -99,15 +108,17 @@ struct Ostrel_PreprocessedPacket {
     const uint8_t* cookie;   // null unless the frame passed the checks
     const uint8_t* options;  // likewise
     uint32_t optionsLength;  // bytes from `options` to the end of the frame; 0 likewise
+    Ostrel_OptionIndex index;
 };
 
-// The options area; empty unless the frame passed the checks.
-[[nodiscard]] inline std::span<const uint8_t> Ostrel_OptionsOf(const Ostrel_PreprocessedPacket& packet) {
-    return {packet.options, packet.optionsLength};
+// The options; none unless the frame passed the checks.
+[[nodiscard]] inline const Ostrel_OptionIndex& Ostrel_OptionsOf(const Ostrel_PreprocessedPacket& packet) {
+    return packet.index;
 }
 
-// Dissects a frame from its Ethernet header. kBadSizeErr when it ends before the options cookie does, kBadFormatErr
-// when the cookie is another. Nothing else is looked at. After kNoErr every pointer of the record is set.
+// Dissects a frame from its Ethernet header; the whole record is set, whatever it held. kBadSizeErr when the frame ends
+// before the options cookie does, kBadFormatErr when the cookie is another. Nothing else is looked at. After kNoErr
+// every pointer of the record is set.
 [[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketPreprocess(std::span<const uint8_t> frame,
                                                          Ostrel_PreprocessedPacket* packet);
 
@@ -118,26 +129,31 @@ struct Ostrel_PreprocessedPacket {
                                                              std::span<const uint8_t>* option,
                                                              std::span<const uint8_t>* next);
 
+// Walks the area once, to the end option or to the first option that does not lie whole within it; what follows is not
+// seen. The index points into the area. Of an area longer than any frame the first 65,535 bytes count.
+void Ostrel_BOOTPPacketIndexOptions(std::span<const uint8_t> area, Ostrel_OptionIndex* index);
+
 // The first option of that code, whole. kEndingErr when the end option comes first, kTooShortErr when the list runs
-// out. The output of this and of the typed readers is left alone on failure.
-[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOption(std::span<const uint8_t> options, uint8_t code,
+// out. The output of this and of the typed readers is left alone on failure. Costs one look at the index; a search is
+// written out, option by option, only while the debug output is at level chatty.
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOption(const Ostrel_OptionIndex& options, uint8_t code,
                                                          std::span<const uint8_t>* option);
 
 // Typed readers of an option's data; kBadSizeErr when its length is not that of the type. Integers come in host order,
 // the address and the string as they are, the string inside the options area and without a NUL.
-[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsString(std::span<const uint8_t> options, uint8_t code,
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsString(const Ostrel_OptionIndex& options, uint8_t code,
                                                                  std::span<const uint8_t>* data);
-[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsIPv4(std::span<const uint8_t> options, uint8_t code,
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsIPv4(const Ostrel_OptionIndex& options, uint8_t code,
                                                                Ostrel_IPv4* address);
-[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint32(std::span<const uint8_t> options, uint8_t code,
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint32(const Ostrel_OptionIndex& options, uint8_t code,
                                                                  uint32_t* value);
-[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint16(std::span<const uint8_t> options, uint8_t code,
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint16(const Ostrel_OptionIndex& options, uint8_t code,
                                                                  uint16_t* value);
-[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint8(std::span<const uint8_t> options, uint8_t code,
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint8(const Ostrel_OptionIndex& options, uint8_t code,
                                                                 uint8_t* value);
 
 // The message type: the first data byte of option 53; kBadSizeErr when it has none.
-[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindMessageType(std::span<const uint8_t> options, uint8_t* messageType);
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindMessageType(const Ostrel_OptionIndex& options, uint8_t* messageType);
 
 // A copy of the addresses in an option's data, and their number. kBadSizeErr when the data is not a multiple of four
 // bytes long; empty data is an empty array, not a failure.

@@ -47,14 +47,19 @@ void DebugRedirectStandardStreams(const char* path) noexcept;
 void DebugPrintAssert(int32_t status, const char* expression, const char* message, std::string_view source, int line,
                       const char* function) noexcept;
 
-extern int32_t gDebugMinimumLevel;  // the threshold; set through DebugSetProperty, read by the two inlines below
+extern int32_t gDebugMinimumLevel;  // the threshold; set through DebugSetProperty, read by the inlines below
+
+// Whether a line of this level is written: asked first where there is more to do for it than to format it.
+[[nodiscard]] inline bool DebugIsWritten(int32_t level) noexcept {
+    return level >= gDebugMinimumLevel;
+}
 
 void DebugWriteFormatted(int32_t level, const char* format, std::span<const FormatArgument> arguments) noexcept;
 void DebugWriteHexDump(int32_t level, std::span<const uint8_t> bytes) noexcept;
 
 template <typename... Arguments>
 inline void DebugPrintF(int32_t level, const char* format, const Arguments&... arguments) noexcept {
-    if (level < gDebugMinimumLevel) [[likely]]
+    if (!DebugIsWritten(level)) [[likely]]
         return;
     const std::array<FormatArgument, sizeof...(Arguments)> list{FormatArgument(arguments)...};
     DebugWriteFormatted(level, format, list);
@@ -62,5 +67,5 @@ inline void DebugPrintF(int32_t level, const char* format, const Arguments&... a
 
 // Lines of an offset, up to 16 bytes in hexadecimal and the same bytes as text.
 inline void DebugHexDump(int32_t level, std::span<const uint8_t> bytes) noexcept {
-    if (level >= gDebugMinimumLevel) DebugWriteHexDump(level, bytes);
+    if (DebugIsWritten(level)) DebugWriteHexDump(level, bytes);
 }

@@ -35,7 +35,7 @@ bool IsReadOrAbsent(Ostrel_Status status) {
     return status == kNoErr || status == kEndingErr;
 }
 
-Ostrel_Status ReadTimes(std::span<const uint8_t> options, Ostrel_ClientLease& lease) {
+Ostrel_Status ReadTimes(const Ostrel_OptionIndex& options, Ostrel_ClientLease& lease) {
     Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsUint32(options, kOptionLeaseTime, &lease.leaseTime);
     if (status != kNoErr) return status;
 
@@ -53,7 +53,7 @@ Ostrel_Status ReadTimes(std::span<const uint8_t> options, Ostrel_ClientLease& le
     return kNoErr;
 }
 
-Ostrel_Status ReadAddresses(std::span<const uint8_t> options, uint8_t code, os_array<Ostrel_IPv4>& addresses,
+Ostrel_Status ReadAddresses(const Ostrel_OptionIndex& options, uint8_t code, os_array<Ostrel_IPv4>& addresses,
                             int32_t& number) {
     std::span<const uint8_t> data;
     Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsString(options, code, &data);
@@ -65,7 +65,7 @@ Ostrel_Status ReadAddresses(std::span<const uint8_t> options, uint8_t code, os_a
     return status;
 }
 
-Ostrel_Status ReadDomainName(std::span<const uint8_t> options, Ostrel_ClientLease& lease) {
+Ostrel_Status ReadDomainName(const Ostrel_OptionIndex& options, Ostrel_ClientLease& lease) {
     std::span<const uint8_t> name;
     const Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsString(options, kOptionDomainName, &name);
     if (status == kEndingErr) return kNoErr;
@@ -77,7 +77,7 @@ Ostrel_Status ReadDomainName(std::span<const uint8_t> options, Ostrel_ClientLeas
 }
 
 Ostrel_Status ReadLease(const Ostrel_PreprocessedPacket& packet, Ostrel_ClientLease& lease) {
-    const std::span<const uint8_t> options = Ostrel_OptionsOf(packet);
+    const Ostrel_OptionIndex& options = Ostrel_OptionsOf(packet);
     lease.leaseAcquired = os_monotonic_seconds();
     lease.serverMAC = packet.ethHdr->src;
     lease.serverIPv4Address = packet.ipHdr->src;
@@ -155,7 +155,7 @@ void Ostrel_BOOTPClientPacketFilterHandler(void* context, const uint8_t* /*sourc
     DebugPrintF(kDebugLevelVerbose, "DHCP Client RX bootpc packet on %s.\n", iface->ifname.data());
     DebugHexDump(kDebugLevelVerbose, frame);
 
-    Ostrel_PreprocessedPacket packet{};
+    Ostrel_PreprocessedPacket packet;
     Ostrel_Status status = Ostrel_BOOTPPacketPreprocess(frame, &packet);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
     uint8_t messageType = 0;

@@ -51,7 +51,7 @@ Ostrel_IPv4 RequestedAddress(const Ostrel_ServerObj* server, const Ostrel_Prepro
 
 // An absent option leaves its span null; an empty one does not.
 ClientIdentity ReadIdentity(const Ostrel_PreprocessedPacket& packet) {
-    const std::span<const uint8_t> options = Ostrel_OptionsOf(packet);
+    const Ostrel_OptionIndex& options = Ostrel_OptionsOf(packet);
     ClientIdentity identity;
     (void)Ostrel_BOOTPPacketFindOptionAsString(options, kOptionClientIdentifier, &identity.clientIdentifier);
     (void)Ostrel_BOOTPPacketFindOptionAsString(options, kOptionHostName, &identity.hostName);
@@ -132,7 +132,7 @@ void Ostrel_BOOTPServerPacketFilterHandler(void* context, const uint8_t*, std::s
     DebugHexDump(kDebugLevelVerbose, frame);
 
     // A frame that fails the checks has no options, so the search for its message type fails as well.
-    Ostrel_PreprocessedPacket packet{};
+    Ostrel_PreprocessedPacket packet;
     Ostrel_Status status = Ostrel_BOOTPPacketPreprocess(frame, &packet);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
     uint8_t messageType = 0;

@@ -30,7 +30,7 @@ size_t PayloadLimit(const Ostrel_ServerObj* server) {
 }
 
 // The codes that the client asks for; none without the option. A list of options without an end is a failure.
-Ostrel_Status ReadRequestedCodes(std::span<const uint8_t> options, std::span<const uint8_t>* codes) {
+Ostrel_Status ReadRequestedCodes(const Ostrel_OptionIndex& options, std::span<const uint8_t>* codes) {
     const Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsString(options, kOptionParameterRequestList, codes);
     return status == kEndingErr ? kNoErr : status;
 }

@@ -34,13 +34,16 @@ Ostrel_Status Ostrel_BOOTPPacketPreprocess(std::span<const uint8_t> frame, Ostre
     const size_t cookieOffset = messageOffset + sizeof(Ostrel_BOOTPMessage);
     const size_t optionsOffset = cookieOffset + kOptionsCookie.size();
 
-    *packet = {};
     packet->frame = frame.data();
     packet->frameLength = static_cast<uint32_t>(frame.size());
     packet->ethHdr = HeaderAt<Ostrel_EthernetHeader>(frame, 0);
     packet->ipHdr = HeaderAt<Ostrel_IPv4Header>(frame, ipOffset);
     packet->udpHdr = HeaderAt<Ostrel_UDPHeader>(frame, udpOffset);
     packet->dhcpPkt = HeaderAt<Ostrel_BOOTPMessage>(frame, messageOffset);
+    packet->cookie = nullptr;
+    packet->options = nullptr;
+    packet->optionsLength = 0;
+    Ostrel_BOOTPPacketIndexOptions({}, &packet->index);
 
     if (frame.size() < optionsOffset) {
         DebugPrintF(kDebugLevelError, "DHCP Packet too small; need %d bytes, only have %d bytes\n", optionsOffset,
@@ -55,6 +58,7 @@ Ostrel_Status Ostrel_BOOTPPacketPreprocess(std::span<const uint8_t> frame, Ostre
     packet->cookie = cookie.data();
     packet->options = frame.data() + optionsOffset;
     packet->optionsLength = static_cast<uint32_t>(frame.size() - optionsOffset);
+    Ostrel_BOOTPPacketIndexOptions(frame.subspan(optionsOffset), &packet->index);
     return kNoErr;
 }
 

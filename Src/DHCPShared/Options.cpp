@@ -1,4 +1,4 @@
-// The options area: walking it, reading an option by its type, appending options to a message.
+// The options area: indexing it, reading an option by its type, appending options to a message.
 //
 // An option is a code byte, a length byte and that much data; pad and end are the code byte alone (RFC 2132 section 2).
 // The walk never leaves the area it was given, and hands out only options that lie whole within it. Options overloaded
@@ -22,6 +22,21 @@ bool IsBare(uint8_t code) {
 // The data of a whole option.
 std::span<const uint8_t> DataOf(std::span<const uint8_t> option) {
     return option.size() < kOptionHeader ? std::span<const uint8_t>{} : option.subspan(kOptionHeader);
+}
+
+// The walk from the start of the area to the option sought, a line for each option on the way.
+void LogSearch(std::span<const uint8_t> area, uint8_t code) {
+    std::span<const uint8_t> rest = area;
+    Ostrel_Status status = kNoErr;
+    while (status == kNoErr) {
+        std::span<const uint8_t> found;
+        status = Ostrel_BOOTPPacketFindNextOption(rest, &found, &rest);
+        if (found.empty()) return;
+        DebugPrintF(kDebugLevelChatty, "DHCP Find Option <%d> found <%d> at <%p>, length <%d>\n", code, found[0],
+                    found.data(), found.size());
+        DebugHexDump(kDebugLevelChatty, found);
+        if (found[0] == code) return;
+    }
 }
 
 template <typename Number>
@@ -49,25 +64,30 @@ Ostrel_Status Ostrel_BOOTPPacketFindNextOption(std::span<const uint8_t> buffer, 
     return code == kOptionEnd ? kEndingErr : kNoErr;
 }
 
-Ostrel_Status Ostrel_BOOTPPacketFindOption(std::span<const uint8_t> options, uint8_t code,
-                                           std::span<const uint8_t>* option) {
-    std::span<const uint8_t> rest = options;
-    for (;;) {
-        std::span<const uint8_t> found;
-        const Ostrel_Status status = Ostrel_BOOTPPacketFindNextOption(rest, &found, &rest);
-        if (status == kTooShortErr) return status;
-        DebugPrintF(kDebugLevelChatty, "DHCP Find Option <%d> found <%d> at <%p>, length <%d>\n", code, found[0],
-                    found.data(), found.size());
-        DebugHexDump(kDebugLevelChatty, found);
-        if (found[0] == code) {
-            *option = found;
-            return kNoErr;
-        }
-        if (status == kEndingErr) return status;
+void Ostrel_BOOTPPacketIndexOptions(std::span<const uint8_t> area, Ostrel_OptionIndex* index) {
+    index->area = area.first(std::min<size_t>(area.size(), UINT16_MAX));
+    index->present.reset();
+    index->ending = kNoErr;
+    std::span<const uint8_t> rest = index->area;
+    while (index->ending == kNoErr) {
+        std::span<const uint8_t> option;
+        index->ending = Ostrel_BOOTPPacketFindNextOption(rest, &option, &rest);
+        if (option.empty() || index->present[option[0]]) continue;
+        index->present.set(option[0]);
+        index->offsets[option[0]] = static_cast<uint16_t>(option.data() - index->area.data());
     }
 }
 
-Ostrel_Status Ostrel_BOOTPPacketFindOptionAsString(std::span<const uint8_t> options, uint8_t code,
+Ostrel_Status Ostrel_BOOTPPacketFindOption(const Ostrel_OptionIndex& options, uint8_t code,
+                                           std::span<const uint8_t>* option) {
+    if (DebugIsWritten(kDebugLevelChatty)) LogSearch(options.area, code);
+    if (!options.present[code]) return options.ending;
+    std::span<const uint8_t> rest;
+    (void)Ostrel_BOOTPPacketFindNextOption(options.area.subspan(options.offsets[code]), option, &rest);  // it is whole
+    return kNoErr;
+}
+
+Ostrel_Status Ostrel_BOOTPPacketFindOptionAsString(const Ostrel_OptionIndex& options, uint8_t code,
                                                    std::span<const uint8_t>* data) {
     std::span<const uint8_t> option;
     const Ostrel_Status status = Ostrel_BOOTPPacketFindOption(options, code, &option);
@@ -76,7 +96,8 @@ Ostrel_Status Ostrel_BOOTPPacketFindOptionAsString(std::span<const uint8_t> opti
     return kNoErr;
 }
 
-Ostrel_Status Ostrel_BOOTPPacketFindOptionAsIPv4(std::span<const uint8_t> options, uint8_t code, Ostrel_IPv4* address) {
+Ostrel_Status Ostrel_BOOTPPacketFindOptionAsIPv4(const Ostrel_OptionIndex& options, uint8_t code,
+                                                 Ostrel_IPv4* address) {
     std::span<const uint8_t> data;
     const Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsString(options, code, &data);
     if (status != kNoErr) return status;
@@ -85,7 +106,7 @@ Ostrel_Status Ostrel_BOOTPPacketFindOptionAsIPv4(std::span<const uint8_t> option
     return kNoErr;
 }
 
-Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint32(std::span<const uint8_t> options, uint8_t code, uint32_t* value) {
+Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint32(const Ostrel_OptionIndex& options, uint8_t code, uint32_t* value) {
     std::span<const uint8_t> data;
     const Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsString(options, code, &data);
     if (status != kNoErr) return status;
@@ -94,7 +115,7 @@ Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint32(std::span<const uint8_t> opti
     return kNoErr;
 }
 
-Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint16(std::span<const uint8_t> options, uint8_t code, uint16_t* value) {
+Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint16(const Ostrel_OptionIndex& options, uint8_t code, uint16_t* value) {
     std::span<const uint8_t> data;
     const Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsString(options, code, &data);
     if (status != kNoErr) return status;
@@ -103,7 +124,7 @@ Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint16(std::span<const uint8_t> opti
     return kNoErr;
 }
 
-Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint8(std::span<const uint8_t> options, uint8_t code, uint8_t* value) {
+Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint8(const Ostrel_OptionIndex& options, uint8_t code, uint8_t* value) {
     std::span<const uint8_t> data;
     const Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsString(options, code, &data);
     if (status != kNoErr) return status;
@@ -112,7 +133,7 @@ Ostrel_Status Ostrel_BOOTPPacketFindOptionAsUint8(std::span<const uint8_t> optio
     return kNoErr;
 }
 
-Ostrel_Status Ostrel_BOOTPPacketFindMessageType(std::span<const uint8_t> options, uint8_t* messageType) {
+Ostrel_Status Ostrel_BOOTPPacketFindMessageType(const Ostrel_OptionIndex& options, uint8_t* messageType) {
     std::span<const uint8_t> data;
     const Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsString(options, kOptionMessageType, &data);
     if (status != kNoErr) return status;

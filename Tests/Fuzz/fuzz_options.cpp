@@ -32,10 +32,27 @@ void Walk(Bytes options) {
     Require(status == kEndingErr);
 }
 
-void ReadAll(Bytes options, uint8_t code) {
+// What the index says of a code, against a walk from the start.
+void CompareWithWalk(const Ostrel_OptionIndex& options, uint8_t code) {
+    Bytes found;
+    const Ostrel_Status result = Ostrel_BOOTPPacketFindOption(options, code, &found);
+    Bytes rest = options.area;
+    Ostrel_Status status = kNoErr;
+    Bytes option;
+    while (status == kNoErr) {
+        status = Ostrel_BOOTPPacketFindNextOption(rest, &option, &rest);
+        if (!option.empty() && option[0] == code) {
+            return Require(result == kNoErr && found.data() == option.data() && found.size() == option.size());
+        }
+    }
+    Require(result == status && found.empty());
+}
+
+void ReadAll(const Ostrel_OptionIndex& options, uint8_t code) {
+    CompareWithWalk(options, code);
     Bytes option;
     if (Ostrel_BOOTPPacketFindOption(options, code, &option) == kNoErr) {
-        Require(IsWithin(option, options) && !option.empty() && option[0] == code);
+        Require(IsWithin(option, options.area) && !option.empty() && option[0] == code);
     }
     uint32_t number = 0;
     uint16_t half = 0;
@@ -45,7 +62,7 @@ void ReadAll(Bytes options, uint8_t code) {
 
     Bytes data;
     if (Ostrel_BOOTPPacketFindOptionAsString(options, code, &data) != kNoErr) return;
-    Require(IsWithin(data, options) && data.size() <= kOptionMaxData);
+    Require(IsWithin(data, options.area) && data.size() <= kOptionMaxData);
     os_array<Ostrel_IPv4> addresses;
     uint32_t count = 0;
     const Ostrel_Status status = Ostrel_BOOTPPacketProcessOptionAsIPv4Array(data, &addresses, &count);
@@ -53,13 +70,15 @@ void ReadAll(Bytes options, uint8_t code) {
     Require(status != kNoErr || (addresses != nullptr && count == data.size() / 4));
 }
 
-void ReadEverything(Bytes options) {
-    Walk(options);
+void ReadEverything(Bytes area) {
+    Walk(area);
+    Ostrel_OptionIndex options;
+    Ostrel_BOOTPPacketIndexOptions(area, &options);
     for (const uint8_t code : {kOptionPad, kOptionRouter, kOptionDomainName, kOptionLeaseTime, kOptionMessageType,
                                kOptionMaximumMessageSize, kOptionEnd}) {
         ReadAll(options, code);
     }
-    if (!options.empty()) ReadAll(options, options.back());
+    if (!area.empty()) ReadAll(options, area.back());
 }
 
 }  // namespace
@@ -69,7 +88,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ReadEverything(input);
     Ostrel_PreprocessedPacket packet{};
     const Ostrel_Status status = Ostrel_BOOTPPacketPreprocess(input, &packet);
-    const Bytes options = Ostrel_OptionsOf(packet);
+    const Bytes options = Ostrel_OptionsOf(packet).area;
     Require(status == kNoErr || options.empty());
     Require(IsWithin(options, input));
     if (status != kNoErr) return 0;

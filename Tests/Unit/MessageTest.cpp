@@ -4,6 +4,7 @@
 #include <numeric>
 
 #include "Ostrel/DHCPShared.h"
+#include "Ostrel/Log.h"
 
 #include "Sim.h"
 #include "wpabuf.h"
@@ -19,6 +20,12 @@ Bytes FrameOf(size_t length, uint8_t words, Bytes cookie = {99, 130, 83, 99}) {
     const size_t at = 258 + words * 4U;
     for (size_t i = 0; i < cookie.size() && at + i < length; ++i) frame[at + i] = cookie[i];
     return frame;
+}
+
+Ostrel_OptionIndex Indexed(std::span<const uint8_t> area) {
+    Ostrel_OptionIndex index;
+    Ostrel_BOOTPPacketIndexOptions(area, &index);
+    return index;
 }
 
 TEST(Preprocess, SaysWhatIsWrong) {
@@ -84,15 +91,46 @@ TEST(Options, AreFoundWholeOrNotAtAll) {
     for (const auto& test : cases) {
         SCOPED_TRACE(test.what);
         std::span<const uint8_t> option;
-        EXPECT_EQ(Ostrel_BOOTPPacketFindOption(test.options, test.code, &option), test.status);
+        EXPECT_EQ(Ostrel_BOOTPPacketFindOption(Indexed(test.options), test.code, &option), test.status);
         EXPECT_EQ(Bytes(option.begin(), option.end()), test.found);
+    }
+}
+
+// At level chatty a search is written out as far as it goes, a line and a dump for each option; above it nothing is.
+TEST(Options, ASearchIsWrittenOutForWhoTurnedItOn) {
+    const Bytes area{0, 53, 1, 5, 12, 1, 'a', 255, 54};
+    const Ostrel_OptionIndex options = Indexed(area);
+    const struct {
+        uint8_t code;
+        std::vector<std::pair<int, int>> seen;  // code and length
+    } searches[] = {{12, {{0, 1}, {53, 3}, {12, 3}}}, {54, {{0, 1}, {53, 3}, {12, 3}, {255, 1}}}, {0, {{0, 1}}}};
+    for (const auto& [code, seen] : searches) {
+        const sim::World world;
+        std::span<const uint8_t> option;
+        Ostrel_SetDebugLevel("verbose");
+        (void)Ostrel_BOOTPPacketFindOption(options, code, &option);
+        EXPECT_TRUE(world.log.empty());
+        Ostrel_SetDebugLevel("chatty");
+        (void)Ostrel_BOOTPPacketFindOption(options, code, &option);
+        Ostrel_SetDebugLevel("info");
+
+        ASSERT_EQ(world.log.size(), 2 * seen.size());
+        for (size_t i = 0; i < seen.size(); ++i) {
+            const std::string& line = world.log[2 * i].text;
+            const auto& [found, length] = seen[i];
+            EXPECT_TRUE(line.starts_with("DHCP Find Option <" + std::to_string(code) + "> found <" +
+                                         std::to_string(found) + "> at <0x"))
+                << line;
+            EXPECT_TRUE(line.ends_with(">, length <" + std::to_string(length) + ">")) << line;
+        }
     }
 }
 
 TEST(Options, TypedReadersInsistOnTheirLength) {
     const sim::World world;
-    const Bytes options{51, 4, 0, 0,  0x1C, 0x20, 57, 2, 5, 0xDC, 54, 4, 192, 0, 2,  1,
-                        53, 1, 5, 58, 2,    1,    2,  1, 5, 1,    2,  3, 4,   5, 255};
+    const Bytes area{51, 4, 0, 0,  0x1C, 0x20, 57, 2, 5, 0xDC, 54, 4, 192, 0, 2,  1,
+                     53, 1, 5, 58, 2,    1,    2,  1, 5, 1,    2,  3, 4,   5, 255};
+    const Ostrel_OptionIndex options = Indexed(area);
     uint32_t number = 7;
     uint16_t half = 0;
     uint8_t byte = 0;
@@ -105,7 +143,7 @@ TEST(Options, TypedReadersInsistOnTheirLength) {
     EXPECT_TRUE(read16(57) == kNoErr && read16(53) == kBadSizeErr && half == 1500);
     EXPECT_TRUE(read8(53) == kNoErr && read8(57) == kBadSizeErr && byte == 5);
     EXPECT_TRUE(readIPv4(54) == kNoErr && readIPv4(1) == kBadSizeErr && address == inet_addr("192.0.2.1"));
-    EXPECT_EQ(Ostrel_BOOTPPacketFindMessageType(Bytes{53, 0, 255}, &byte), kBadSizeErr);
+    EXPECT_EQ(Ostrel_BOOTPPacketFindMessageType(Indexed(Bytes{53, 0, 255}), &byte), kBadSizeErr);
     EXPECT_TRUE(world.Logged("( optionBuf[1] == sizeof( uint16_t ) )"));
 }
 
