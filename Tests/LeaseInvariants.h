@@ -1,5 +1,5 @@
-// What must hold of a lease table between any two frames: a slot's books agree with its state, and the index with the
-// table.
+// What must hold of a lease table between any two frames: a slot's books agree with its state, the index with the
+// table, and no station has more slots than it can have come by.
 #pragma once
 
 #include <string>
@@ -64,7 +64,9 @@
     for (uint32_t chain = 0; chain < index.numChains; ++chain) {
         for (uint32_t tree = index.chains[chain]; tree != kNoSlot && reached <= tied;
              tree = index.links[tree].nextTree) {
+            const uint32_t before = reached;
             count(count, tree);
+            if (reached - before > 2 && server.leases[tree].srcMAC != Ostrel_MAC{}) return "a station has three slots";
         }
     }
     return reached == tied ? "" : "trees hold " + std::to_string(reached) + " slots of " + std::to_string(tied);

@@ -1,8 +1,9 @@
 // The index of the lease table: two sets, two lists, and the ties of slots to stations.
 //
 // Ties are found by hash. All slots of one station form a treap, a search tree by slot number whose shape follows
-// random priorities: a station can tie any number of slots to itself (an INFORM for each address will do), and neither
-// its next frame nor the expiry of all those slots may become a walk over them. Nearly every tree is a single slot.
+// random priorities: whoever sends from the address of all zeros can have any number of slots tied to it, and neither
+// the next such frame nor the expiry of all those slots may become a walk over them. Nearly every tree is a single
+// slot.
 //
 // Both lists stay sorted by offer time without searching, as a slot enters at the end, with the time of now, and keeps
 // its place as long as its offer time.

@@ -2,7 +2,8 @@
 // is the oldest. It knows slots and their books (state, MAC, offer time), not the rules by which they change.
 //
 // A slot is blank when it is free and has no MAC; any other slot is tied to its MAC, a free one too when its OFFER
-// could not be sent. A station may be tied to any number of slots.
+// could not be sent. A station is tied to two slots at most, but for one without an address (all zero), to which each
+// blank slot looks like its own: it may be tied to any number.
 //
 //   free, blank   sets of slots
 //   ties          a hash table of trees; the slots tied to one MAC are one tree, ordered by slot number

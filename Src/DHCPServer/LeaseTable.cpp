@@ -6,13 +6,16 @@
 #include "DHCPServer/LeaseTable.h"
 
 #include <algorithm>
+#include <array>
 #include <endian.h>
 #include <memory>
+#include <string_view>
 
 #include "Ostrel/Check.h"
 #include "Ostrel/Log.h"
 
 #include "DHCPServer/LeaseIndex.h"
+#include "os_time.h"
 
 namespace {
 
@@ -30,6 +33,10 @@ Ostrel_LeaseInformation* SlotAt(const Ostrel_ServerObj* server, uint32_t slot) {
 
 uint32_t NumberOf(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation* lease) {
     return static_cast<uint32_t>(lease - server->leases);
+}
+
+std::string_view TextOf(std::span<const uint8_t> bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 // Whether a line at trace level, that of every walk, would be written.
@@ -72,11 +79,46 @@ bool WriteBuffer(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data, 
     buffer.reset();
     length = 0;
     if (data.data() == nullptr) return true;
-    buffer = os_zalloc_array<uint8_t>(data.size() + 1);
+    buffer = os_copy_array<uint8_t>(data, 1);
     if (buffer == nullptr) return false;
-    std::copy(data.begin(), data.end(), buffer.get());
     length = static_cast<uint32_t>(data.size());
     return true;
+}
+
+// When a lease ends, in local time as ctime writes it; the text lies in `room`.
+std::string_view EndOf(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease, std::span<char> room) {
+    const uint32_t age = os_monotonic_seconds() - lease.offerTime;
+    os_local_time_text(os_wall_seconds() - age + server->leaseTime, room);
+    const std::string_view text(room.data());
+    return text.substr(0, text.find('\n'));
+}
+
+// A lease has one line where it begins and one where it ends; one that is confirmed is the same lease. The host name
+// is the client's own words: it stands last, where it cannot be taken for anything else of the line.
+void LogGrant(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease, std::span<const uint8_t> hostName) {
+    if (gMaxDebugLevel > kDebugLevelInfo) return;
+    std::array<char, 64> room;
+    DebugPrintF(kDebugLevelInfo, "[%s] Lease %.4a granted to %.6a until %s%s%s\n", NameOf(server), &lease.IPv4Address,
+                lease.srcMAC, EndOf(server, lease, room), hostName.empty() ? "" : ", host name ", TextOf(hostName));
+}
+
+void LogEnd(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease, const char* reason) {
+    if (gMaxDebugLevel > kDebugLevelInfo) return;
+    const std::span<const uint8_t> hostName{lease.hostName.get(), lease.hostNameLength};
+    std::array<char, 64> room;
+    DebugPrintF(kDebugLevelInfo, "[%s] Lease %.4a of %.6a until %s has ended: %s%s%s\n", NameOf(server),
+                &lease.IPv4Address, lease.srcMAC, EndOf(server, lease, room), reason,
+                hostName.empty() ? "" : ", host name ", TextOf(hostName));
+}
+
+// Returns a slot to the free state; `reason` is for the end of a lease.
+void Free(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const char* reason) {
+    DebugPrintF(kDebugLevelTrace, "[%s] Free Lease %.4a assigned to %.6a.\n", NameOf(server), &lease->IPv4Address,
+                lease->srcMAC);
+    if (lease->state == kLeaseStateActive) LogEnd(server, *lease, reason);
+    WriteBooks(server, lease, kLeaseStateFree, Ostrel_MAC{}, 0);
+    (void)Ostrel_DHCPServer_LeaseKeepIdentifier(lease, {});  // nothing: that cannot fail
+    (void)Ostrel_DHCPServer_LeaseKeepHostName(lease, {});
 }
 
 // "lease" and "index" of the lines below are the slot and its number.
@@ -87,18 +129,19 @@ void TraceFree(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& le
 
 // Frees every slot of the station but the chosen one, so that it holds no more than what it asked for by address.
 void ReleaseByMAC(Ostrel_ServerObj* server, const Ostrel_MAC& mac, const Ostrel_LeaseInformation* chosen) {
+    constexpr char kOtherAddress[] = "its client asks for another address";
     if (WalksAreTraced()) {
         for (Ostrel_LeaseInformation& lease : SlotsOf(server)) {
             if (&lease == chosen || lease.srcMAC != mac) continue;
             TraceFree(server, lease);
-            Ostrel_DHCPServer_LeaseClean(server, &lease);
+            Free(server, &lease, kOtherAddress);
         }
         return;
     }
     // Blank slots match a station whose MAC is all zero, but have nothing to clean.
     for (uint32_t slot = Ostrel_LeaseIndexLowestTied(server, mac, 0); slot != kNoSlot;
          slot = Ostrel_LeaseIndexLowestTied(server, mac, slot + 1)) {
-        if (SlotAt(server, slot) != chosen) Ostrel_DHCPServer_LeaseClean(server, SlotAt(server, slot));
+        if (SlotAt(server, slot) != chosen) Free(server, SlotAt(server, slot), kOtherAddress);
     }
 }
 
@@ -106,16 +149,27 @@ bool GoesByAddress(uint32_t messageType) {
     return messageType == kDHCPRequest || messageType == kDHCPInform || messageType == kDHCPRelease;
 }
 
-// Whether a station may have the slot of the address that it names.
-bool IsOpenTo(const Ostrel_LeaseInformation& lease, uint32_t messageType, const Ostrel_MAC& mac) {
-    if (lease.state == kLeaseStateFree) return messageType != kDHCPRelease;
-    return lease.srcMAC == mac;
+// Whether a slot is in use by the station; one that was claimed for an OFFER that could not be sent is not.
+bool HoldsAny(const Ostrel_ServerObj* server, const Ostrel_MAC& mac) {
+    for (uint32_t slot = Ostrel_LeaseIndexLowestTied(server, mac, 0); slot != kNoSlot;
+         slot = Ostrel_LeaseIndexLowestTied(server, mac, slot + 1)) {
+        if (server->leases[slot].state != kLeaseStateFree) return true;
+    }
+    return false;
+}
+
+// Whether a station may have the slot of the address that it names. INFORM gives nothing back, so that a station which
+// might take more than one by it would have them all.
+bool IsOpenTo(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease, uint32_t messageType,
+              const Ostrel_MAC& mac) {
+    if (lease.state != kLeaseStateFree) return lease.srcMAC == mac;
+    return messageType == kDHCPRequest || (messageType == kDHCPInform && !HoldsAny(server, mac));
 }
 
 Ostrel_LeaseInformation* FindByAddress(Ostrel_ServerObj* server, uint32_t messageType, const Ostrel_MAC& mac,
                                        Ostrel_IPv4 address) {
     Ostrel_LeaseInformation* lease = SlotOfAddress(server, address);
-    if (lease != nullptr && !IsOpenTo(*lease, messageType, mac)) {
+    if (lease != nullptr && !IsOpenTo(server, *lease, messageType, mac)) {
         DebugPrintF(kDebugLevelTrace,
                     "[%s] Lease at index %d, IPv4 <%.4a> free for MAC <%.6a>, assigned to MAC <%a>.\n", NameOf(server),
                     NumberOf(server, lease), &lease->IPv4Address, lease->srcMAC, mac);
@@ -174,7 +228,7 @@ void Expire(Ostrel_ServerObj* server, Ostrel_LeaseInformation& lease, uint32_t n
                 "[%s]  ### PRUNE LEASE ### Expire Lease %.4a on %.6a (%s) Now %d, Offered at %d, Lease Time %d.\n",
                 NameOf(server), &lease.IPv4Address, lease.srcMAC, active ? "lease active" : "Offered, never claimed",
                 now, lease.offerTime, active ? server->leaseTime : server->offerTimeout);
-    Ostrel_DHCPServer_LeaseClean(server, &lease);
+    Free(server, &lease, "expired");
 }
 
 void PruneTraced(Ostrel_ServerObj* server, uint32_t now) {
@@ -272,13 +326,16 @@ void Ostrel_DHCPServer_LeaseClaim(Ostrel_ServerObj* server, Ostrel_LeaseInformat
 }
 
 void Ostrel_DHCPServer_LeaseOffer(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, uint32_t now) {
+    if (lease->state == kLeaseStateActive) LogEnd(server, *lease, "its client begins anew");
     WriteBooks(server, lease, kLeaseStateOffered, lease->srcMAC, now);
 }
 
 void Ostrel_DHCPServer_LeaseActivate(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
-                                     uint32_t now) {
+                                     uint32_t now, std::span<const uint8_t> hostName) {
+    const bool isNew = lease->state != kLeaseStateActive;
     const bool startsAnew = lease->state == kLeaseStateFree || lease->offerTime == 0;
     WriteBooks(server, lease, kLeaseStateActive, startsAnew ? mac : lease->srcMAC, startsAnew ? now : lease->offerTime);
+    if (isNew) LogGrant(server, *lease, hostName);
 }
 
 bool Ostrel_DHCPServer_LeaseKeepIdentifier(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data) {
@@ -290,11 +347,7 @@ bool Ostrel_DHCPServer_LeaseKeepHostName(Ostrel_LeaseInformation* lease, std::sp
 }
 
 Ostrel_Status Ostrel_DHCPServer_LeaseClean(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease) {
-    DebugPrintF(kDebugLevelTrace, "[%s] Free Lease %.4a assigned to %.6a.\n", NameOf(server), &lease->IPv4Address,
-                lease->srcMAC);
-    WriteBooks(server, lease, kLeaseStateFree, Ostrel_MAC{}, 0);
-    (void)Ostrel_DHCPServer_LeaseKeepIdentifier(lease, {});  // nothing: that cannot fail
-    (void)Ostrel_DHCPServer_LeaseKeepHostName(lease, {});
+    Free(server, lease, "released");
     return kNoErr;
 }
 

@@ -1,7 +1,8 @@
 // The lease table: one slot for each address of the range. Who gets which slot, and when a slot falls free.
 //
 // Slots change only through the functions below. A free slot may be claimed for a station before its OFFER goes out;
-// the OFFER makes it offered, an acknowledged REQUEST or INFORM active. "Now" is the monotonic clock in seconds.
+// the OFFER makes it offered, an acknowledged REQUEST or INFORM active. "Now" is the monotonic clock in seconds. Each
+// lease, which is a slot's time of being active, has one line at info where it begins and one where it ends.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +19,7 @@ void Ostrel_DHCPServer_LeasesFinalize(Ostrel_ServerObj* server);
 //
 //   DISCOVER                the station's lowest slot, else the lowest free one
 //   REQUEST of an address   that address's slot, unless another station holds it; the station's other slots are freed
-//   INFORM of an address    that address's slot, unless another station holds it
+//   INFORM of an address    that address's slot, if the station holds it, or if it is free and the station holds none
 //   RELEASE of an address   that address's slot, if the station holds it
 //   any other               none
 //
@@ -33,16 +34,17 @@ void Ostrel_DHCPServer_LeaseClaim(Ostrel_ServerObj* server, Ostrel_LeaseInformat
 // The OFFER went out: the slot is offered from now on, whatever it was.
 void Ostrel_DHCPServer_LeaseOffer(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, uint32_t now);
 
-// The slot is active. Only one that was free, or had no offer time, changes hands and starts its time now.
+// The slot is active. Only one that was free, or had no offer time, changes hands and starts its time now. `hostName`,
+// empty when there is none, is for the log: what the client that is granted a lease calls itself.
 void Ostrel_DHCPServer_LeaseActivate(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
-                                     uint32_t now);
+                                     uint32_t now, std::span<const uint8_t> hostName);
 
 // A copy of what a REQUEST says of its client, options 61 and 12, with a zero byte behind it; no buffer for an option
 // that is absent, which is one whose span is null. False, with no buffer either, when memory is out.
 [[nodiscard]] bool Ostrel_DHCPServer_LeaseKeepIdentifier(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data);
 [[nodiscard]] bool Ostrel_DHCPServer_LeaseKeepHostName(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data);
 
-// Returns a slot to the free state.
+// Returns a slot to the free state: its station has no more use for it.
 Ostrel_Status Ostrel_DHCPServer_LeaseClean(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease);
 
 // Cleans the offered slots that nobody claimed in time and the active ones that have reached their end.

@@ -3,7 +3,7 @@
 //     DISCOVER   a slot is offered                        DHCPOFFER
 //     REQUEST    the slot asked for becomes active        DHCPACK or DHCPNAK; the lease table is published
 //     RELEASE    the station's slot is freed              no answer
-//     INFORM     a free slot asked for becomes active     DHCPACK or DHCPNAK
+//     INFORM     a station's first slot becomes active    DHCPACK or DHCPNAK
 //
 // Everything else is dropped. A client is known by the Ethernet source of its frame, so all clients behind one relay
 // are one client. Leases end here as well: each frame first prunes the table, and without frames nothing expires.
@@ -70,7 +70,7 @@ Ostrel_Status Ostrel_DHCPServerProcessRequest(Ostrel_ServerObj* server, const Os
         OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerSend_BOOTPReply(server, kDHCPNak, station, packet, nullptr));
     } else {
         const ClientIdentity identity = ReadIdentity(packet);
-        Ostrel_DHCPServer_LeaseActivate(server, lease, station, os_monotonic_seconds());
+        Ostrel_DHCPServer_LeaseActivate(server, lease, station, os_monotonic_seconds(), identity.hostName);
         OSTREL_REQUIRE(Ostrel_DHCPServer_LeaseKeepIdentifier(lease, identity.clientIdentifier),
                        "lease->clientIdentifier", kOutOfMemoryErr);
         OSTREL_REQUIRE(Ostrel_DHCPServer_LeaseKeepHostName(lease, identity.hostName), "lease->hostName",
@@ -100,7 +100,7 @@ Ostrel_Status Ostrel_DHCPServerProcessInform(Ostrel_ServerObj* server, const Ost
     const Ostrel_Status found =
         Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPInform, station, packet.dhcpPkt->ciaddr, &lease);
     if (found == kNoErr && lease->state == kLeaseStateFree) {
-        Ostrel_DHCPServer_LeaseActivate(server, lease, station, os_monotonic_seconds());
+        Ostrel_DHCPServer_LeaseActivate(server, lease, station, os_monotonic_seconds(), ReadIdentity(packet).hostName);
     }
     const uint8_t answer = found == kNoErr ? kDHCPAck : kDHCPNak;
     OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerSend_BOOTPReply(server, answer, station, packet, lease));

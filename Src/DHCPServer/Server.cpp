@@ -110,11 +110,10 @@ Ostrel_Status CheckConfig(const Ostrel_InterfaceConfig* config) {
 
 Ostrel_Status CopyDomainName(Ostrel_ServerObj* server, const char* name) {
     if (name == nullptr) return kNoErr;
-    const size_t length = std::strlen(name);
-    server->domainName = os_zalloc_array<char>(length + 1);
+    const std::string_view text(name);
+    server->domainName = os_copy_array<char>(text, 1);
     OSTREL_REQUIRE(server->domainName != nullptr, "server->domainName", kOutOfMemoryErr);
-    std::copy_n(name, length, server->domainName.get());
-    server->domainNameLength = static_cast<uint32_t>(length);
+    server->domainNameLength = static_cast<uint32_t>(text.size());
     return kNoErr;
 }
 

@@ -298,7 +298,7 @@ TEST_F(Bus, TheServersTableShowsEverySlotInUse) {
         Ostrel_LeaseInformation& slot = server->leases[i * 2];
         Ostrel_DHCPServer_LeaseClaim(server, &slot, {2, 0xAA, 0, 0, 0, static_cast<uint8_t>(i)});
         Ostrel_DHCPServer_LeaseOffer(server, &slot, world.MonotonicSeconds() - 10);
-        if (state == kLeaseStateActive) Ostrel_DHCPServer_LeaseActivate(server, &slot, slot.srcMAC, 0);
+        if (state == kLeaseStateActive) Ostrel_DHCPServer_LeaseActivate(server, &slot, slot.srcMAC, 0, {});
         if (identifier) slot.clientIdentifier = Copy<uint8_t>(*identifier);
         slot.clientIdentifierLength = static_cast<uint32_t>(identifier.value_or("").size());
         if (hostName) slot.hostName = Copy<uint8_t>(*hostName);

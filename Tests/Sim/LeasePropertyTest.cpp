@@ -94,7 +94,7 @@ private:
         for (uint32_t slot = 0; slot < kStations / 2; ++slot) {
             const uint32_t station = 2 * slot + Draw(2);
             const uint32_t taken = now - kLeaseTime + slot * kLeaseTime / kStations;
-            Ostrel_DHCPServer_LeaseActivate(&lan.Server(), &lan.Slot(slot), MACOf(station), taken);
+            Ostrel_DHCPServer_LeaseActivate(&lan.Server(), &lan.Slot(slot), MACOf(station), taken, {});
             holds[station] = kFirst + slot;
         }
     }

@@ -67,16 +67,18 @@ TEST(Server, GivesKeepsRefusesAndTakesBack) {
         {13, 'C', kRequest, "", "102", kAck, ".BC."},  // what it was offered is free again
         {13, 'A', kInform, "101", "", kNak, ".BC."},
         {13, 'A', kInform, "103", "", kAck, ".BCA"},
-        {13, 'B', kInform, "100", "", kAck, "BBCA"},  // an INFORM takes, and gives nothing back
-        {13, 'D', kDiscover, "", "", 0, "BBCA", exhausted},
-        {13, 'D', kRelease, "101", "", 0, "BBCA", notItsOwn},
-        {13, 'B', kRelease, "", "", 0, "BBCA", notItsOwn},
-        {13, 'B', kDecline, "100", "", 0, "BBCA"},
-        {13, 'B', kRequest, "", "", kNak, "BBCA", refused},  // of nothing
-        {13, 'B', kRelease, "100", "", 0, ".BCA"},
-        {13, 'A', kDiscover, "", "", kOffer, ".BCa"},  // its own before a lower free one
-        {23, 'A', kDiscover, "", "", kOffer, "aBC."},  // unclaimed as well
-        {23, 'A', kRequest, "", "104", kNak, ".BC.", refused},
+        {13, 'B', kInform, "100", "", kNak, ".BCA"},  // an INFORM gives nothing back, so it takes no second one
+        {13, 'E', kDiscover, "", "", kOffer, "eBCA"},
+        {14, 'E', kInform, "100", "", kAck, "eBCA"},  // nor does it accept an offer
+        {14, 'D', kDiscover, "", "", 0, "eBCA", exhausted},
+        {14, 'D', kRelease, "101", "", 0, "eBCA", notItsOwn},
+        {14, 'B', kRelease, "", "", 0, "eBCA", notItsOwn},
+        {14, 'B', kDecline, "100", "", 0, "eBCA"},
+        {14, 'B', kRequest, "", "", kNak, "eBCA", refused},  // of nothing
+        {14, 'E', kRelease, "100", "", 0, ".BCA"},
+        {14, 'A', kDiscover, "", "", kOffer, ".BCa"},  // its own before a lower free one
+        {24, 'A', kDiscover, "", "", kOffer, "aBC."},  // unclaimed as well
+        {24, 'A', kRequest, "", "104", kNak, ".BC.", refused},
         {1800, 'C', kInform, "102", "", kAck, ".BC."},
         {1800, 'B', kRequest, "101", "", kAck, ".BC."},  // both are confirmed, not prolonged:
         {3608, 'D', kRequest, "", "101", kNak, ".BC.", refused},
@@ -225,6 +227,57 @@ TEST(Server, RemembersWhatAClientSaysOfItself) {
         ASSERT_EQ(lan.world.posts.size(), 1U);
         EXPECT_NE(lan.world.posts[0].payload.find(row.shown), std::string::npos) << lan.world.posts[0].payload;
     }
+}
+
+// A line where a lease begins and one where it ends, and nothing in between; what a client calls itself stands last.
+TEST(Server, WritesALineWhereALeaseBeginsAndWhereItEnds) {
+    ServerLan lan({.leaseTime = 3600});
+    Ostrel_SetDebugLevel("info");
+    const auto takeLines = [&lan] {
+        std::string lines;
+        for (const LogLine& line : lan.world.log)
+            if (!line.systemLog && line.level == kDebugLevelInfo) lines += line.text + "\n";
+        lan.world.log.clear();
+        return lines;
+    };
+    Guest guest(lan.wire, 1);
+    const auto request = [&guest](const char* address, std::string_view hostName) {
+        DHCPMessage message = MessageFrom(guest.mac, kRequest, "", address);
+        if (!hostName.empty()) message.options.emplace_back(12, std::vector<uint8_t>(hostName.begin(), hostName.end()));
+        EXPECT_TRUE(guest.Ask(message));
+    };
+    takeLines();
+
+    ASSERT_TRUE(guest.Discover());
+    EXPECT_EQ(takeLines(), "");
+    lan.world.RunFor(5s);
+    request("192.168.1.100", "cam until 2099\n[eth0] Lease\x1B[2J");  // good from when it was offered
+    EXPECT_EQ(takeLines(),
+              "[eth0] Lease 192.168.1.100 granted to 02:00:00:00:00:01 until Thu May 28 21:26:40 2026, "
+              "host name cam until 2099\\x0a[eth0] Lease\\x1b[2J\n");
+    lan.world.RunFor(600s);
+    request("192.168.1.100", "cam");
+    request("192.168.1.100", "cam");
+    EXPECT_EQ(takeLines(), "");
+
+    const std::string end = "of 02:00:00:00:00:01 until Thu May 28 21:26:40 2026 has ended: ";
+    const std::string anew = "to 02:00:00:00:00:01 until Thu May 28 21:36:45 2026";
+    ASSERT_TRUE(guest.Discover());
+    EXPECT_EQ(takeLines(), "[eth0] Lease 192.168.1.100 " + end + "its client begins anew, host name cam\n");
+    request("192.168.1.100", "");
+    EXPECT_EQ(takeLines(), "[eth0] Lease 192.168.1.100 granted " + anew + "\n");
+    request("192.168.1.102", "");
+    EXPECT_EQ(takeLines(), "[eth0] Lease 192.168.1.100 of" + anew.substr(2) +
+                               " has ended: its client asks for another address\n" +
+                               "[eth0] Lease 192.168.1.102 granted " + anew + "\n");
+    guest.Ask(MessageFrom(guest.mac, kRelease, "192.168.1.102"));
+    EXPECT_EQ(takeLines(), "[eth0] Lease 192.168.1.102 of" + anew.substr(2) + " has ended: released\n");
+    ASSERT_TRUE(guest.Ask(MessageFrom(guest.mac, kInform, "192.168.1.103")));
+    EXPECT_EQ(takeLines(), "[eth0] Lease 192.168.1.103 granted " + anew + "\n");
+    lan.world.RunFor(3600s);
+    EXPECT_EQ(takeLines(), "");
+    ASSERT_TRUE(Guest(lan.wire, 2).Discover());
+    EXPECT_EQ(takeLines(), "[eth0] Lease 192.168.1.103 of" + anew.substr(2) + " has ended: expired\n");
 }
 
 TEST(Server, DropsWhatItCannotRead) {

@@ -56,7 +56,10 @@ public:
         if (requested == 0) return nullptr;
         ModelSlot* found = First([&](const ModelSlot& slot) { return slot.address == requested; });
         const bool isFree = found != nullptr && found->state == kLeaseStateFree;
-        if (found != nullptr && !(isFree ? type != kDHCPRelease : found->mac == mac)) return nullptr;
+        const bool holds =
+            First([&](const ModelSlot& slot) { return slot.state != kLeaseStateFree && slot.mac == mac; });
+        const bool mayHaveFree = type == kDHCPRequest || (type == kDHCPInform && !holds);
+        if (found != nullptr && !(isFree ? mayHaveFree : found->mac == mac)) return nullptr;
         for (ModelSlot& slot : slots)
             if (type == kDHCPRequest && &slot != found && slot.mac == mac) slot = {slot.address};
         return found;
@@ -142,7 +145,7 @@ public:
             Ostrel_DHCPServer_LeaseClean(&server, lease);
             *slot = {address};
         } else if (type == kDHCPRequest || slot->state == kLeaseStateFree) {
-            Ostrel_DHCPServer_LeaseActivate(&server, lease, mac, now);
+            Ostrel_DHCPServer_LeaseActivate(&server, lease, mac, now, {});
             const bool startsAnew = slot->state == kLeaseStateFree || slot->offerTime == 0;
             *slot = {address, kLeaseStateActive, startsAnew ? mac : slot->mac, startsAnew ? now : slot->offerTime};
         }
