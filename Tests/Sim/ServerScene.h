@@ -2,7 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <regex>
 
 #include "Ostrel/DHCPServer.h"
 #include "Ostrel/Interface.h"
@@ -124,12 +123,12 @@ public:
     // The failed checks of the server since the last call: status, expression and function of each, the latter without
     // what all begin with.
     std::string Reports() {
-        static const std::regex report("(\\S+) (.*)  Src/DHCPServer \\d+ Ostrel_(DHCP|BOOTP)Server(\\S+)");
+        constexpr std::string_view kArea = "  Src/DHCPServer ";
         std::string reports;
         for (const LogLine& line : world.log) {
-            std::smatch parts;
-            if (line.systemLog && line.level == 3 && std::regex_match(line.text, parts, report))
-                reports += parts[1].str() + " " + parts[2].str() + "@" + parts[4].str() + "; ";
+            const size_t area = line.text.find(kArea);
+            if (!line.systemLog || line.level != 3 || area == std::string::npos) continue;
+            reports += line.text.substr(0, area) + "@" + line.text.substr(line.text.rfind("Server") + 6) + "; ";
         }
         world.log.clear();
         return reports;

@@ -280,6 +280,39 @@ TEST(Server, WritesALineWhereALeaseBeginsAndWhereItEnds) {
     EXPECT_EQ(takeLines(), "[eth0] Lease 192.168.1.103 of" + anew.substr(2) + " has ended: expired\n");
 }
 
+TEST(Server, WritesItsWalksAtTraceLevel) {
+    const ServerWishes wishes{.maxLeases = 2, .leaseTime = 60};
+    ServerLan lan(wishes);
+    ASSERT_TRUE(lan.daemon.Finalize("eth0"));
+    Ostrel_SetDebugLevel("chatty");
+    ASSERT_TRUE(lan.Start(wishes));
+    Guest holder(lan.wire, 1);
+    Guest other(lan.wire, 2);
+    holder.Ask(MessageFrom(holder.mac, kInform, "192.168.1.101"));
+    holder.Discover();
+    other.Ask(MessageFrom(other.mac, kInform, "192.168.1.101"));
+    holder.Ask(MessageFrom(holder.mac, kInform, "10.0.0.1"));
+    holder.Ask(MessageFrom(holder.mac, kInform));
+    holder.Request("192.168.1.100");
+    lan.world.RunFor(60s);
+    other.Ask(MessageFrom(other.mac, kDecline));
+    for (const char* line :
+         {"eth0 Adding 192.168.1.101 as an available lease.",
+          "[eth0] Find Lease for 02:00:00:00:00:01, requested IPv4 of 0.0.0.0.",
+          "[eth0] Lease at index 1 has MAC <02:00:00:00:00:01> and IPv4 <192.168.1.101> in state <5>, lease set to 0x",
+          "[eth0] msgType mismatch, expected 1, actual 8...continue",
+          "[eth0] Lease at index 0 possible lease candidate for MAC <02:00:00:00:00:01>.",
+          "[eth0] Lease at index 1 match for MAC <02:00:00:00:00:01>.",
+          "[eth0] SUBNET MISMATCH: 02:00:00:00:00:01 requested IPv4 of 10.0.0.1 on subnet 192.168.1.0.",
+          "free for MAC <02:00:00:00:00:01>, assigned to MAC <02:00:00:00:00:02>.",
+          "[eth0] Lease at index 1, IPv4 <192.168.1.101> free for MAC <02:00:00:00:00:01>.",
+          "[eth0] Free Lease 192.168.1.101 assigned to 02:00:00:00:00:01.",
+          "State <5>, MAC <02:00:00:00:00:01>, Offer time <1000>, now <1060>.",
+          "(lease active) Now 1060, Offered at 1000, Lease Time 60.",
+          "[eth0] ### PRUNE LEASE ### Lease 192.168.1.101 Free - do nothing."})
+        EXPECT_TRUE(lan.world.Logged(line)) << line;
+}
+
 TEST(Server, DropsWhatItCannotRead) {
     ServerLan lan;
     Guest guest(lan.wire, 1);
