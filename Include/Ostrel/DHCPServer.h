@@ -61,9 +61,9 @@ struct Ostrel_ServerObj {
     os_array<char> domainName;                  // NUL-terminated, or null
     uint32_t domainNameLength;                  // without the NUL
     Ostrel_IPv4 IPv4RangeStart;
-    int32_t maxLeases;                // slots in `leases`
-    Ostrel_LeaseInformation* leases;  // owned; in address order
-    Ostrel_LeaseIndex* index;         // owned
+    int32_t maxLeases;                           // slots in `leases`
+    os_records<Ostrel_LeaseInformation> leases;  // in address order
+    os_owner<Ostrel_LeaseIndex> index;
 };
 
 // Life. Initialize stores the server in the interface's dhcpServer; on failure nothing is stored and nothing is left:

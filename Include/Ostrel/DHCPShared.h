@@ -155,6 +155,21 @@ void Ostrel_BOOTPPacketIndexOptions(std::span<const uint8_t> area, Ostrel_Option
 // The message type: the first data byte of option 53; kBadSizeErr when it has none.
 [[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFindMessageType(const Ostrel_OptionIndex& options, uint8_t* messageType);
 
+// A frame that a role has received, read as far as every role reads it. A frame that fails the checks has no options,
+// so that the search for its message type fails as well.
+struct Ostrel_ReceivedMessage {
+    Ostrel_PreprocessedPacket packet;
+    uint8_t messageType = 0;  // meaningless unless `typeFound` is kNoErr
+    // The role reports what failed, under its own name, and drops a frame without a type.
+    Ostrel_Status dissected = kNoErr;
+    Ostrel_Status typeFound = kNoErr;
+};
+
+// Reads a frame and writes the lines that every role writes of one: "DHCP Server RX bootps packet on eth0." for the
+// role "Server" of the service "bootps".
+[[nodiscard]] Ostrel_ReceivedMessage Ostrel_BOOTPPacketReceive(const Ostrel_InterfaceObj* iface, const char* role,
+                                                               const char* service, std::span<const uint8_t> frame);
+
 // A copy of the addresses in an option's data, and their number. kBadSizeErr when the data is not a multiple of four
 // bytes long; empty data is an empty array, not a failure.
 [[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketProcessOptionAsIPv4Array(std::span<const uint8_t> data,

@@ -62,3 +62,37 @@ void os_delete(Record* record) noexcept {
     record->~Record();
     os_free(record);
 }
+
+struct os_record_deleter {
+    template <typename Record>
+    void operator()(Record* record) const noexcept {
+        os_delete(record);
+    }
+};
+
+// An owned record from os_new.
+template <typename Record>
+using os_owner = std::unique_ptr<Record, os_record_deleter>;
+
+template <typename Record>
+struct os_records_deleter {
+    size_t count = 0;
+    void operator()(Record* records) const noexcept {
+        std::destroy_n(records, count);
+        os_free(records);
+    }
+};
+
+// An owned array of records that own something themselves.
+template <typename Record>
+using os_records = std::unique_ptr<Record[], os_records_deleter<Record>>;
+
+// `count` records, every field zero; null when memory is out or the size overflows.
+template <typename Record>
+[[nodiscard]] os_records<Record> os_new_records(size_t count) noexcept {
+    static_assert(std::is_nothrow_default_constructible_v<Record> && alignof(Record) <= alignof(std::max_align_t));
+    if (count > SIZE_MAX / sizeof(Record)) return nullptr;
+    auto* const records = static_cast<Record*>(os_zalloc(count * sizeof(Record)));
+    if (records != nullptr) std::uninitialized_value_construct_n(records, count);
+    return {records, {count}};
+}

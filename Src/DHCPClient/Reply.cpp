@@ -152,24 +152,16 @@ void Ostrel_BOOTPClientPacketFilterHandler(void* context, const uint8_t* /*sourc
                                            std::span<const uint8_t> frame) {
     const auto* iface = static_cast<const Ostrel_InterfaceObj*>(context);
     Ostrel_ClientObj* const client = iface->dhcpClient;
-    DebugPrintF(kDebugLevelVerbose, "DHCP Client RX bootpc packet on %s.\n", iface->ifname.data());
-    DebugHexDump(kDebugLevelVerbose, frame);
-
-    Ostrel_PreprocessedPacket packet;
-    Ostrel_Status status = Ostrel_BOOTPPacketPreprocess(frame, &packet);
-    if (status != kNoErr) OSTREL_REPORT_STATUS(status);
-    uint8_t messageType = 0;
-    status = Ostrel_BOOTPPacketFindMessageType(Ostrel_OptionsOf(packet), &messageType);
-    if (status != kNoErr) {
-        OSTREL_REPORT_STATUS(status);
+    const Ostrel_ReceivedMessage received = Ostrel_BOOTPPacketReceive(iface, "Client", "bootpc", frame);
+    if (received.dissected != kNoErr) OSTREL_REPORT_STATUS(received.dissected);
+    if (received.typeFound != kNoErr) {
+        OSTREL_REPORT_STATUS(received.typeFound);
         return;
     }
-    DebugPrintF(kDebugLevelTrace, "[%s] DHCP Client RX msg type %s.\n", iface->ifname.data(),
-                Ostrel_DHCPMsgTypeString(messageType));
 
-    if (messageType == kDHCPOffer) Ostrel_DHCPClientProcessOffer(client, packet);
-    if (messageType == kDHCPNak) Ostrel_DHCPClientProcessNack(client, packet);
-    if (messageType != kDHCPAck) return;
-    status = Ostrel_DHCPClientProcessAck(client, packet);
+    if (received.messageType == kDHCPOffer) Ostrel_DHCPClientProcessOffer(client, received.packet);
+    if (received.messageType == kDHCPNak) Ostrel_DHCPClientProcessNack(client, received.packet);
+    if (received.messageType != kDHCPAck) return;
+    const Ostrel_Status status = Ostrel_DHCPClientProcessAck(client, received.packet);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
 }

@@ -119,7 +119,7 @@ bool IsBlank(const Ostrel_LeaseInformation& lease) {
 
 Ostrel_Status Ostrel_LeaseIndexInitialize(Ostrel_ServerObj* server) {
     const auto slots = static_cast<uint32_t>(server->maxLeases);
-    server->index = os_new<Ostrel_LeaseIndex>();
+    server->index.reset(os_new<Ostrel_LeaseIndex>());
     OSTREL_REQUIRE(server->index != nullptr, "server->index", kOutOfMemoryErr);
     Ostrel_LeaseIndex& index = *server->index;
     index.numChains = std::bit_ceil(slots);
@@ -135,11 +135,6 @@ Ostrel_Status Ostrel_LeaseIndexInitialize(Ostrel_ServerObj* server) {
     std::fill_n(index.chains.get(), index.numChains, kNoSlot);
     for (uint32_t slot = 0; slot < slots; ++slot) Ostrel_LeaseIndexEnter(server, slot, false);
     return kNoErr;
-}
-
-void Ostrel_LeaseIndexFinalize(Ostrel_ServerObj* server) {
-    os_delete(server->index);
-    server->index = nullptr;
 }
 
 void Ostrel_LeaseIndexLeave(Ostrel_ServerObj* server, uint32_t slot, bool keepsAge) {

@@ -52,9 +52,8 @@ struct Ostrel_LeaseIndex {
     uint64_t key;               // unknown outside: no station can choose MACs that share a chain
 };
 
-// Builds the index of a table of blank slots; kOutOfMemoryErr leaves a half-built one to Finalize, which ignores null.
+// Builds the index of a table of blank slots; kOutOfMemoryErr leaves a half-built one, which may only be destroyed.
 [[nodiscard]] Ostrel_Status Ostrel_LeaseIndexInitialize(Ostrel_ServerObj* server);
-void Ostrel_LeaseIndexFinalize(Ostrel_ServerObj* server);
 
 // A slot's books are written between these two: Leave finds the slot by the books that it had, Enter by those that it
 // has got. One that is in use before and after, with the same offer time, keeps its place by age.

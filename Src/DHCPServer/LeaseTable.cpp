@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <endian.h>
-#include <memory>
 #include <string_view>
 
 #include "Ostrel/Check.h"
@@ -24,7 +23,7 @@ const char* NameOf(const Ostrel_ServerObj* server) {
 }
 
 std::span<Ostrel_LeaseInformation> SlotsOf(const Ostrel_ServerObj* server) {
-    return {server->leases, static_cast<size_t>(server->maxLeases)};
+    return {server->leases.get(), static_cast<size_t>(server->maxLeases)};
 }
 
 Ostrel_LeaseInformation* SlotAt(const Ostrel_ServerObj* server, uint32_t slot) {
@@ -32,7 +31,7 @@ Ostrel_LeaseInformation* SlotAt(const Ostrel_ServerObj* server, uint32_t slot) {
 }
 
 uint32_t NumberOf(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation* lease) {
-    return static_cast<uint32_t>(lease - server->leases);
+    return static_cast<uint32_t>(lease - server->leases.get());
 }
 
 std::string_view TextOf(std::span<const uint8_t> bytes) {
@@ -269,15 +268,6 @@ void PruneOldest(Ostrel_ServerObj* server, uint32_t now) {
     }
 }
 
-Ostrel_Status AllocateSlots(Ostrel_ServerObj* server) {
-    const auto slots = static_cast<uint32_t>(server->maxLeases);
-    void* memory = os_zalloc(slots * sizeof(Ostrel_LeaseInformation));
-    OSTREL_REQUIRE(memory != nullptr, "server->leases", kOutOfMemoryErr);
-    server->leases = static_cast<Ostrel_LeaseInformation*>(memory);
-    std::uninitialized_value_construct_n(server->leases, slots);
-    return kNoErr;
-}
-
 }  // namespace
 
 Ostrel_Status Ostrel_DHCPServer_LeasesInitialize(Ostrel_ServerObj* server) {
@@ -286,8 +276,8 @@ Ostrel_Status Ostrel_DHCPServer_LeasesInitialize(Ostrel_ServerObj* server) {
     OSTREL_REQUIRE(~mask > slots, "(~server->IPv4SubnetMask > server->maxLeases)", kBadParamErr);
     OSTREL_REQUIRE((mask & 0xFF) == 0, "(server->IPv4SubnetMask < 0x01000000)", kBadParamErr);
 
-    Ostrel_Status status = AllocateSlots(server);
-    if (status != kNoErr) return status;
+    server->leases = os_new_records<Ostrel_LeaseInformation>(slots);
+    OSTREL_REQUIRE(server->leases != nullptr, "server->leases", kOutOfMemoryErr);
     for (uint32_t slot = 0; slot < slots; ++slot) {
         Ostrel_LeaseInformation& lease = server->leases[slot];
         lease.IPv4Address = AddressOfSlot(server, slot);
@@ -295,13 +285,6 @@ Ostrel_Status Ostrel_DHCPServer_LeasesInitialize(Ostrel_ServerObj* server) {
         DebugPrintF(kDebugLevelVerbose, "%s Adding %.4a as an available lease.\n", NameOf(server), &lease.IPv4Address);
     }
     return Ostrel_LeaseIndexInitialize(server);
-}
-
-void Ostrel_DHCPServer_LeasesFinalize(Ostrel_ServerObj* server) {
-    Ostrel_LeaseIndexFinalize(server);
-    if (server->leases != nullptr) std::destroy_n(server->leases, server->maxLeases);
-    os_free(server->leases);
-    server->leases = nullptr;
 }
 
 Ostrel_Status Ostrel_DHCPServer_LeaseFindByMACAndIPv4(Ostrel_ServerObj* server, uint32_t messageType,

@@ -10,10 +10,9 @@
 
 #include "Ostrel/DHCPServer.h"
 
-// Checks the mask against the size of the range and builds the table, all slots free. kBadParamErr or kOutOfMemoryErr;
-// what was built is left to LeasesFinalize, which accepts any part of it.
+// Checks the mask against the size of the range and builds the table, all slots free. kBadParamErr or kOutOfMemoryErr,
+// after which the server may only be finalised.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPServer_LeasesInitialize(Ostrel_ServerObj* server);
-void Ostrel_DHCPServer_LeasesFinalize(Ostrel_ServerObj* server);
 
 // The slot that a message of this type from this station is about; kNoFreeResourceErr with null when there is none.
 //

@@ -128,22 +128,13 @@ void Ostrel_BOOTPServerPacketFilterHandler(void* context, const uint8_t*, std::s
     const auto* iface = static_cast<const Ostrel_InterfaceObj*>(context);
     Ostrel_ServerObj* const server = iface->dhcpServer;
     Ostrel_DHCPServer_LeasePrune(server, os_monotonic_seconds());
-    DebugPrintF(kDebugLevelVerbose, "DHCP Server RX bootps packet on %s.\n", iface->ifname.data());
-    DebugHexDump(kDebugLevelVerbose, frame);
-
-    // A frame that fails the checks has no options, so the search for its message type fails as well.
-    Ostrel_PreprocessedPacket packet;
-    Ostrel_Status status = Ostrel_BOOTPPacketPreprocess(frame, &packet);
-    if (status != kNoErr) OSTREL_REPORT_STATUS(status);
-    uint8_t messageType = 0;
-    status = Ostrel_BOOTPPacketFindMessageType(Ostrel_OptionsOf(packet), &messageType);
-    if (status != kNoErr) {
-        OSTREL_REPORT_STATUS(status);
+    const Ostrel_ReceivedMessage received = Ostrel_BOOTPPacketReceive(iface, "Server", "bootps", frame);
+    if (received.dissected != kNoErr) OSTREL_REPORT_STATUS(received.dissected);
+    if (received.typeFound != kNoErr) {
+        OSTREL_REPORT_STATUS(received.typeFound);
         return;
     }
-    DebugPrintF(kDebugLevelTrace, "[%s] DHCP Server RX msg type %s.\n", iface->ifname.data(),
-                Ostrel_DHCPMsgTypeString(messageType));
-    status = ProcessMessage(server, messageType, packet);
+    const Ostrel_Status status = ProcessMessage(server, received.messageType, received.packet);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
 }
 

@@ -15,6 +15,7 @@
 #include "Ostrel/InterfaceConfig.h"
 #include "Ostrel/Log.h"
 
+#include "DHCPServer/LeaseIndex.h"  // which a server owns
 #include "DHCPServer/LeaseTable.h"
 
 namespace {
@@ -174,7 +175,6 @@ Ostrel_Status Ostrel_DHCPServerInitialize(Ostrel_InterfaceObj* iface, const Ostr
 
 void Ostrel_DHCPServerFinalize(Ostrel_ServerObj* server) {
     if (server == nullptr) return;
-    Ostrel_DHCPServer_LeasesFinalize(server);
     Ostrel_PacketFilterFinalize(&server->packetFilter);
     os_delete(server);
 }

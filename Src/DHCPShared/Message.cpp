@@ -7,6 +7,7 @@
 #include <array>
 
 #include "Ostrel/DHCPShared.h"
+#include "Ostrel/Interface.h"
 #include "Ostrel/Log.h"
 
 namespace {
@@ -60,6 +61,21 @@ Ostrel_Status Ostrel_BOOTPPacketPreprocess(std::span<const uint8_t> frame, Ostre
     packet->optionsLength = static_cast<uint32_t>(frame.size() - optionsOffset);
     Ostrel_BOOTPPacketIndexOptions(frame.subspan(optionsOffset), &packet->index);
     return kNoErr;
+}
+
+Ostrel_ReceivedMessage Ostrel_BOOTPPacketReceive(const Ostrel_InterfaceObj* iface, const char* role,
+                                                 const char* service, std::span<const uint8_t> frame) {
+    const char* const name = iface->ifname.data();
+    DebugPrintF(kDebugLevelVerbose, "DHCP %s RX %s packet on %s.\n", role, service, name);
+    DebugHexDump(kDebugLevelVerbose, frame);
+    Ostrel_ReceivedMessage received;
+    received.dissected = Ostrel_BOOTPPacketPreprocess(frame, &received.packet);
+    received.typeFound = Ostrel_BOOTPPacketFindMessageType(Ostrel_OptionsOf(received.packet), &received.messageType);
+    if (received.typeFound == kNoErr) {
+        DebugPrintF(kDebugLevelTrace, "[%s] DHCP %s RX msg type %s.\n", name, role,
+                    Ostrel_DHCPMsgTypeString(received.messageType));
+    }
+    return received;
 }
 
 const char* Ostrel_DHCPMsgTypeString(uint8_t messageType) {
