@@ -8,6 +8,7 @@
 #include <charconv>
 
 #include "FormatArgument.h"
+#include "utf8.h"
 
 namespace {
 
@@ -96,31 +97,52 @@ bool PutNumber(Writer& out, const Conversion& conversion, const FormatArgument& 
     return true;
 }
 
-bool IsControl(char character) noexcept {
-    const auto byte = static_cast<uint8_t>(character);
-    return byte < 0x20 || byte == 0x7F;
-}
-
 void PutHexByte(Writer& out, uint8_t byte) noexcept {
     constexpr std::string_view kDigits = "0123456789abcdef";
     out.Put(kDigits[byte >> 4]);
     out.Put(kDigits[byte & 0xF]);
 }
 
+// The bytes of the text's first character, and whether they are written as \xNN: what is not UTF-8 is, so that a line
+// is always text, whoever reads it.
+struct Piece {
+    std::string_view bytes;
+    bool escaped;
+};
+
+Piece FirstPiece(std::string_view text) noexcept {
+    const Utf8Character character = Utf8First(text);
+    return {text.substr(0, character.bytes), Utf8IsControl(character.code)};
+}
+
+size_t CountEscapes(std::string_view text) noexcept {
+    size_t escapes = 0;
+    while (!text.empty()) {
+        const Piece piece = FirstPiece(text);
+        if (piece.escaped) escapes += piece.bytes.size();
+        text.remove_prefix(piece.bytes.size());
+    }
+    return escapes;
+}
+
 void PutText(Writer& out, const Conversion& conversion, std::string_view text) noexcept {
     text = text.substr(0, conversion.precision);
-    const auto escapes = static_cast<size_t>(std::count_if(text.begin(), text.end(), IsControl));
+    const size_t escapes = CountEscapes(text);
     if (escapes == 0) return PutField(out, conversion, text);
     const size_t length = text.size() + 3 * escapes;
     const size_t padding = conversion.width > length ? conversion.width - length : 0;
     if (!conversion.left) out.Fill(' ', padding);
-    for (const char character : text) {
-        if (!IsControl(character)) {
-            out.Put(character);
+    while (!text.empty()) {
+        const Piece piece = FirstPiece(text);
+        text.remove_prefix(piece.bytes.size());
+        if (!piece.escaped) {
+            out.Put(piece.bytes);
             continue;
         }
-        out.Put("\\x");
-        PutHexByte(out, static_cast<uint8_t>(character));
+        for (const char byte : piece.bytes) {
+            out.Put("\\x");
+            PutHexByte(out, static_cast<uint8_t>(byte));
+        }
     }
     if (conversion.left) out.Fill(' ', padding);
 }

@@ -6,7 +6,8 @@
 // argument of %d is not taken for a negative number). Two more print addresses:
 //   %.4a        four bytes as a dotted IPv4 address: 192.0.2.1
 //   %.6a, %a    six bytes as an Ethernet address: 00:11:22:33:44:55
-// Control characters inside a text argument are written as \xNN: text from the network cannot forge a log line.
+// Control characters inside a text argument, those of Unicode that set directions too, and bytes that are not UTF-8 are
+// written as \xNN: text from the network can neither forge a log line nor steer the terminal that shows it.
 #pragma once
 
 #include <array>

@@ -44,6 +44,21 @@ TEST(FormatText, PrintsWhatFitsMarksTheRestAndCannotBeForged) {
         {Formatted("<%s>\n", "a\n<3>root: \x1b[2J\x7f"), "<a\\x0a<3>root: \\x1b[2J\\x7f>\n"},
         {Formatted("%8s|%-8s|%c", "\t", "\t", '\r'), "    \\x09|\\x09    |\\x0d"},
         {Formatted("%s|%s", std::string_view("a\0b", 3), "gr\xc3\xbcn %d"), "a\\x00b|gr\xc3\xbcn %d"},
+        {Formatted("%s",
+                   "b\xc2\x9b"
+                   "32m \xc2\x80\xc2\xa0"),
+         "b\\xc2\\x9b"
+         "32m \\xc2\\x80\xc2\xa0"},  // C1
+        {Formatted("%s",
+                   "\x9b"
+                   "31m \xe9t\xe9 \xc3"),
+         "\\x9b"
+         "31m \\xe9t\\xe9 \\xc3"},                                     // no UTF-8
+        {Formatted("%s", "\xe0\x80\x9b\xed\xa0\x80\xf4\x90\x80\x80"),  // nor this
+         "\\xe0\\x80\\x9b\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80"},
+        {Formatted("%s", "\xd8\x9c\xe2\x80\xae\xe2\x81\xa6\xe2\x82\xac\xf0\x9f\x98\x80"),  // directions
+         "\\xd8\\x9c\\xe2\\x80\\xae\\xe2\\x81\\xa6\xe2\x82\xac\xf0\x9f\x98\x80"},
+        {Formatted("%5s|%-9s|%.1s", "\xc3\xbc", "\xc2\x85", "\xc3\xbc"), "   \xc3\xbc|\\xc2\\x85 |\\xc3"},
     };
     for (const auto& [text, expected] : cases) EXPECT_EQ(text, expected);
 }

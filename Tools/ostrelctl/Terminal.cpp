@@ -12,6 +12,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "utf8.h"
+
 namespace ostrelctl {
 
 namespace {
@@ -29,32 +31,6 @@ bool WantsColour() {
 size_t TerminalWidth() {
     winsize size{};
     return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kUsualWidth;
-}
-
-struct Character {
-    char32_t code = 0;  // 0: the first byte begins no character
-    size_t bytes = 1;
-};
-
-// The first character of UTF-8 text.
-Character FirstOf(std::string_view text) {
-    const auto lead = static_cast<unsigned char>(text[0]);
-    if (lead < 0x80) return {.code = lead};
-    const int following = lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : 1;
-    if (lead < 0xC2 || lead > 0xF4) return {};
-    Character read{.code = static_cast<char32_t>(lead & (0x3F >> following))};
-    for (; read.bytes <= static_cast<size_t>(following); ++read.bytes) {
-        if (read.bytes == text.size() || (text[read.bytes] & 0xC0) != 0x80) return {};
-        read.code = read.code << 6 | static_cast<char32_t>(text[read.bytes] & 0x3F);
-    }
-    return read;
-}
-
-// What would move the cursor, change colours, or turn the order of the line's characters: the C0 and C1 controls with
-// DEL, and the invisible ones of Unicode that separate lines or set directions.
-bool IsControl(char32_t code) {
-    return code < 0x20 || (code >= 0x7F && code < 0xA0) || (code >= 0x200B && code <= 0x200F) ||
-           (code >= 0x2028 && code <= 0x202E) || (code >= 0x2060 && code <= 0x206F) || code == 0xFEFF;
 }
 
 // Columns that a character takes: two for the wide ones of East Asia, none for one that joins the one before it.
@@ -78,8 +54,8 @@ Terminal DescribeStandardOutput() {
 std::string Printable(std::string_view text) {
     std::string shown;
     while (!text.empty()) {
-        const Character character = FirstOf(text);
-        shown += IsControl(character.code) ? "?" : text.substr(0, character.bytes);
+        const Utf8Character character = Utf8First(text);
+        shown += Utf8IsControl(character.code) ? "?" : text.substr(0, character.bytes);
         text.remove_prefix(character.bytes);
     }
     return shown;
@@ -88,7 +64,7 @@ std::string Printable(std::string_view text) {
 size_t Columns(std::string_view text) {
     size_t columns = 0;
     while (!text.empty()) {
-        const Character character = FirstOf(text);
+        const Utf8Character character = Utf8First(text);
         columns += WidthOf(character.code);
         text.remove_prefix(character.bytes);
     }
@@ -105,7 +81,7 @@ std::string Shortened(std::string_view text, size_t columns, bool unicode) {
     if (columns == 0) return {};
     size_t bytes = 0;
     for (size_t left = columns - 1; bytes < text.size();) {
-        const Character character = FirstOf(text.substr(bytes));
+        const Utf8Character character = Utf8First(text.substr(bytes));
         const size_t width = WidthOf(character.code);
         if (width > left) break;
         left -= width;
