@@ -1,8 +1,9 @@
 // Link-layer sockets: raw Ethernet frames of one interface, through a classic BPF program.
 //
 // A socket receives nothing until a program is installed, and from then on only what the program passes: no frame is
-// ever seen unfiltered. What this host sends on the interface is not received, nor a frame that carried a VLAN tag
-// (VLAN 0, a priority tag, counts as untagged), nor one longer than kL2MaxFrame.
+// ever seen unfiltered. What this host sends on the interface is not received, nor a frame for another host's Ethernet
+// address, nor one that carried a VLAN tag (VLAN 0, a priority tag, counts as untagged), nor one longer than
+// kL2MaxFrame.
 //
 // When the interface goes down, frames stop and sends fail; both work again when it comes back up. When it is removed
 // from the system the socket stays dead, and is closed as any other. Only l2_packet_deinit takes an absent handle; the
@@ -35,7 +36,7 @@ using l2_packet_callback = void (*)(void* context, const uint8_t* sourceAddress,
 
 // Opens a socket on the interface `ifname`. `ownAddress` is null: the interface's address is read. `protocol` is an
 // EtherType in host order, or 3 for all. `l2Header` is 1: frames are received and sent with their Ethernet header.
-// Null when there is no such interface, no right to open raw sockets, or no memory.
+// Null when there is no such interface, no right to open raw sockets, or no memory; a log line says which.
 [[nodiscard]] l2_packet_data* l2_packet_init(const char* ifname, const uint8_t* ownAddress, uint16_t protocol,
                                              l2_packet_callback callback, void* context, int l2Header) noexcept;
 

@@ -45,21 +45,33 @@ bool AttachFilter(int fd, std::span<const l2_filter_instruction> program) noexce
     return setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &attached, sizeof attached) == 0;
 }
 
-// Past the system's limit where the process may do that; a smaller buffer only loses frames earlier.
+// Past the system's limit (net.core.rmem_max) where the process may do that, up to it elsewhere; a smaller buffer only
+// loses frames earlier.
 void EnlargeReceiveBuffer(int fd) noexcept {
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer);
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer, sizeof kReceiveBuffer) == 0) return;
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
 }
 
-bool SetPacketOption(int fd, int option) noexcept {
+// Linux has the option from 4.20 on. An older one delivers what this host sends, and L2Receive drops it.
+void IgnoreOutgoing(int fd) noexcept {
     const int on = 1;
-    return setsockopt(fd, SOL_PACKET, option, &on, sizeof on) == 0;
+    setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof on);
 }
 
-// Reads index, address and MTU of the interface. False when there is none of that name or it isn't Ethernet.
+bool AskForVlanTags(int fd) noexcept {
+    const int on = 1;
+    return setsockopt(fd, SOL_PACKET, PACKET_AUXDATA, &on, sizeof on) == 0;
+}
+
+// Reads index, address and MTU of the interface. False with errno when there is none of that name or it isn't Ethernet.
 bool ReadInterface(l2_packet_data* l2, int& index) noexcept {
     ifreq request{};
     std::copy(l2->ifname.begin(), l2->ifname.end(), request.ifr_name);
-    if (ioctl(l2->fd, SIOCGIFHWADDR, &request) < 0 || request.ifr_hwaddr.sa_family != ARPHRD_ETHER) return false;
+    if (ioctl(l2->fd, SIOCGIFHWADDR, &request) < 0) return false;
+    if (request.ifr_hwaddr.sa_family != ARPHRD_ETHER) {
+        errno = EMEDIUMTYPE;
+        return false;
+    }
     std::memcpy(l2->ownAddress.data(), request.ifr_hwaddr.sa_data, l2->ownAddress.size());
     if (ioctl(l2->fd, SIOCGIFMTU, &request) < 0) return false;
     l2->mtu = static_cast<uint32_t>(request.ifr_mtu);
@@ -76,13 +88,37 @@ bool BindTo(int fd, int interfaceIndex, uint16_t protocol) noexcept {
     return bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
+// False with errno; the descriptor is then still the record's.
 bool Open(l2_packet_data* l2, uint16_t protocol) noexcept {
     l2->fd = socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (l2->fd < 0) return false;
     EnlargeReceiveBuffer(l2->fd);
+    IgnoreOutgoing(l2->fd);
     int index = 0;
-    return AttachFilter(l2->fd, kDropEverything) && SetPacketOption(l2->fd, PACKET_IGNORE_OUTGOING) &&
-           SetPacketOption(l2->fd, PACKET_AUXDATA) && ReadInterface(l2, index) && BindTo(l2->fd, index, protocol);
+    return AttachFilter(l2->fd, kDropEverything) && AskForVlanTags(l2->fd) && ReadInterface(l2, index) &&
+           BindTo(l2->fd, index, protocol);
+}
+
+// Why a socket cannot be opened, in the words of whoever has to mend it.
+const char* ReasonOf(int error) noexcept {
+    switch (error) {
+        case ENODEV:
+            return "no such interface";
+        case EMEDIUMTYPE:
+            return "not an Ethernet interface";
+        case EPERM:
+        case EACCES:
+            return "no right to open raw sockets (CAP_NET_RAW)";
+        case EAFNOSUPPORT:
+            return "a kernel without packet sockets (CONFIG_PACKET)";
+        default:
+            return std::strerror(error);
+    }
+}
+
+l2_packet_data* Refuse(std::string_view ifname, int error) noexcept {
+    DebugPrintF(kWarningLevel, "[%s] link-layer socket cannot be opened: %s\n", ifname, ReasonOf(error));
+    return nullptr;
 }
 
 }  // namespace
@@ -90,15 +126,17 @@ bool Open(l2_packet_data* l2, uint16_t protocol) noexcept {
 l2_packet_data* l2_packet_init(const char* ifname, const uint8_t*, uint16_t protocol, l2_packet_callback callback,
                                void* context, int l2Header) noexcept {
     const std::string_view name(ifname);
-    if (l2Header != 1 || !MayBeInterfaceName(name)) return nullptr;
+    if (l2Header != 1) return nullptr;
+    if (!MayBeInterfaceName(name)) return Refuse(name, ENODEV);
     auto* const l2 = os_new<l2_packet_data>();
     if (l2 == nullptr) return nullptr;
     std::copy(name.begin(), name.end(), l2->ifname.begin());
     l2->callback = callback;
     l2->context = context;
     if (!Open(l2, protocol)) {
+        const int error = errno;
         l2_packet_deinit(l2);
-        return nullptr;
+        return Refuse(name, error);
     }
     l2->source = EventLoopWatch(l2->fd, L2Receive, l2);
     return l2;

@@ -6,6 +6,9 @@
 //
 // The kernel takes the VLAN tag out of a frame before a packet socket sees it and hands it over beside the frame. A
 // frame of VLAN 0 carries only a priority and belongs to this interface; any other belongs to another one.
+//
+// While an interface is promiscuous (a capture runs, or it is a port of a bridge) the kernel hands over what is sent to
+// other hosts as well, and marks it; older kernels hand over what this host sends.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -23,6 +26,7 @@ constexpr size_t kSourceOffset = 6;
 constexpr size_t kAddressLength = 6;
 
 struct Slot {
+    sockaddr_ll from;
     alignas(cmsghdr) std::array<uint8_t, CMSG_SPACE(sizeof(tpacket_auxdata))> control;
     std::array<uint8_t, kL2MaxFrame> frame;
 };
@@ -35,6 +39,8 @@ int ReadBatch(int fd, std::array<mmsghdr, kBatch>& messages) noexcept {
     for (size_t i = 0; i < kBatch; ++i) {
         vectors[i] = {.iov_base = slots[i].frame.data(), .iov_len = slots[i].frame.size()};
         messages[i] = {};
+        messages[i].msg_hdr.msg_name = &slots[i].from;
+        messages[i].msg_hdr.msg_namelen = sizeof slots[i].from;
         messages[i].msg_hdr.msg_iov = &vectors[i];
         messages[i].msg_hdr.msg_iovlen = 1;
         messages[i].msg_hdr.msg_control = slots[i].control.data();
@@ -56,6 +62,10 @@ bool IsOfAnotherVlan(const msghdr& header) noexcept {
     return false;
 }
 
+bool IsForThisHost(const sockaddr_ll& from) noexcept {
+    return from.sll_pkttype != PACKET_OTHERHOST && from.sll_pkttype != PACKET_OUTGOING;
+}
+
 void Deliver(const l2_packet_data* l2, std::span<const uint8_t> frame) noexcept {
     std::array<uint8_t, kAddressLength> source{};
     if (frame.size() >= kSourceOffset + kAddressLength)
@@ -67,7 +77,7 @@ void HandleBatch(l2_packet_data* l2, std::span<const mmsghdr> messages) noexcept
     l2->receiving = true;
     for (size_t i = 0; i < messages.size() && !l2->closed && !EventLoopIsEnding(); ++i) {
         const msghdr& header = messages[i].msg_hdr;
-        if ((header.msg_flags & MSG_TRUNC) != 0 || IsOfAnotherVlan(header)) continue;
+        if ((header.msg_flags & MSG_TRUNC) != 0 || !IsForThisHost(slots[i].from) || IsOfAnotherVlan(header)) continue;
         Deliver(l2, std::span<const uint8_t>(slots[i].frame).first(messages[i].msg_len));
     }
     l2->receiving = false;

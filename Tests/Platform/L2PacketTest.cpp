@@ -3,12 +3,18 @@
 //
 // Frames carry an EtherType for local experiments and one marker byte. A test sends what must not be heard and then one
 // frame that is, and waits for that: order on the wire makes up for a clock.
+#include <fstream>
 #include <functional>
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <linux/filter.h>
+#include <linux/if_packet.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <string>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <vector>
 
@@ -148,6 +154,88 @@ TEST_F(L2Packet, SendsWholeFramesAndDoesNotHearItsOwnHost) {
     EXPECT_EQ(sibling.markers, std::vector<uint8_t>{9});
     EXPECT_EQ(there.markers, (std::vector<uint8_t>{2, 4})) << "the first frame is too long to be received";
     EXPECT_EQ(l2_packet_get_mtu(here.l2), 3000u);
+}
+
+// Frames for the Ethernet address of another host, which the kernel hands over while an interface is promiscuous.
+TEST_F(L2Packet, DoesNotHearWhatIsForOtherHosts) {
+    Shell("ip link set here promisc on");
+    Listener listener("here");
+    const Listener there("there");
+    ASSERT_EQ(listener.Install(), 0);
+    Frame toOther = Marked(1);
+    std::fill_n(toOther.begin(), 6, uint8_t{0x02});
+    EXPECT_EQ(there.Send(toOther), 60);
+    EXPECT_EQ(there.Send(Marked(2)), 60);
+    EXPECT_TRUE(listener.WaitFor(2));
+    EXPECT_EQ(listener.markers, std::vector<uint8_t>{2});
+}
+
+// From now on the kernel refuses a socket option, as an older one does or for want of a right. For good: in a child.
+void RefuseSocketOption(uint32_t level, uint32_t option, uint32_t error) {
+    const auto refuse = static_cast<uint32_t>(SECCOMP_RET_ERRNO) | error;
+    std::array<sock_filter, 8> program{{BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+                                        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_setsockopt, 0, 5),
+                                        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[1])),
+                                        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, level, 0, 3),
+                                        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[2])),
+                                        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, option, 0, 1),
+                                        BPF_STMT(BPF_RET | BPF_K, refuse),
+                                        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW)}};
+    const sock_fprog attached{.len = static_cast<unsigned short>(program.size()), .filter = program.data()};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &attached) != 0)
+        _exit(10);
+}
+
+// Linux before 4.20, which has no option for it.
+TEST_F(L2Packet, DoesNotHearItsOwnHostOnAnOldKernel) {
+    const auto child = [] {
+        RefuseSocketOption(SOL_PACKET, PACKET_IGNORE_OUTGOING, ENOPROTOOPT);
+        Listener here("here"), sibling("here");
+        const Listener there("there");
+        if (here.l2 == nullptr || here.Install() != 0 || sibling.Install() != 0) _exit(1);
+        if (sibling.Send(Marked(1)) != 60 || there.Send(Marked(2)) != 60 || !here.WaitFor(2)) _exit(2);
+        _exit(here.markers == std::vector<uint8_t>{2} ? 0 : 3);
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
+}
+
+// Without CAP_NET_ADMIN, as installed, a burst finds more room than the kernel's usual 208 KiB all the same.
+TEST_F(L2Packet, KeepsABurstWithoutTheRightToForceItsBuffer) {
+    const auto child = [] {
+        RefuseSocketOption(SOL_SOCKET, SO_RCVBUFFORCE, EPERM);
+        Listener here("here");
+        const Listener there("there");
+        if (here.l2 == nullptr || here.Install() != 0) _exit(1);
+        constexpr size_t kBurst = 250;  // frames as long as a DHCP message; 208 KiB take some 160
+        for (size_t i = 0; i < kBurst; ++i)
+            if (there.Send(Marked(static_cast<uint8_t>(i), kExperimental, 590)) != 590) _exit(2);
+        _exit(here.WaitFor(static_cast<uint8_t>(kBurst - 1)) && here.markers.size() == kBurst ? 0 : 3);
+    };
+    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(L2Packet, SaysWhyItCannotOpen) {
+    const std::string log = testing::TempDir() + "l2-reasons-" + std::to_string(getpid()) + ".log";
+    const auto reasonFor = [&](const char* name) {
+        DebugInitialize(kDebugBackEndFile, 1, log.c_str());
+        EXPECT_EQ(l2_packet_init(name, nullptr, 3, Listener::Hear, nullptr, 1), nullptr) << name;
+        DebugFinalize();
+        std::string text;
+        std::getline(std::ifstream(log), text);
+        unlink(log.c_str());
+        return text.substr(std::min(text.size(), size_t{24}));
+    };
+    EXPECT_EQ(reasonFor("none"), "[none] link-layer socket cannot be opened: no such interface");
+    EXPECT_EQ(reasonFor("here:1"), "[here:1] link-layer socket cannot be opened: no such interface");
+    EXPECT_EQ(reasonFor("lo"), "[lo] link-layer socket cannot be opened: not an Ethernet interface");
+    const auto child = [&] {
+        if (setresuid(65534, 65534, 65534) != 0) _exit(1);
+        _exit(l2_packet_init("here", nullptr, 3, Listener::Hear, nullptr, 1) == nullptr ? 0 : 2);
+    };
+    DebugInitialize(kDebugBackEndFile, 1, log.c_str());
+    EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
+    DebugFinalize();
+    Shell("grep -q 'cannot be opened: no right to open raw sockets (CAP_NET_RAW)' " + log + " && rm " + log);
 }
 
 TEST_F(L2Packet, ACallbackMayCloseSocketsAndEndTheLoop) {
