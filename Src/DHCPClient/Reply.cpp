@@ -117,13 +117,13 @@ void Ostrel_DHCPClientProcessOffer(Ostrel_ClientObj* client, const Ostrel_Prepro
     if (client->state != kClientStateSelecting) return;
 
     Ostrel_IPv4 serverIdentifier = kAnyIPv4;
-    const Ostrel_Status status =
+    Ostrel_Status status =
         Ostrel_BOOTPPacketFindOptionAsIPv4(Ostrel_OptionsOf(packet), kOptionServerIdentifier, &serverIdentifier);
+    if (status == kNoErr) status = StoreOffer(client, serverIdentifier, packet.dhcpPkt->yiaddr);
     if (status != kNoErr) {
         OSTREL_REPORT_STATUS(status);
         return;
     }
-    if (StoreOffer(client, serverIdentifier, packet.dhcpPkt->yiaddr) != kNoErr) return;
     Ostrel_DHCPClientEndSelecting(client);
 }
 

@@ -212,6 +212,7 @@ TEST(Client, TakesARefusedSendForALostFrame) {
 }
 
 TEST(Client, RecoversFromEveryFailedAllocation) {
+    size_t droppedOffers = 0;
     for (size_t nth = 1;; ++nth) {
         SCOPED_TRACE(nth);
         World world;
@@ -231,7 +232,14 @@ TEST(Client, RecoversFromEveryFailedAllocation) {
         EXPECT_TRUE(daemon.LeaseAction("eth0", "init"));
         world.RunFor(10s);
         EXPECT_EQ(daemon.Lease().address, "192.0.2.10");
+        if (world.Logged("leaseOffer")) {  // reported where it happened, and with its status where the offer is dropped
+            ++droppedOffers;
+            EXPECT_TRUE(std::any_of(world.log.begin(), world.log.end(), [](const LogLine& line) {
+                return line.text.find("err -6728 ") != std::string::npos && line.text.ends_with("ProcessOffer()");
+            }));
+        }
         if (failed) continue;
+        EXPECT_EQ(droppedOffers, 1U);
         EXPECT_GT(nth, 10U);  // interface, buffers, sockets, programs, client, identifier, options, offer, lease
         return;
     }
