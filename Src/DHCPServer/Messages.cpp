@@ -3,7 +3,8 @@
 //     DISCOVER   a slot is offered                        DHCPOFFER
 //     REQUEST    the slot asked for becomes active        DHCPACK or DHCPNAK; the lease table is published
 //     RELEASE    the station's slot is freed              no answer
-//     INFORM     a station's first slot becomes active    DHCPACK or DHCPNAK
+//     INFORM     the slot asked for becomes active, if    DHCPACK or DHCPNAK
+//                it is free and the station has none
 //
 // Everything else is dropped. A client is known by the Ethernet source of its frame, so all clients behind one relay
 // are one client. Leases end here as well: each frame first prunes the table, and without frames nothing expires.

@@ -441,7 +441,8 @@ private:
                 return frame.resize(Draw(static_cast<uint32_t>(frame.size())));
             case 2:  // another header length, with or without the bytes that it speaks of
                 frame[14] = static_cast<uint8_t>(0x40 | Draw(16));
-                if (Draw(2) == 0 && frame[14] > 0x45) frame.insert(frame.begin() + 34, 4 * (frame[14] - 0x45U), 0);
+                if (Draw(2) == 0 && frame[14] > 0x45)
+                    frame.insert(frame.begin() + 34, size_t{4} * (frame[14] - 0x45U), 0);
                 return;
             case 3:
                 *any() = static_cast<uint8_t>(random());
