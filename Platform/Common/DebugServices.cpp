@@ -63,9 +63,10 @@ void DebugSetProperty(uint32_t property, int32_t value) noexcept {
     }
 }
 
-void DebugWriteFormatted(int32_t level, const char* format, std::span<const FormatArgument> arguments) noexcept {
-    LogForEachLine(LogFormat(format, arguments), longestLine,
-                   [level](std::string_view line) noexcept { DebugBackEndWrite(level, line); });
+void DebugWriteFormatted(int32_t level, const LogSite& site, const char* format,
+                         std::span<const FormatArgument> arguments) noexcept {
+    LogWriteLines(site, {false, nullptr, level}, format, arguments, longestLine,
+                  [level](std::string_view line) noexcept { DebugBackEndWrite(level, line); });
 }
 
 void DebugWriteHexDump(int32_t level, std::span<const uint8_t> bytes) noexcept {
@@ -75,11 +76,12 @@ void DebugWriteHexDump(int32_t level, std::span<const uint8_t> bytes) noexcept {
 
 void DebugPrintAssert(int32_t status, const char* expression, const char* message, std::string_view source, int line,
                       const char* function) noexcept {
+    if (!DebugIsWritten(kDebugAssertLevel)) return;
     const char* const text = expression == nullptr ? "" : expression;
-    if (message == nullptr) {
-        DebugPrintF(kDebugAssertLevel, "### Assert: err %d <%s> %s:%d %s()\n", status, text, source, line, function);
-    } else {
-        DebugPrintF(kDebugAssertLevel, "### Assert: err %d <%s> %s:%d %s() %s\n", status, text, source, line, function,
-                    message);
-    }
+    const std::array<FormatArgument, 6> arguments{FormatArgument(status),   FormatArgument(text),
+                                                  FormatArgument(source),   FormatArgument(line),
+                                                  FormatArgument(function), FormatArgument(message)};
+    const char* const format =
+        message == nullptr ? "### Assert: err %d <%s> %s:%d %s()\n" : "### Assert: err %d <%s> %s:%d %s() %s\n";
+    DebugWriteFormatted(kDebugAssertLevel, {function, line}, format, arguments);
 }

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "FormatArgument.h"
+#include "LogLimit.h"
 
 constexpr size_t kLogLongestLine = 65535;  // bytes
 
@@ -35,4 +36,15 @@ void LogForEachLine(std::string_view text, size_t longest, Write write) noexcept
         if (end == std::string_view::npos) return;
         text.remove_prefix(end + 1);
     }
+}
+
+// Calls `write` for each line of the formatted text, unless that place has written enough.
+template <typename Write>
+void LogWriteLines(const LogSite& site, const LogTarget& target, const char* format,
+                   std::span<const FormatArgument> arguments, size_t longest, Write write) noexcept {
+    const LogVerdict verdict = LogJudge(site, target);
+    if (verdict == LogVerdict::LeaveOut) return;
+    const std::string_view text = LogFormat(format, arguments);
+    if (verdict == LogVerdict::LeaveOutFirst) return LogKeepSample(text);
+    LogForEachLine(text, longest, write);
 }

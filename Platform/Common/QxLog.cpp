@@ -48,8 +48,17 @@ int32_t QxLogGetLevel(const QxLogContext* context) noexcept {
     return context == nullptr ? kQxLogDebug : context->level;
 }
 
-void QxLogWriteFormatted(const QxLogContext* context, int32_t level, const char* format,
+void QxLogWriteFormatted(const QxLogContext* context, int32_t level, const LogSite& site, const char* format,
                          std::span<const FormatArgument> arguments) noexcept {
-    LogForEachLine(LogFormat(format, arguments), kLogLongestLine,
-                   [=](std::string_view line) noexcept { QxLogBackEndWrite(context, level, line); });
+    LogWriteLines(site, {true, context, level}, format, arguments, kLogLongestLine,
+                  [=](std::string_view line) noexcept { QxLogBackEndWrite(context, level, line); });
+}
+
+void QxLogPrintAssert(const QxLogContext* context, int32_t status, const char* expression, std::string_view source,
+                      int line, const char* function) noexcept {
+    const char* const text = expression == nullptr ? "" : expression;
+    const std::array<FormatArgument, 6> arguments{FormatArgument(status), FormatArgument(text),
+                                                  FormatArgument(""),     FormatArgument(source),
+                                                  FormatArgument(line),   FormatArgument(function)};
+    QxLogWriteFormatted(context, kQxLogError, {function, line}, "%d %s %s %s %d %s\n", arguments);
 }

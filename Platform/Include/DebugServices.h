@@ -1,7 +1,9 @@
 // Levelled debug output, to the system log or to a file.
 //
 // A line is written when its level is at or above the threshold, property 'minp'. The level is tested before anything
-// else happens: a line that is not written costs one comparison. Formats: FormatArgument.h.
+// else happens: a line that is not written costs one comparison. Lines that frames cause are limited, each place that
+// writes by itself: a burst of 200, then 20 a second, with a line that says how many were left out. Formats:
+// FormatArgument.h.
 #pragma once
 
 #include <array>
@@ -11,6 +13,7 @@
 #include <string_view>
 
 #include "FormatArgument.h"
+#include "LogSite.h"
 
 // The value of four characters, the first in the most significant byte.
 consteval uint32_t DebugCode(const char (&characters)[5]) {
@@ -54,7 +57,8 @@ extern int32_t gDebugMinimumLevel;  // the threshold; set through DebugSetProper
     return level >= gDebugMinimumLevel;
 }
 
-void DebugWriteFormatted(int32_t level, const char* format, std::span<const FormatArgument> arguments) noexcept;
+void DebugWriteFormatted(int32_t level, const LogSite& site, const char* format,
+                         std::span<const FormatArgument> arguments) noexcept;
 void DebugWriteHexDump(int32_t level, std::span<const uint8_t> bytes) noexcept;
 
 template <typename... Arguments>
@@ -62,7 +66,7 @@ inline void DebugPrintF(int32_t level, const char* format, const Arguments&... a
     if (!DebugIsWritten(level)) [[likely]]
         return;
     const std::array<FormatArgument, sizeof...(Arguments)> list{FormatArgument(arguments)...};
-    DebugWriteFormatted(level, format, list);
+    DebugWriteFormatted(level, {format, 0}, format, list);
 }
 
 // Lines of an offset, up to 16 bytes in hexadecimal and the same bytes as text.

@@ -16,6 +16,7 @@
 #include <sys/socket.h>
 
 #include "L2Packet.h"
+#include "LogLimit.h"
 #include "os_memory.h"
 
 namespace {
@@ -74,6 +75,7 @@ void Deliver(const l2_packet_data* l2, std::span<const uint8_t> frame) noexcept 
 }
 
 void HandleBatch(l2_packet_data* l2, std::span<const mmsghdr> messages) noexcept {
+    const LogFrameScope aFrameIsHandled;
     l2->receiving = true;
     for (size_t i = 0; i < messages.size() && !l2->closed && !EventLoopIsEnding(); ++i) {
         const msghdr& header = messages[i].msg_hdr;

@@ -40,6 +40,7 @@ void DebugFinalize() noexcept {
 void DebugRedirectStandardStreams(const char*) noexcept {}
 
 void sim::ResetLog() {
+    LogLimitReset();
     debugOutputOpen = true;
     DebugSetProperty(kDebugPropertyMinimumLevel, 0);
     DebugSetProperty(kDebugPropertyLongestLine, static_cast<int32_t>(kLogLongestLine));

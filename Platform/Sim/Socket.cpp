@@ -9,6 +9,7 @@
 
 #include "FilterInterpreter.h"
 #include "Internals.h"
+#include "LogLimit.h"
 #include "os_memory.h"
 
 namespace sim {
@@ -58,6 +59,7 @@ void Interface::Receive(std::span<const uint8_t> frame) {
 void Interface::Deliver(std::span<const uint8_t> frame) {
     static constexpr std::array<uint8_t, kAddresses> kNoAddresses{};
     const uint8_t* const source = (frame.size() < kAddresses ? kNoAddresses.data() : frame.data()) + kAddresses / 2;
+    const LogFrameScope aFrameIsHandled;
     ++deliveries;
     const size_t count = sockets.size();  // one that is opened meanwhile hears the next frame
     for (size_t i = 0; i < count; ++i) {

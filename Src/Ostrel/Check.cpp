@@ -21,6 +21,5 @@ void Ostrel_ReportFailure(Ostrel_Status status, const char* expression, std::str
         DebugPrintAssert(status, expression, nullptr, area, line, function);
         return;
     }
-    const char* text = expression == nullptr ? "" : expression;
-    Ostrel_LogPrint(kQxLogError, "%d %s %s %s %d %s\n", status, text, "", area, line, function);
+    if (Ostrel_LogWanted(kQxLogError)) QxLogPrintAssert(gLogCxt, status, expression, area, line, function);
 }
