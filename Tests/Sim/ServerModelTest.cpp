@@ -24,7 +24,7 @@ using namespace sim;
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr uint64_t kUsualFrames = 200'000;
+constexpr uint64_t kUsualFrames = 100'000;
 constexpr uint64_t kFramesOfAGame = 2'000;
 
 // What befalls the server while it handles a frame.
@@ -374,7 +374,7 @@ private:
         if (Draw(isFilling ? 40 : 4) == 0) lan.world.RunFor((Draw(3) == 0 ? Draw(12) : Draw(2)) * 1s);
         if (!isFilling && Draw(40) == 0) lan.world.RunFor(game.wishes.leaseTime / 2 * 1s);
         if (Draw(200) == 0) isFilling = !isFilling;
-        if (Draw(20) == 0) Ostrel_SetDebugLevel(Draw(2) == 0 && game.wishes.maxLeases < 100 ? "trace" : "info");
+        if (Draw(20) == 0) Ostrel_SetDebugLevel(Draw(2) == 0 && game.wishes.maxLeases < 50 ? "trace" : "info");
     }
 
     // Mostly an address of the range (while the table is filled a free one) or just past either end of it; sometimes
@@ -525,9 +525,9 @@ TEST(ServerModel, AgreesFrameByFrame) {
           .mask = "255.255.0.0",
           .router = "10.0.0.1",
           .rangeStart = "10.0.1.0",
-          .maxLeases = 600,
+          .maxLeases = 260,
           .leaseTime = 400},
-         800},
+         400},
     };
     const char* const wish = std::getenv("OSTREL_MODEL_FRAMES");
     const uint64_t frames = wish == nullptr ? kUsualFrames : std::strtoull(wish, nullptr, 10);
