@@ -121,8 +121,8 @@ void CloseFd(int& fd) noexcept {
 
 }  // namespace
 
-GSource* EventLoopWatch(int fd, GUnixFDSourceFunc callback, void* data) noexcept {
-    GSource* const source = g_unix_fd_source_new(fd, static_cast<GIOCondition>(G_IO_IN | G_IO_ERR | G_IO_HUP));
+GSource* EventLoopWatch(int fd, GUnixFDSourceFunc callback, void* data, GIOCondition condition) noexcept {
+    GSource* const source = g_unix_fd_source_new(fd, static_cast<GIOCondition>(condition | G_IO_ERR | G_IO_HUP));
     g_source_set_callback(source, G_SOURCE_FUNC(callback), data, nullptr);
     g_source_attach(source, nullptr);
     return source;

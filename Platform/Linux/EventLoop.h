@@ -3,9 +3,11 @@
 
 #include <glib-unix.h>
 
-// Watches `fd` for input and errors from the default main context, the loop's. The caller owns the source: it ends the
-// watch with EventLoopUnwatch, before it closes `fd`; the loop may be gone by then.
-[[nodiscard]] GSource* EventLoopWatch(int fd, GUnixFDSourceFunc callback, void* data) noexcept;
+// Watches `fd` for the condition, by default input, and for errors from the default main context, the loop's. The
+// caller owns the source: it ends the watch with EventLoopUnwatch, before it closes `fd`; the loop may be gone by then,
+// or not be there yet.
+[[nodiscard]] GSource* EventLoopWatch(int fd, GUnixFDSourceFunc callback, void* data,
+                                      GIOCondition condition = G_IO_IN) noexcept;
 
 // Ends a watch and clears the pointer. Null is ignored.
 void EventLoopUnwatch(GSource*& source) noexcept;
