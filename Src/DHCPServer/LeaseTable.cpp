@@ -40,7 +40,7 @@ std::string_view TextOf(std::span<const uint8_t> bytes) {
 
 // Whether a line at trace level, that of every walk, would be written.
 bool WalksAreTraced() {
-    return gMaxDebugLevel <= kDebugLevelTrace;
+    return DebugIsWritten(kDebugLevelTrace);
 }
 
 // Addresses count on through the lower three octets; the first never changes.
@@ -95,14 +95,14 @@ std::string_view EndOf(const Ostrel_ServerObj* server, const Ostrel_LeaseInforma
 // A lease has one line where it begins and one where it ends; one that is confirmed is the same lease. The host name
 // is the client's own words: it stands last, where it cannot be taken for anything else of the line.
 void LogGrant(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease, std::span<const uint8_t> hostName) {
-    if (gMaxDebugLevel > kDebugLevelInfo) return;
+    if (!DebugIsWritten(kDebugLevelInfo)) return;
     std::array<char, 64> room;
     DebugPrintF(kDebugLevelInfo, "[%s] Lease %.4a granted to %.6a until %s%s%s\n", NameOf(server), &lease.IPv4Address,
                 lease.srcMAC, EndOf(server, lease, room), hostName.empty() ? "" : ", host name ", TextOf(hostName));
 }
 
 void LogEnd(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease, const char* reason) {
-    if (gMaxDebugLevel > kDebugLevelInfo) return;
+    if (!DebugIsWritten(kDebugLevelInfo)) return;
     const std::span<const uint8_t> hostName{lease.hostName.get(), lease.hostNameLength};
     std::array<char, 64> room;
     DebugPrintF(kDebugLevelInfo, "[%s] Lease %.4a of %.6a until %s has ended: %s%s%s\n", NameOf(server),
