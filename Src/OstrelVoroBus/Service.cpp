@@ -8,6 +8,7 @@
 
 #include "Method.h"
 #include "eloop.h"
+#include "os_console.h"
 
 const VSMethod gOstrelServiceMethodsRoot[] = {
     {"setDebugLevel", Ostrel_VoroMethod_SetDebugLevel, 0},
@@ -59,7 +60,10 @@ bool RegisterService(Ostrel_SystemObj* sysObj, VSError* error) {
 Ostrel_Status Ostrel_VoroServiceInitialize(Ostrel_SystemObj* sysObj) {
     VSError error;
     VSErrorInit(&error);
-    if (!RegisterService(sysObj, &error)) return Ostrel_VSUtil_BusFailure(__func__, __LINE__, &error);
+    if (!RegisterService(sysObj, &error)) {
+        os_console_complain(error.message.data());
+        return Ostrel_VSUtil_BusFailure(__func__, __LINE__, &error);
+    }
     eloop_register_rtc_alarms(sysObj->serviceHandle, kServiceName);
     return kNoErr;
 }

@@ -1,6 +1,7 @@
 """The daemon as a process: how it starts, rests and ends."""
 import os
 import pathlib
+import pty
 import random
 import signal
 import threading
@@ -116,6 +117,50 @@ class Process(lab.LabTest):
                 log = self.lab.log("client")
                 self.assertEqual(f"started {lab.SERVICE} valdo" in log, started, log)
                 (self.lab.directory / "log" / "client" / "ostrel.log").write_text("")
+
+    def test_asked_for_help_or_its_version_it_answers_and_starts_nothing(self):
+        for words, part in ((["--help"], "usage: ostreld [-z] [-l LEVEL]"), (["-z", "--version"], "ostreld ")):
+            output = self.lab.directory / f"asked{words[-1]}"
+            process = self.lab.start("client", lab.OSTRELD, *words, output=output)
+            self.assertEqual(process.wait(10), 0)
+            self.assertTrue(output.read_text().startswith(part), output.read_text())
+        self.assertEqual(self.lab.log("client"), "")
+
+    def streams(self, daemon):
+        return [os.readlink(f"/proc/{daemon.pid}/fd/{fd}") for fd in range(3)]
+
+    def test_started_with_closed_streams_it_logs_all_the_same(self):
+        for closed in ("2>&-", ">&-", "<&-", "<&- >&- 2>&-"):
+            for option in (["-l", "info"], ["-z", "-l", "info"]):
+                with self.subTest(closed=closed, option=option):
+                    daemon = lab.Daemon(self.lab, "client", *option, wrapper=["sh", "-c", f'exec "$@" {closed}', "sh"])
+                    self.assertEqual([name.split("/")[-1] for name in self.streams(daemon)[1:]], ["ostrel.log"] * 2)
+                    daemon.close()
+                    self.assertIn(f"stopped {lab.SERVICE}", self.lab.log("client"))
+                    (self.lab.directory / "log" / "client" / "ostrel.log").write_text("")
+
+    def test_a_reader_of_its_standard_error_that_leaves_does_not_end_it(self):
+        (self.lab.directory / "log" / "client" / "ostrel.log").mkdir()  # so standard error stays what it was
+        reader, writer = os.pipe()
+        process = self.lab.start("client", "sh", "-c", f'exec "$0" >/proc/self/fd/{writer} 2>&1', lab.OSTRELD,
+                                 pass_fds=[writer])
+        os.close(writer)
+        lab.eventually(lambda: self.bus().owner(), 10, "name on the bus")
+        os.close(reader)
+        for _ in range(3):
+            self.assertFalse(self.bus().request("/", "interfaceFinalize", interface="none")["returnValue"])
+        self.assertEqual(lab.stop(process), 0)
+
+    def test_who_starts_it_by_hand_is_told_why_it_cannot(self):
+        self.daemon()
+        terminal, other_end = pty.openpty()
+        process = self.lab.start("client", "sh", "-c", f'exec "$0" -z 2>/proc/self/fd/{other_end}', lab.OSTRELD,
+                                 pass_fds=[other_end])
+        self.assertEqual(process.wait(10), REGISTRATION_FAILED)
+        os.close(other_end)
+        self.assertRegex(os.read(terminal, 4096).decode(),
+                         r"\Aostreld: another process owns the service's name: .*\r\n\Z")
+        os.close(terminal)
 
 
 if __name__ == "__main__":
