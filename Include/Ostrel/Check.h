@@ -25,21 +25,26 @@ void Ostrel_ReportFailure(Ostrel_Status status, const char* expression, std::str
 
 #define OSTREL_REPORT_EXPRESSION(text) Ostrel_ReportFailure(0, (text), Ostrel_AreaOf(__FILE__), __LINE__, __func__)
 
-// Returns `result` from the function, reporting `text`, unless the condition holds.
-#define OSTREL_REQUIRE(condition, text, result) \
-    do {                                        \
-        if (!(condition)) {                     \
-            OSTREL_REPORT_EXPRESSION(text);     \
-            return result;                      \
-        }                                       \
+// Returns `result` from the function, reporting `text` under the name `function`, unless the condition holds. For the
+// helpers of a bus method or publication: whoever reads the log knows the method, not how it is cut up.
+#define OSTREL_REQUIRE_IN(function, condition, text, result)                                \
+    do {                                                                                    \
+        if (!(condition)) {                                                                 \
+            Ostrel_ReportFailure(0, (text), Ostrel_AreaOf(__FILE__), __LINE__, (function)); \
+            return result;                                                                  \
+        }                                                                                   \
     } while (false)
 
-// Returns a status other than kNoErr from the function, reporting it.
-#define OSTREL_REQUIRE_NOERR(status)                   \
-    do {                                               \
-        const Ostrel_Status requiredStatus = (status); \
-        if (requiredStatus != kNoErr) {                \
-            OSTREL_REPORT_STATUS(requiredStatus);      \
-            return requiredStatus;                     \
-        }                                              \
+// Returns a status other than kNoErr from the function, reporting it likewise.
+#define OSTREL_REQUIRE_NOERR_IN(function, status)                                                         \
+    do {                                                                                                  \
+        const Ostrel_Status requiredStatus = (status);                                                    \
+        if (requiredStatus != kNoErr) {                                                                   \
+            Ostrel_ReportFailure(requiredStatus, nullptr, Ostrel_AreaOf(__FILE__), __LINE__, (function)); \
+            return requiredStatus;                                                                        \
+        }                                                                                                 \
     } while (false)
+
+// The same under the name of the function that they stand in.
+#define OSTREL_REQUIRE(condition, text, result) OSTREL_REQUIRE_IN(__func__, condition, text, result)
+#define OSTREL_REQUIRE_NOERR(status) OSTREL_REQUIRE_NOERR_IN(__func__, status)

@@ -77,5 +77,5 @@ Ostrel_Status Ostrel_VoroServicePublishClientLeaseInformation(Ostrel_SystemObj* 
     if (!Ostrel_VSUtil_IsAnyoneListening(sysObj, "/client")) return kNoErr;
     JValue array = valdo::Array();
     Ostrel_VoroServiceCreateClientLeaseInformationArray(sysObj, client, array);
-    return Ostrel_VSUtil_PostLeases(sysObj, "/client", "interfaceList", std::move(array));
+    return Ostrel_VSUtil_PostLeases(__func__, sysObj, "/client", "interfaceList", std::move(array));
 }

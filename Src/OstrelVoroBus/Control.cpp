@@ -1,8 +1,9 @@
 // Methods that act on what is managed already: "/" "interfaceFinalize", "/" "setDebugLevel", "/client" "leaseAction",
 // and what happens when a subscription ends.
 //
-// Each handler reads its request with a function of its own that returns a status, and answers with that. Only
-// "interfaceFinalize" gives an error code and text with a failure; the other two give the bare outcome.
+// Each handler reads its request with a function of its own that returns a status, and answers with that; what fails
+// there is reported under the handler's name. Only "interfaceFinalize" gives an error code and text with a failure; the
+// other two give the bare outcome.
 
 #include "Ostrel/Check.h"
 #include "Ostrel/DHCPClient.h"
@@ -14,8 +15,6 @@
 
 #include "Method.h"
 
-using valdo::JValue;
-
 namespace {
 
 // A word as it is compared with others. One with a zero byte inside is none of them, and must not be cut down to one.
@@ -23,34 +22,34 @@ const char* WordOf(const std::string& text) {
     return text.find('\0') == std::string::npos ? text.c_str() : "";
 }
 
-Ostrel_Status FinalizeInterface(const JValue& request, Ostrel_SystemObj* sysObj) {
+Ostrel_Status FinalizeInterface(const Ostrel_Request& request, Ostrel_SystemObj* sysObj) {
     Ostrel_InterfaceObj* iface = nullptr;
-    OSTREL_REQUIRE_NOERR(Ostrel_VSUtil_ResolveInterfaceObj(sysObj, request, &iface));
+    OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_VSUtil_ResolveInterfaceObj(sysObj, request.root, &iface));
     Ostrel_InterfaceFinalize(&sysObj->interfaceList, iface);
     return kNoErr;
 }
 
-Ostrel_Status SetDebugLevel(const JValue& request) {
+Ostrel_Status SetDebugLevel(const Ostrel_Request& request) {
     std::string level;
-    const bool success = GetJsonString(request, "debugLevel", &level, false, nullptr);
-    OSTREL_REQUIRE(success, "success", kGenericErr);
+    const bool success = GetJsonString(request.root, "debugLevel", &level, false, nullptr);
+    OSTREL_REQUIRE_IN(request.handler, success, "success", kGenericErr);
     Ostrel_SetDebugLevel(WordOf(level));
     return kNoErr;
 }
 
 // The client is asked first; when it refuses the word the selector is not asked. A server has no lease to act on.
-Ostrel_Status ActOnLease(const JValue& request, Ostrel_SystemObj* sysObj) {
+Ostrel_Status ActOnLease(const Ostrel_Request& request, Ostrel_SystemObj* sysObj) {
     Ostrel_InterfaceObj* iface = nullptr;
-    OSTREL_REQUIRE_NOERR(Ostrel_VSUtil_ResolveInterfaceObj(sysObj, request, &iface));
+    OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_VSUtil_ResolveInterfaceObj(sysObj, request.root, &iface));
     std::string action;
-    const bool success = GetJsonString(request, "leaseAction", &action, false, nullptr);
-    OSTREL_REQUIRE(success, "success", kGenericErr);
+    const bool success = GetJsonString(request.root, "leaseAction", &action, false, nullptr);
+    OSTREL_REQUIRE_IN(request.handler, success, "success", kGenericErr);
 
     if ((iface->mode & kOstrelModeDHCPClient) != 0) {
-        OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientLeaseAction(iface, WordOf(action)));
+        OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_DHCPClientLeaseAction(iface, WordOf(action)));
     }
     if ((iface->mode & kOstrelModeLinkLocal) != 0) {
-        OSTREL_REQUIRE_NOERR(Ostrel_LinkLocalAction(iface, WordOf(action)));
+        OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_LinkLocalAction(iface, WordOf(action)));
     }
     return kNoErr;
 }
@@ -59,16 +58,16 @@ Ostrel_Status ActOnLease(const JValue& request, Ostrel_SystemObj* sysObj) {
 
 bool Ostrel_VoroMethod_InterfaceFinalize(VSHandle* handle, VSMessage* message, void* context) {
     auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
-    JValue request;
-    Ostrel_Status status = Ostrel_VSUtil_ReadRequest(__func__, message, context, &request);
+    Ostrel_Request request{__func__};
+    Ostrel_Status status = Ostrel_VSUtil_ReadRequest(message, context, &request);
     if (status == kNoErr) status = FinalizeInterface(request, sysObj);
     Ostrel_VSUtil_SendStatusReply(sysObj, handle, message, status);
     return true;
 }
 
 bool Ostrel_VoroMethod_SetDebugLevel(VSHandle* handle, VSMessage* message, void* context) {
-    JValue request;
-    Ostrel_Status status = Ostrel_VSUtil_ReadRequest(__func__, message, context, &request);
+    Ostrel_Request request{__func__};
+    Ostrel_Status status = Ostrel_VSUtil_ReadRequest(message, context, &request);
     if (status == kNoErr) status = SetDebugLevel(request);
     Ostrel_VSUtil_SendPlainReply(static_cast<Ostrel_SystemObj*>(context), handle, message, status);
     return true;
@@ -76,8 +75,8 @@ bool Ostrel_VoroMethod_SetDebugLevel(VSHandle* handle, VSMessage* message, void*
 
 bool Ostrel_VoroMethod_ClientLeaseAction(VSHandle* handle, VSMessage* message, void* context) {
     auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
-    JValue request;
-    Ostrel_Status status = Ostrel_VSUtil_ReadRequest(__func__, message, context, &request);
+    Ostrel_Request request{__func__};
+    Ostrel_Status status = Ostrel_VSUtil_ReadRequest(message, context, &request);
     if (status == kNoErr) status = ActOnLease(request, sysObj);
     Ostrel_VSUtil_SendPlainReply(sysObj, handle, message, status);
     return true;

@@ -17,50 +17,49 @@
 #include "Method.h"
 #include "os_memory.h"
 
-using valdo::JValue;
-
 namespace {
 
 // The name fits with its terminator. One with a zero byte inside would be cut, and then be the name of another
 // interface.
-Ostrel_Status ReadName(const JValue& request, Ostrel_InterfaceConfig* cfg) {
+Ostrel_Status ReadName(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
     std::string name;
-    const bool success = GetJsonString(request, "interface", &name, false, nullptr);
+    const bool success = GetJsonString(request.root, "interface", &name, false, nullptr);
     const bool usable = success && name.size() < cfg->ifname.size() && name.find('\0') == std::string::npos;
-    OSTREL_REQUIRE(usable, "(success && (strIfname.size() < sizeof(cfg.ifname)))", kBadParamErr);
+    OSTREL_REQUIRE_IN(request.handler, usable, "(success && (strIfname.size() < sizeof(cfg.ifname)))", kBadParamErr);
     std::memcpy(cfg->ifname.data(), name.data(), name.size());
     return kNoErr;
 }
 
-Ostrel_Status ReadRoles(const JValue& request, Ostrel_InterfaceConfig* cfg) {
+Ostrel_Status ReadRoles(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
     std::string role;
-    const bool success = GetJsonString(request, "mode", &role, false, nullptr);
-    OSTREL_REQUIRE(success, "success", kBadParamErr);
-    OSTREL_REQUIRE_NOERR(OstrelJsonUtilsLookupTableVal32ByString(gTblOpMode, role, &cfg->mode));
+    const bool success = GetJsonString(request.root, "mode", &role, false, nullptr);
+    OSTREL_REQUIRE_IN(request.handler, success, "success", kBadParamErr);
+    OSTREL_REQUIRE_NOERR_IN(request.handler, OstrelJsonUtilsLookupTableVal32ByString(gTblOpMode, role, &cfg->mode));
 
     bool wanted = false;
     bool found = false;
-    if (GetJsonBoolean(request, "ipv4LinkLocal", &wanted, true, &found) && found && wanted)
+    if (GetJsonBoolean(request.root, "ipv4LinkLocal", &wanted, true, &found) && found && wanted)
         cfg->mode |= kOstrelModeLinkLocal;
     return kNoErr;
 }
 
-Ostrel_Status ReadAddressingMode(const JValue& request, Ostrel_InterfaceConfig* cfg) {
+Ostrel_Status ReadAddressingMode(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
     std::string addressing;
     bool found = false;
-    if (!GetJsonString(request, "ipv4Config", &addressing, true, &found) || !found) return kNoErr;
-    OSTREL_REQUIRE_NOERR(OstrelJsonUtilsLookupTableVal32ByString(gTblConfigMode, addressing, &cfg->configMode));
+    if (!GetJsonString(request.root, "ipv4Config", &addressing, true, &found) || !found) return kNoErr;
+    OSTREL_REQUIRE_NOERR_IN(request.handler,
+                            OstrelJsonUtilsLookupTableVal32ByString(gTblConfigMode, addressing, &cfg->configMode));
     Ostrel_LogPrint(kQxLogDebug, "%s IPv4 Addressing Mode 0x%08x.\n", cfg->ifname.data(), cfg->configMode);
     return kNoErr;
 }
 
-Ostrel_Status ReadAddress(const JValue& request, const char* key, const char* label, Ostrel_IPv4* address) {
-    OSTREL_REQUIRE_NOERR(OstrelJsonUtilsIPv4Get(request, key, address, false));
+Ostrel_Status ReadAddress(const Ostrel_Request& request, const char* key, const char* label, Ostrel_IPv4* address) {
+    OSTREL_REQUIRE_NOERR_IN(request.handler, OstrelJsonUtilsIPv4Get(request.root, key, address, false));
     Ostrel_LogPrint(kQxLogDebug, "%s %.4a\n", label, address);
     return kNoErr;
 }
 
-Ostrel_Status ReadOwnAddresses(const JValue& request, Ostrel_InterfaceConfig* cfg) {
+Ostrel_Status ReadOwnAddresses(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
     struct Row {
         const char* key;
         const char* label;
@@ -78,30 +77,30 @@ Ostrel_Status ReadOwnAddresses(const JValue& request, Ostrel_InterfaceConfig* cf
     return kNoErr;
 }
 
-void ReadDNSServers(const JValue& request, Ostrel_InterfaceConfig* cfg) {
-    if (OstrelJsonUtilsIPv4ArrayGet(request, "dnsServers", cfg->IPv4DNSServers) != kNoErr) return;
+void ReadDNSServers(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
+    if (OstrelJsonUtilsIPv4ArrayGet(request.root, "dnsServers", cfg->IPv4DNSServers) != kNoErr) return;
     for (const Ostrel_IPv4& server : cfg->IPv4DNSServers)
         Ostrel_LogPrint(kQxLogDebug, "%s %.4a\n", "DNS Server", &server);
 }
 
-void ReadTexts(const JValue& request, Ostrel_InterfaceConfig* cfg) {
+void ReadTexts(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
     const char* ifname = cfg->ifname.data();
-    if (OstrelJsonUtilsStringDup(request, "domainName", &cfg->domainName) == kNoErr)
+    if (OstrelJsonUtilsStringDup(request.root, "domainName", &cfg->domainName) == kNoErr)
         Ostrel_LogPrint(kQxLogDebug, "%s Domain Name %s\n", ifname, cfg->domainName);
-    if (OstrelJsonUtilsStringDup(request, "clientIdentifier", &cfg->clientIdentifier) == kNoErr)
+    if (OstrelJsonUtilsStringDup(request.root, "clientIdentifier", &cfg->clientIdentifier) == kNoErr)
         Ostrel_LogPrint(kQxLogDebug, "%s Client Identifier %s.\n", ifname, cfg->clientIdentifier);
 }
 
-void ReadLeaseLimits(const JValue& request, Ostrel_InterfaceConfig* cfg) {
+void ReadLeaseLimits(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
     const char* ifname = cfg->ifname.data();
-    if (GetJsonNumber(request, "maxLeases", &cfg->maxLeases, false, nullptr))
+    if (GetJsonNumber(request.root, "maxLeases", &cfg->maxLeases, false, nullptr))
         Ostrel_LogPrint(kQxLogDebug, "%s Max Number of Leases %d.\n", ifname, cfg->maxLeases);
-    if (GetJsonNumber(request, "leaseTime", &cfg->leaseTime, false, nullptr))
+    if (GetJsonNumber(request.root, "leaseTime", &cfg->leaseTime, false, nullptr))
         Ostrel_LogPrint(kQxLogDebug, "%s Lease Time %d.\n", ifname, cfg->leaseTime);
 }
 
 // Fills a zero-filled record. What it owns is the caller's to free, on failure too. The readers report their failures.
-Ostrel_Status ReadConfig(const JValue& request, Ostrel_InterfaceConfig* cfg) {
+Ostrel_Status ReadConfig(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
     Ostrel_Status status = ReadName(request, cfg);
     if (status == kNoErr) status = ReadRoles(request, cfg);
     if (status == kNoErr) status = ReadAddressingMode(request, cfg);
@@ -116,10 +115,10 @@ Ostrel_Status ReadConfig(const JValue& request, Ostrel_InterfaceConfig* cfg) {
     return kNoErr;
 }
 
-Ostrel_Status InitializeFrom(const JValue& request, Ostrel_SystemObj* sysObj, Ostrel_InterfaceConfig* cfg) {
+Ostrel_Status InitializeFrom(const Ostrel_Request& request, Ostrel_SystemObj* sysObj, Ostrel_InterfaceConfig* cfg) {
     const Ostrel_Status status = ReadConfig(request, cfg);
     if (status != kNoErr) return status;
-    OSTREL_REQUIRE_NOERR(Ostrel_InterfaceInitialize(sysObj, cfg));
+    OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_InterfaceInitialize(sysObj, cfg));
     return kNoErr;
 }
 
@@ -128,8 +127,8 @@ Ostrel_Status InitializeFrom(const JValue& request, Ostrel_SystemObj* sysObj, Os
 bool Ostrel_VoroMethod_InterfaceInitialize(VSHandle* handle, VSMessage* message, void* context) {
     auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
     Ostrel_InterfaceConfig cfg{};
-    JValue request;
-    Ostrel_Status status = Ostrel_VSUtil_ReadRequest(__func__, message, context, &request);
+    Ostrel_Request request{__func__};
+    Ostrel_Status status = Ostrel_VSUtil_ReadRequest(message, context, &request);
     if (status == kNoErr) status = InitializeFrom(request, sysObj, &cfg);
     os_free(cfg.domainName);
     os_free(cfg.clientIdentifier);

@@ -19,25 +19,19 @@ namespace {
 
 constexpr char kLeaseMethod[] = "leaseInformation";
 
-// A failed check that is reported under the name of the function it was made for.
-Ostrel_Status Reject(const char* function, const char* expression, int line) {
-    Ostrel_ReportFailure(0, expression, Ostrel_AreaOf(__FILE__), line, function);
-    return kGenericErr;
-}
-
 }  // namespace
 
 Ostrel_Status Ostrel_VSUtil_BusFailure(const char* function, int line, VSError* error) {
-    const Ostrel_Status status = Reject(function, "success", line);
+    Ostrel_ReportFailure(0, "success", Ostrel_AreaOf(__FILE__), line, function);
     OstrelVSErrorPrintAndFree(error);
-    return status;
+    return kGenericErr;
 }
 
-Ostrel_Status Ostrel_VSUtil_ReadRequest(const char* handler, VSMessage* message, const void* context, JValue* request) {
+Ostrel_Status Ostrel_VSUtil_ReadRequest(VSMessage* message, const void* context, Ostrel_Request* request) {
     const char* payload = VSMessageGetPayload(message);
-    Ostrel_LogPrint(kQxLogDebug, "%s: %s\n", handler, payload);
-    if (context == nullptr) return Reject(handler, "sysObj", __LINE__);
-    if (!CheckJsonRoot(payload, "{}", request)) return Reject(handler, "success", __LINE__);
+    Ostrel_LogPrint(kQxLogDebug, "%s: %s\n", request->handler, payload);
+    OSTREL_REQUIRE_IN(request->handler, context != nullptr, "sysObj", kGenericErr);
+    OSTREL_REQUIRE_IN(request->handler, CheckJsonRoot(payload, "{}", &request->root), "success", kGenericErr);
     return kNoErr;
 }
 
@@ -56,8 +50,8 @@ void Ostrel_VSUtil_AnswerWithList(const Ostrel_ListMethod& method, VSHandle* han
                                   void* context) {
     auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
     JValue list = valdo::Array();
-    JValue request;
-    if (Ostrel_VSUtil_ReadRequest(method.handler, message, context, &request) != kNoErr) {
+    Ostrel_Request request{method.handler};
+    if (Ostrel_VSUtil_ReadRequest(message, context, &request) != kNoErr) {
         const char* text = method.rejection == kNoErr ? nullptr : Ostrel_GetVoroErrText(method.rejection);
         Ostrel_VSUtil_SendJSONReply(sysObj, handle, message, false, Ostrel_GetVoroErrCode(method.rejection), text,
                                     "interfaceList", &list);
@@ -65,12 +59,13 @@ void Ostrel_VSUtil_AnswerWithList(const Ostrel_ListMethod& method, VSHandle* han
     }
 
     Ostrel_InterfaceObj* selected = nullptr;
-    if (Ostrel_VSUtil_ResolveInterfaceObj(sysObj, request, &selected) != kNoErr) selected = nullptr;
+    if (Ostrel_VSUtil_ResolveInterfaceObj(sysObj, request.root, &selected) != kNoErr) selected = nullptr;
     method.fill(sysObj, selected, list);
     Ostrel_VSUtil_SendJSONReply(sysObj, handle, message, true, 0, nullptr, "interfaceList", &list);
 }
 
-Ostrel_Status Ostrel_VSUtil_PostLeases(Ostrel_SystemObj* sysObj, const char* category, const char* key, JValue list) {
+Ostrel_Status Ostrel_VSUtil_PostLeases(const char* function, Ostrel_SystemObj* sysObj, const char* category,
+                                       const char* key, JValue list) {
     JValue post = valdo::Object();
     post.put("returnValue", true);
     post.put(key, std::move(list));
@@ -80,7 +75,7 @@ Ostrel_Status Ostrel_VSUtil_PostLeases(Ostrel_SystemObj* sysObj, const char* cat
     std::string text;
     const bool success = valdo::JGenerator::toString(post, valdo::JSchemaFragment("{}"), text) &&
                          VSSubscriptionPost(sysObj->serviceHandle, category, kLeaseMethod, text.c_str(), &error);
-    return success ? kNoErr : Ostrel_VSUtil_BusFailure(__func__, __LINE__, &error);
+    return success ? kNoErr : Ostrel_VSUtil_BusFailure(function, __LINE__, &error);
 }
 
 bool Ostrel_VSUtil_IsAnyoneListening(const Ostrel_SystemObj* sysObj, const char* category) {

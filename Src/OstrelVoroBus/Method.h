@@ -11,10 +11,15 @@
 struct Ostrel_InterfaceObj;
 struct Ostrel_SystemObj;
 
-// The request as an object. Logs the call under the handler's name; kGenericErr, reported, without a context or when
-// the payload is not a JSON object.
-[[nodiscard]] Ostrel_Status Ostrel_VSUtil_ReadRequest(const char* handler, VSMessage* message, const void* context,
-                                                      valdo::JValue* request);
+// A call as its handler reads it.
+struct Ostrel_Request {
+    const char* handler;  // function name: the failed checks of a handler's helpers are reported under it
+    valdo::JValue root{};
+};
+
+// Fills `root`, which is then an object. Logs the call; kGenericErr, reported, without a context or when the payload is
+// not a JSON object.
+[[nodiscard]] Ostrel_Status Ostrel_VSUtil_ReadRequest(VSMessage* message, const void* context, Ostrel_Request* request);
 
 // Answers with nothing but the outcome: an error code and text on failure, or, in the second form, not even those.
 void Ostrel_VSUtil_SendStatusReply(Ostrel_SystemObj* sysObj, VSHandle* handle, VSMessage* message,
@@ -31,9 +36,9 @@ struct Ostrel_ListMethod {
 void Ostrel_VSUtil_AnswerWithList(const Ostrel_ListMethod& method, VSHandle* handle, VSMessage* message, void* context);
 
 // Posts {"returnValue": true, <key>: <list>} to the subscribers of the category's "leaseInformation". kGenericErr when
-// the bus refuses.
-[[nodiscard]] Ostrel_Status Ostrel_VSUtil_PostLeases(Ostrel_SystemObj* sysObj, const char* category, const char* key,
-                                                     valdo::JValue list);
+// the bus refuses, reported under `function`.
+[[nodiscard]] Ostrel_Status Ostrel_VSUtil_PostLeases(const char* function, Ostrel_SystemObj* sysObj,
+                                                     const char* category, const char* key, valdo::JValue list);
 
 // Whether such a post would reach someone: without subscribers nothing is built.
 [[nodiscard]] bool Ostrel_VSUtil_IsAnyoneListening(const Ostrel_SystemObj* sysObj, const char* category);

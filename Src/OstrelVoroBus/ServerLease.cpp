@@ -84,5 +84,5 @@ Ostrel_Status Ostrel_VoroServicePublishServerLeaseInformation(Ostrel_SystemObj* 
     if (!Ostrel_VSUtil_IsAnyoneListening(sysObj, "/server")) return kNoErr;
     JValue array = valdo::Array();
     Ostrel_VoroServiceCreateServerLeaseInformationArray(sysObj, server, array);
-    return Ostrel_VSUtil_PostLeases(sysObj, "/server", "leases", std::move(array));
+    return Ostrel_VSUtil_PostLeases(__func__, sysObj, "/server", "leases", std::move(array));
 }

@@ -101,6 +101,19 @@ struct Bus : testing::Test {
         return state + " " + std::to_string(gMaxDebugLevel);
     }
 
+    // The failed checks that the bus area has reported since `from`: status, expression and function of each.
+    [[nodiscard]] std::vector<std::string> Reports(size_t from) const {
+        std::vector<std::string> reports;
+        for (size_t i = from; i < world.log.size(); ++i) {
+            std::string text = world.log[i].text;
+            const size_t area = text.find("  Src/OstrelVoroBus ");
+            if (!world.log[i].systemLog || area == std::string::npos) continue;
+            const size_t function = text.rfind(' ');
+            reports.push_back(text.substr(0, area) + text.substr(function, text.find('\n') - function));
+        }
+        return reports;
+    }
+
     sim::World world;
     Ostrel_SystemObj system{};
 };
@@ -154,6 +167,47 @@ TEST_F(Bus, ARefusedRequestChangesNothing) {
     EXPECT_EQ(Root("setDebugLevel", R"({"debugLevel":"chatty"})"), kTrue);
     EXPECT_EQ(gMaxDebugLevel, kDebugLevelChatty);
     EXPECT_EQ(Root("setDebugLevel", R"({"debugLevel":"info"})"), kTrue);
+}
+
+TEST_F(Bus, AFailedCheckIsReportedUnderTheNameOfItsMethod) {
+    Initialize(kClient, {{"ipv4LinkLocal", "true"}});
+    const std::string resolve = "-6727  Ostrel_VSUtil_ResolveInterfaceObj";
+    const std::string root = "Ostrel_VoroMethod_InterfaceInitialize";
+    const struct {
+        const char *category, *method;
+        std::string payload;
+        std::vector<std::string> reports;
+    } calls[] = {
+        {"/", "interfaceInitialize", "[]", {"0 success " + root}},
+        {"/",
+         "interfaceInitialize",
+         R"({"interface":"seventeen-letters"})",
+         {"0 (success && (strIfname.size() < sizeof(cfg.ifname))) " + root}},
+        {"/", "interfaceInitialize", Request(kClient, {{"mode", "1"}}), {"0 success " + root}},
+        {"/", "interfaceInitialize", Request(kClient, {{"mode", R"("Client")"}}), {"-6727  " + root}},
+        {"/", "interfaceInitialize", Request(kClient, {{"ipv4Config", R"("DHCP")"}}), {"-6727  " + root}},
+        {"/", "interfaceInitialize", Request(kClient, {{"ipv4Subnet", R"("x")"}}), {"-6705  " + root}},
+        {"/", "interfaceInitialize", Request(kClient, {{"ipv4RangeStart", R"("x")"}}), {"-6705  " + root}},
+        {"/", "interfaceInitialize", Request(kClient), {"-6730  " + root}},
+        {"/", "interfaceFinalize", R"({"interface":"other"})", {resolve, "-6727  Ostrel_VoroMethod_InterfaceFinalize"}},
+        {"/", "interfaceFinalize", "{}", {"-6705  Ostrel_VoroMethod_InterfaceFinalize"}},
+        {"/", "setDebugLevel", "{}", {"0 success Ostrel_VoroMethod_SetDebugLevel"}},
+        {"/", "interfaceConfigDump", "[]", {"0 success Ostrel_VoroMethod_InterfaceConfigDump"}},
+        {"/client", "leaseAction", R"({"interface":"other"})", {resolve, "-6727  Ostrel_VoroMethod_ClientLeaseAction"}},
+        {"/client", "leaseAction", R"({"interface":"eth0"})", {"0 success Ostrel_VoroMethod_ClientLeaseAction"}},
+        {"/client",
+         "leaseAction",
+         R"({"interface":"eth0","leaseAction":"x"})",
+         {"-6705  Ostrel_VoroMethod_ClientLeaseAction"}},
+        {"/client", "leaseInformation", "", {"0 success Ostrel_VoroMethod_ClientLeaseInformation"}},
+        {"/client", "leaseInformation", R"({"interface":"other"})", {resolve}},
+        {"/server", "leaseInformation", "", {"0 success Ostrel_VoroMethod_ServerLeaseInformation"}},
+    };
+    for (const auto& [category, method, payload, reports] : calls) {
+        const size_t before = world.log.size();
+        world.Call(category, method, payload);
+        EXPECT_EQ(Reports(before), reports) << category << " " << method << " " << payload;
+    }
 }
 
 TEST_F(Bus, TheDumpShowsWhatARequestConfigured) {
@@ -320,12 +374,19 @@ TEST_F(Bus, AFailingBusIsReportedAndSurvived) {
     Ostrel_ServerObj* server = Initialize(kServer)->dhcpServer;
     world.failPosts = true;
     EXPECT_EQ(Ostrel_VoroServicePublishServerLeaseInformation(&system, server), kNoErr) << "nobody listens";
+    Ostrel_ClientObj* client = Initialize(kClient)->dhcpClient;
     Leases("/server", R"({"subscribe":true})");
+    Leases("/client", R"({"subscribe":true})");
+    const size_t before = world.log.size();
     EXPECT_EQ(Ostrel_VoroServicePublishServerLeaseInformation(&system, server), kGenericErr);
+    EXPECT_EQ(Ostrel_VoroServicePublishClientLeaseInformation(&system, client), kGenericErr);
+    EXPECT_EQ(Reports(before), (std::vector<std::string>{"0 success Ostrel_VoroServicePublishServerLeaseInformation",
+                                                         "0 success Ostrel_VoroServicePublishClientLeaseInformation"}));
     EXPECT_TRUE(world.Logged("### VoroBus error "));
 
     world.failReplies = true;
     EXPECT_EQ(Root("interfaceFinalize", R"({"interface":"usb0"})"), "");
+    EXPECT_EQ(Root("interfaceFinalize", R"({"interface":"eth0"})"), "");
     world.failReplies = false;
     EXPECT_EQ(Dump(), kEmptyList);
 }
