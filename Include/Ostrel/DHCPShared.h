@@ -180,9 +180,8 @@ struct Ostrel_ReceivedMessage {
 // kTooLongErr, with nothing appended, when the buffer has no room for the whole of it.
 [[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketAppendOption(wpabuf* buffer, uint8_t code, std::span<const uint8_t> data);
 
-// Names for log lines; "UNKNOWN" for anything else.
+// The name for log lines; "UNKNOWN" for anything else.
 [[nodiscard]] const char* Ostrel_DHCPMsgTypeString(uint8_t messageType);
-[[nodiscard]] const char* Ostrel_ClientStateString(int32_t state);
 
 // The Internet checksum (RFC 1071): adds `data` to a running sum of 16-bit words in network order, with end-around
 // carry; an odd last byte counts as the high half of a word.

@@ -11,16 +11,21 @@
 #include "Ostrel/Interface.h"
 #include "Ostrel/Status.h"
 
-// States, as Ostrel_LinkLocalStateString names them. 0 is a selector never started.
-constexpr int32_t kLinkLocalStateInit = 1;
-constexpr int32_t kLinkLocalStateProbe = 2;
-constexpr int32_t kLinkLocalStateAnnounce = 3;  // stays so once the address is held
-constexpr int32_t kLinkLocalStateDefend = 4;    // never entered
+enum Ostrel_LinkLocalState : int32_t {
+    kLinkLocalStateUnknown = 0,  // never started
+    kLinkLocalStateInit = 1,
+    kLinkLocalStateProbe = 2,
+    kLinkLocalStateAnnounce = 3,  // stays so once the address is held
+    kLinkLocalStateDefend = 4,    // never entered
+};
+
+// "INIT", "PROBE" and so on; "UNKNOWN" for any other value.
+[[nodiscard]] const char* Ostrel_LinkLocalStateString(Ostrel_LinkLocalState state);
 
 struct Ostrel_LinkLocalObj {
     Ostrel_InterfaceObj* iface;  // not owned
     Ostrel_IPv4 IPv4Address;     // probed, announced or held; 0 until the first selection
-    int32_t state;
+    Ostrel_LinkLocalState state;
     int32_t numConflicts;    // over the object's life
     int32_t numProbes;       // for the current address
     int32_t numAnnounces;    // likewise
@@ -35,17 +40,6 @@ void Ostrel_LinkLocalFinalize(Ostrel_LinkLocalObj* linkLocal);
 // "init", "renew" and "rebind" select a new address on the next pass of the loop; "halt" stops the timeouts.
 // kBadParamErr for any other word, kGenericErr without a selector.
 [[nodiscard]] Ostrel_Status Ostrel_LinkLocalAction(Ostrel_InterfaceObj* iface, const char* action);
-
-[[nodiscard]] const char* Ostrel_LinkLocalStateString(int32_t state);
-
-// Steps and timeout handlers (called with selector and interface).
-void Ostrel_LinkLocalCancelAllTimeouts(Ostrel_LinkLocalObj* linkLocal);
-void Ostrel_LinkLocalArmInit(Ostrel_LinkLocalObj* linkLocal, uint32_t milliseconds);
-void Ostrel_LinkLocalCalculateProbeInterval(Ostrel_LinkLocalObj* linkLocal);
-[[nodiscard]] Ostrel_Status Ostrel_LinkLocalProbeAddress(Ostrel_LinkLocalObj* linkLocal);
-void Ostrel_LinkLocalTimeout_Init(void* linkLocal, void* iface);
-void Ostrel_LinkLocalTimeout_Probe(void* linkLocal, void* iface);
-void Ostrel_LinkLocalTimeout_Announce(void* linkLocal, void* iface);
 
 // Every ARP frame of the interface.
 void Ostrel_LinkLocalARPPacketHandler(Ostrel_LinkLocalObj* linkLocal, const Ostrel_EthernetHeader* frame,

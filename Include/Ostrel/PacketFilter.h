@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <span>
 
 #include "Ostrel/Status.h"
@@ -12,10 +13,14 @@
 
 struct Ostrel_InterfaceObj;
 
+struct Ostrel_L2Closer {
+    void operator()(l2_packet_data* l2) const noexcept { l2_packet_deinit(l2); }
+};
+
 struct Ostrel_PacketFilter {
-    l2_packet_data* l2;                   // owned; null when not open
-    os_array<l2_filter_instruction> bpf;  // the program's copy; null when not open
-    uint32_t bpfLength;                   // bytes in it: 8 for each instruction
+    std::unique_ptr<l2_packet_data, Ostrel_L2Closer> l2;  // null when not open
+    os_array<l2_filter_instruction> bpf;                  // the program's copy; null when not open
+    uint32_t bpfLength;                                   // bytes in it: 8 for each instruction
 };
 
 // Called for each frame that passes the program: the interface, the source address (6 bytes), the frame.
@@ -33,7 +38,8 @@ extern std::array<l2_filter_instruction, 11> gBPF_DHCP;       // UDP to one port
                                                           std::span<const l2_filter_instruction> program,
                                                           Ostrel_PacketCallback callback, int32_t logLevel);
 
-// Closes the socket and frees the program. Harmless on a record never opened or already finalised.
+// Closes the socket and frees the program at once, as the record's end does. Harmless on a record never opened or
+// already finalised.
 void Ostrel_PacketFilterFinalize(Ostrel_PacketFilter* filter);
 
 // Opens a filter for UDP to `destinationPort` (host order), as Ostrel_PacketFilterInitialize does.

@@ -6,20 +6,35 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "eloop.h"
 
 struct Ostrel_InterfaceObj;
 
-// Registers one more timeout; one of the same identity stays, so both fire.
+// A timeout as its role's table has it. The bounds are of the delay that the role chooses: the same number twice where
+// it is fixed, 0 and 0 where only a lease or a reply says how long.
+struct Ostrel_TimeoutKind {
+    eloop_timeout_handler handler;
+    const char* name;
+    bool rtc;           // an alarm, which wakes a suspended device
+    uint32_t shortest;  // milliseconds
+    uint32_t longest;
+};
+
+// Arm registers one more timeout: one of the same identity stays, so both fire. Rearm first cancels every one of the
+// same identity. Disarm cancels them, and is harmless where there is none. A delay beyond what the event loop takes is
+// cut to that: 68 years are for ever.
+void Ostrel_ArmTimeout(Ostrel_InterfaceObj* iface, void* role, const Ostrel_TimeoutKind& kind, uint64_t milliseconds);
+void Ostrel_RearmTimeout(Ostrel_InterfaceObj* iface, void* role, const Ostrel_TimeoutKind& kind, uint64_t milliseconds);
+void Ostrel_DisarmTimeout(Ostrel_InterfaceObj* iface, void* role, const Ostrel_TimeoutKind& kind);
+void Ostrel_DisarmTimeouts(Ostrel_InterfaceObj* iface, void* role, std::span<const Ostrel_TimeoutKind> kinds);
+
+// The same for one timeout spelt out; `milliseconds` is what there is beside whole seconds.
 void Ostrel_SetTimeout(Ostrel_InterfaceObj* iface, void* role, int32_t seconds, int32_t milliseconds,
                        eloop_timeout_handler handler, const char* name, bool rtc);
-
-// Cancels every timeout of the same identity, then registers it.
 void Ostrel_ResetTimeout(Ostrel_InterfaceObj* iface, void* role, int32_t seconds, int32_t milliseconds,
                          eloop_timeout_handler handler, const char* name, bool rtc);
-
-// Cancels every timeout of the same identity; harmless when there is none.
 void Ostrel_CancelTimeout(Ostrel_InterfaceObj* iface, void* role, eloop_timeout_handler handler, const char* name,
                           bool rtc);
 

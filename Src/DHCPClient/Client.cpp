@@ -1,34 +1,23 @@
 // The client object: made from a configuration, started and stopped by lease actions, finalised with its interface.
 //
 // A dhcp client is born idle, in INIT-REBOOT, and sends nothing before a lease action. A static client never talks
-// DHCP: its lease is the configuration, published once at birth and again at each lease action.
+// DHCP: its lease is the configuration, published once at birth and again at each lease action but "halt".
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
 #include "Ostrel/Check.h"
-#include "Ostrel/DHCPClient.h"
 #include "Ostrel/Log.h"
-#include "Ostrel/Timeout.h"
 
-#include "DHCPClient/Timeouts.h"
+#include "DHCPClient/Machine.h"
 
 namespace {
 
 constexpr uint16_t kMaxMessageSize = 1500;  // bytes
-constexpr uint32_t kInitDelayMin = 0;       // seconds
-constexpr uint32_t kInitDelayMax = 1;
-constexpr uint32_t kSelectingTime = 3;
 
 constexpr std::array<uint8_t, 6> kRequestedOptions{kOptionSubnetMask, kOptionBroadcastAddress, kOptionTimeOffset,
                                                    kOptionRouter,     kOptionDomainNameServer, kOptionDomainName};
-
-struct FinaliseClient {
-    void operator()(Ostrel_ClientObj* client) const { Ostrel_DHCPClientFinalize(client); }
-};
-using HalfBuiltClient = std::unique_ptr<Ostrel_ClientObj, FinaliseClient>;
 
 Ostrel_Status Ostrel_BOOTPClientPacketFilterInitialize(Ostrel_ClientObj* client) {
     return Ostrel_BOOTPPacketFilterInitialize(client->iface, &client->packetFilter, kBOOTPClientPort,
@@ -77,17 +66,17 @@ Ostrel_Status SetupIdentifierFrom(Ostrel_ClientObj* client, const Ostrel_Interfa
 }  // namespace
 
 Ostrel_Status Ostrel_DHCPClientInitialize(Ostrel_InterfaceObj* iface, const Ostrel_InterfaceConfig* config) {
-    HalfBuiltClient client(os_new<Ostrel_ClientObj>());
+    os_owner<Ostrel_ClientObj> client(os_new<Ostrel_ClientObj>());
     OSTREL_REQUIRE(client != nullptr, "client", kOutOfMemoryErr);
     client->iface = iface;
     OSTREL_REQUIRE_NOERR(Ostrel_BOOTPClientPacketFilterInitialize(client.get()));
 
     client->maxMessageSize = kMaxMessageSize;
-    client->initDelayMin = kInitDelayMin;
-    client->initDelayMax = kInitDelayMax;
-    client->selectingTime = kSelectingTime;
+    client->initDelayMin = kClientTimeouts[kClientTimeoutInit].shortest / 1000;
+    client->initDelayMax = kClientTimeouts[kClientTimeoutInit].longest / 1000;
+    client->selectingTime = kClientTimeouts[kClientTimeoutSelecting].longest / 1000;
     client->configMode = config->configMode;
-    const bool isStatic = (client->configMode & kOstrelConfigStatic) != 0;
+    const bool isStatic = Ostrel_DHCPClientIsStatic(client.get());
     const bool manualAddress = (client->configMode & kOstrelConfigDHCPManualAddress) != 0;
     if (isStatic || manualAddress) client->lease.IPv4Address = config->IPv4Address;
     if (isStatic) FillStaticLease(client.get(), config);
@@ -108,9 +97,7 @@ Ostrel_Status Ostrel_DHCPClientInitialize(Ostrel_InterfaceObj* iface, const Ostr
 
 void Ostrel_DHCPClientFinalize(Ostrel_ClientObj* client) {
     if (client == nullptr) return;
-    Ostrel_PacketFilterFinalize(&client->packetFilter);
     Ostrel_DHCPClientCancelAllTimeouts(client);
-    Ostrel_DHCPClientFreeLeaseInfo(client);
     Ostrel_DHCPClientFreeLeaseOffers(client);
     os_delete(client);
 }

@@ -5,10 +5,9 @@
 #include <endian.h>
 
 #include "Ostrel/Check.h"
-#include "Ostrel/DHCPClient.h"
 #include "Ostrel/Log.h"
 
-#include "DHCPClient/Timeouts.h"
+#include "DHCPClient/Machine.h"
 
 namespace {
 
@@ -25,13 +24,11 @@ void Ostrel_DHCPClientARPPacketHandler(Ostrel_ClientObj* client, const Ostrel_Et
     if (!IsConflict(client, arpHeader, addresses)) return;
 
     const Ostrel_ClientLease& lease = client->lease;
-    Ostrel_DHCPClientCancel(client, kClientTimeoutArping);
+    Ostrel_DisarmTimeout(client->iface, client, kClientTimeouts[kClientTimeoutArping]);
     DebugPrintF(kDebugLevelInfo, "[%s] DHCP Client RX'd ARP REPLY from %.6a for lease offer of %.4a.\n",
                 client->iface->ifname.data(), addresses->senderMAC, &lease.IPv4Address);
 
-    const Ostrel_Status status =
-        Ostrel_DHCPClientSend_BOOTPRequest(client, lease.serverMAC, lease.IPv4Address, lease.serverIPv4Address,
-                                           kDHCPDecline, lease.IPv4Address, kAnyIPv4, kAnyIPv4);
+    const Ostrel_Status status = Ostrel_DHCPClientSend(client, Ostrel_DHCPClientDeclineOf(lease));
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
     Ostrel_DHCPClientStateTransition_Init(client);
 }

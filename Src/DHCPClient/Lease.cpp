@@ -1,9 +1,11 @@
 // What the client object holds: its identifier, the options it asks for, the offers, the lease.
 #include <algorithm>
+#include <utility>
 
 #include "Ostrel/Check.h"
-#include "Ostrel/DHCPClient.h"
 #include "Ostrel/Log.h"
+
+#include "DHCPClient/Machine.h"
 
 Ostrel_Status Ostrel_DHCPSetupClientIdentifier(Ostrel_ClientObj* client, uint8_t type,
                                                std::span<const uint8_t> identifier) {
@@ -32,11 +34,8 @@ Ostrel_Status Ostrel_DHCPAddRequestedOption(Ostrel_ClientObj* client, uint8_t co
 }
 
 void Ostrel_DHCPClientFreeLeaseOffers(Ostrel_ClientObj* client) {
-    while (client->leaseOffers != nullptr) {
-        Ostrel_LeaseOffer* const offer = client->leaseOffers;
-        client->leaseOffers = offer->next;
-        os_delete(offer);
-    }
+    // One by one: a chain that frees itself would do so from within itself, as deep as it is long.
+    while (client->leaseOffers != nullptr) client->leaseOffers = std::move(client->leaseOffers->next);
 }
 
 void Ostrel_DHCPClientFreeLeaseInfo(Ostrel_ClientObj* client) {
@@ -44,7 +43,7 @@ void Ostrel_DHCPClientFreeLeaseInfo(Ostrel_ClientObj* client) {
 }
 
 void Ostrel_DHCPClientResetLeaseInfo(Ostrel_ClientObj* client) {
-    if ((client->configMode & kOstrelConfigStatic) != 0) return;
+    if (Ostrel_DHCPClientIsStatic(client)) return;
     const Ostrel_IPv4 manualAddress = client->lease.IPv4Address;
     Ostrel_DHCPClientFreeLeaseInfo(client);
     if ((client->configMode & kOstrelConfigDHCPManualAddress) != 0) client->lease.IPv4Address = manualAddress;

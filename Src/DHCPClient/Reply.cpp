@@ -13,9 +13,9 @@
 #include <algorithm>
 
 #include "Ostrel/Check.h"
-#include "Ostrel/DHCPClient.h"
 #include "Ostrel/Log.h"
 
+#include "DHCPClient/Machine.h"
 #include "os_time.h"
 
 namespace {
@@ -98,13 +98,12 @@ Ostrel_Status ReadLease(const Ostrel_PreprocessedPacket& packet, Ostrel_ClientLe
 
 // A server that offers twice keeps its place; its later address counts.
 Ostrel_Status StoreOffer(Ostrel_ClientObj* client, Ostrel_IPv4 serverIdentifier, Ostrel_IPv4 address) {
-    Ostrel_LeaseOffer** link = &client->leaseOffers;
+    os_owner<Ostrel_LeaseOffer>* link = &client->leaseOffers;
     while (*link != nullptr && (*link)->serverIdentifier != serverIdentifier) link = &(*link)->next;
     if (*link == nullptr) {
-        auto* const leaseOffer = os_new<Ostrel_LeaseOffer>();
-        OSTREL_REQUIRE(leaseOffer != nullptr, "leaseOffer", kOutOfMemoryErr);
-        leaseOffer->serverIdentifier = serverIdentifier;
-        *link = leaseOffer;
+        link->reset(os_new<Ostrel_LeaseOffer>());
+        OSTREL_REQUIRE(*link != nullptr, "leaseOffer", kOutOfMemoryErr);
+        (*link)->serverIdentifier = serverIdentifier;
     }
     (*link)->address = address;
     return kNoErr;
@@ -124,7 +123,8 @@ void Ostrel_DHCPClientProcessOffer(Ostrel_ClientObj* client, const Ostrel_Prepro
         OSTREL_REPORT_STATUS(status);
         return;
     }
-    Ostrel_DHCPClientEndSelecting(client);
+    // The selecting period ends on the next pass of the loop, after the offers that have already arrived.
+    Ostrel_RearmTimeout(client->iface, client, kClientTimeouts[kClientTimeoutSelecting], 0);
 }
 
 Ostrel_Status Ostrel_DHCPClientProcessAck(Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {

@@ -8,13 +8,14 @@
 //      REBINDING  broadcast     0.0.0.0       255.255.255.255   0        lease address   -
 //     DECLINE     server's MAC  lease address server            lease    -               -
 //
-// The callers choose the row; this file builds and sends it. Nothing is retried here.
+// Each has its row below, which says what is not broadcast, zero or left out. This file builds and sends them; nothing
+// is retried here.
 #include <algorithm>
 #include <endian.h>
 
 #include "Ostrel/Check.h"
-#include "Ostrel/DHCPClient.h"
 
+#include "DHCPClient/Machine.h"
 #include "wpabuf.h"
 
 namespace {
@@ -59,6 +60,34 @@ Ostrel_Status AppendOptions(wpabuf* payload, const Ostrel_ClientObj* client, uin
 
 }  // namespace
 
+Ostrel_ClientMessage Ostrel_DHCPClientDiscover() {
+    return {.type = kDHCPDiscover};
+}
+
+Ostrel_ClientMessage Ostrel_DHCPClientRequestOf(const Ostrel_LeaseOffer& offer) {
+    return {.type = kDHCPRequest, .requested = offer.address, .server = offer.serverIdentifier};
+}
+
+Ostrel_ClientMessage Ostrel_DHCPClientRenewalOf(const Ostrel_ClientLease& lease) {
+    return {.type = kDHCPRequest,
+            .toMAC = lease.serverMAC,
+            .source = lease.IPv4Address,
+            .destination = lease.serverIPv4Address,
+            .requested = lease.IPv4Address};
+}
+
+Ostrel_ClientMessage Ostrel_DHCPClientRebindingOf(const Ostrel_ClientLease& lease) {
+    return {.type = kDHCPRequest, .requested = lease.IPv4Address};
+}
+
+Ostrel_ClientMessage Ostrel_DHCPClientDeclineOf(const Ostrel_ClientLease& lease) {
+    return {.type = kDHCPDecline,
+            .toMAC = lease.serverMAC,
+            .source = lease.IPv4Address,
+            .destination = lease.serverIPv4Address,
+            .ciaddr = lease.IPv4Address};
+}
+
 Ostrel_Status Ostrel_DHCPClientSend_BOOTPRequest(Ostrel_ClientObj* client, const Ostrel_MAC& destinationMAC,
                                                  Ostrel_IPv4 sourceIPv4, Ostrel_IPv4 destinationIPv4,
                                                  uint8_t messageType, Ostrel_IPv4 clientIPv4, Ostrel_IPv4 requestedIPv4,
@@ -74,9 +103,7 @@ Ostrel_Status Ostrel_DHCPClientSend_BOOTPRequest(Ostrel_ClientObj* client, const
     return kNoErr;
 }
 
-uint32_t Ostrel_DHCPClientUpdateRequestRetryTime(uint32_t remaining, uint32_t minimum, uint32_t* remainingOut) {
-    const uint32_t half = remaining / 2;
-    if (half <= minimum) return minimum;
-    *remainingOut = remaining - half;
-    return half;
+Ostrel_Status Ostrel_DHCPClientSend(Ostrel_ClientObj* client, const Ostrel_ClientMessage& message) {
+    return Ostrel_DHCPClientSend_BOOTPRequest(client, message.toMAC, message.source, message.destination, message.type,
+                                              message.ciaddr, message.requested, message.server);
 }

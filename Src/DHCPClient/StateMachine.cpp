@@ -4,31 +4,59 @@
 //                                                                             BOUND, RENEWING --T2--> REBINDING
 //     RENEWING, REBINDING --DHCPACK--> BOUND        any --DHCPNAK, conflict, end of the lease--> INIT
 //
+// What is armed in each state, and what its timeout does:
+//
+//     INIT-REBOOT   -
+//     INIT          init        DISCOVER, to SELECTING; a static client: arping
+//     SELECTING     selecting   offers: REQUEST, to REQUESTING; none: longer waits, to INIT
+//     REQUESTING    requesting  the same REQUEST again; after the fifth to INIT
+//     BOUND         arping      the lease counts: it is published, and the next three are armed
+//                   renewing    REQUEST, to RENEWING
+//                   rebinding   REQUEST, to REBINDING
+//                   expiry      to INIT
+//     RENEWING      renewing (REQUEST again), rebinding, expiry
+//     REBINDING     rebinding (REQUEST again), expiry
+//     0, static     arping      the configuration is published
+//
+// And what else each event does; where nothing is said, nothing:
+//
+//     lease action "init", "renew", "rebind"   any state, to INIT
+//     lease action "halt"                      any state, to INIT-REBOOT
+//     DHCPOFFER                                SELECTING: it is stored, and the selecting period ends
+//     DHCPACK                                  REQUESTING, RENEWING, REBINDING: to BOUND, under the ARP check; a
+//                                              malformed one: stays in REQUESTING, else to INIT
+//     DHCPNAK                                  any state, to INIT
+//     ARP reply of another for the lease       any state with an address: DECLINE, to INIT
+//
+// Entering INIT, INIT-REBOOT or BOUND cancels every timeout, entering REBINDING the renewing one.
 // The lease's timers start when the ARP check has ended, and that is also the one moment at which it is published. A
 // send that comes back short ends its step where it stands: the timeout that would have followed is not armed, and the
 // next timer, lease action or reply moves the client on.
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "Ostrel/Check.h"
-#include "Ostrel/DHCPClient.h"
 #include "Ostrel/Log.h"
 #include "Ostrel/Publish.h"
-#include "Ostrel/Timeout.h"
+#include "Ostrel/System.h"
 
-#include "DHCPClient/Timeouts.h"
+#include "DHCPClient/Machine.h"
+#include "os_time.h"
 
 namespace {
 
-constexpr uint32_t kInitDelayCap = 299;      // seconds; an upper bound above it is no longer doubled
-constexpr uint32_t kRetryFloorSeconds = 60;  // RFC 2131 section 4.4.5: no retransmission sooner
+constexpr uint32_t kInitDelayCap = 299;  // seconds; an upper bound above it is no longer doubled
+constexpr uint32_t kRequestTries = 5;    // in REQUESTING, before the client starts over
 
-// Seconds after each REQUEST of REQUESTING: four retransmissions (RFC 2131 section 4.1), then back to INIT.
-constexpr std::array<uint32_t, 5> kRequestingDelays{4, 8, 16, 32, 4};
+static_assert(std::string_view(kClientTimeouts[kClientTimeoutExpiry].name).starts_with(kServiceName));
 
-bool IsStatic(const Ostrel_ClientObj* client) {
-    return (client->configMode & kOstrelConfigStatic) != 0;
+// The one door to a new state.
+void EnterState(Ostrel_ClientObj* client, Ostrel_ClientState state) {
+    DebugPrintF(kDebugLevelInfo, "[%s (%d)] DHCP Client state transition %s -> %s.\n", client->iface->ifname.data(),
+                os_monotonic_seconds(), Ostrel_ClientStateString(client->state), Ostrel_ClientStateString(state));
+    client->state = state;
 }
 
 uint32_t NewTransactionID() {
@@ -39,53 +67,62 @@ uint32_t NewTransactionID() {
     return transactionID;
 }
 
-Ostrel_Status SendRequestForOffer(Ostrel_ClientObj* client) {
-    const Ostrel_LeaseOffer* const offer = client->leaseOffers;
-    return Ostrel_DHCPClientSend_BOOTPRequest(client, kBroadcastMAC, kAnyIPv4, kBroadcastIPv4, kDHCPRequest, kAnyIPv4,
-                                              offer->address, offer->serverIdentifier);
+// The delay to the next retransmission: half of what remains, but not below `minimum`; what then remains is stored.
+uint32_t Ostrel_DHCPClientUpdateRequestRetryTime(uint32_t remaining, uint32_t minimum, uint32_t* remainingOut) {
+    const uint32_t half = remaining / 2;
+    if (half <= minimum) return minimum;
+    *remainingOut = remaining - half;
+    return half;
+}
+
+// After each REQUEST of REQUESTING, in milliseconds.
+uint32_t RequestingDelay(uint32_t retries) {
+    const Ostrel_TimeoutKind& kind = kClientTimeouts[kClientTimeoutRequesting];
+    const uint32_t doubled = kind.shortest << retries;
+    return doubled <= kind.longest ? doubled : kind.shortest;
+}
+
+// The delay to the next retransmission in milliseconds, of a period that has `remaining` seconds left: half of that,
+// which is then used up, but not less than the row's shortest.
+uint64_t TakeRetryDelay(Ostrel_ClientTimeout timeout, uint32_t& remaining) {
+    const uint32_t minimum = kClientTimeouts[timeout].shortest / 1000;
+    return uint64_t{Ostrel_DHCPClientUpdateRequestRetryTime(remaining, minimum, &remaining)} * 1000;
 }
 
 Ostrel_Status Ostrel_DHCPClientStateTransition_Selecting(Ostrel_ClientObj* client) {
-    Ostrel_DHCPClientEnterState(client, kClientStateSelecting);
-    OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientSend_BOOTPRequest(client, kBroadcastMAC, kAnyIPv4, kBroadcastIPv4,
-                                                            kDHCPDiscover, kAnyIPv4, kAnyIPv4, kAnyIPv4));
-    Ostrel_DHCPClientArm(client, kClientTimeoutSelecting, client->selectingTime);
+    EnterState(client, kClientStateSelecting);
+    OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientSend(client, Ostrel_DHCPClientDiscover()));
+    Ostrel_DHCPClientArm(client, kClientTimeoutSelecting, client->selectingTime * 1000);
     return kNoErr;
 }
 
 Ostrel_Status Ostrel_DHCPClientStateTransition_Requesting(Ostrel_ClientObj* client) {
-    Ostrel_DHCPClientEnterState(client, kClientStateRequesting);
+    EnterState(client, kClientStateRequesting);
     client->requestRetries = 0;
-    OSTREL_REQUIRE_NOERR(SendRequestForOffer(client));
-    Ostrel_DHCPClientArm(client, kClientTimeoutRequesting, kRequestingDelays[0]);
+    OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientSend(client, Ostrel_DHCPClientRequestOf(*client->leaseOffers)));
+    Ostrel_DHCPClientArm(client, kClientTimeoutRequesting, RequestingDelay(0));
     return kNoErr;
 }
 
 // Unicast to the server that granted the lease.
 Ostrel_Status Ostrel_DHCPClientStateTransition_Renewing(Ostrel_ClientObj* client) {
     Ostrel_ClientLease& lease = client->lease;
-    Ostrel_DHCPClientEnterState(client, kClientStateRenewing);
+    EnterState(client, kClientStateRenewing);
     ++client->transactionID;
-    OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientSend_BOOTPRequest(client, lease.serverMAC, lease.IPv4Address,
-                                                            lease.serverIPv4Address, kDHCPRequest, kAnyIPv4,
-                                                            lease.IPv4Address, kAnyIPv4));
-    const uint32_t delay =
-        Ostrel_DHCPClientUpdateRequestRetryTime(lease.renewRetryTime, kRetryFloorSeconds, &lease.renewRetryTime);
-    Ostrel_DHCPClientArm(client, kClientTimeoutRenewing, delay);
+    OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientSend(client, Ostrel_DHCPClientRenewalOf(lease)));
+    Ostrel_DHCPClientArm(client, kClientTimeoutRenewing, TakeRetryDelay(kClientTimeoutRenewing, lease.renewRetryTime));
     return kNoErr;
 }
 
 // Broadcast: any server may extend the lease.
 Ostrel_Status Ostrel_DHCPClientStateTransition_Rebinding(Ostrel_ClientObj* client) {
     Ostrel_ClientLease& lease = client->lease;
-    Ostrel_DHCPClientEnterState(client, kClientStateRebinding);
-    Ostrel_DHCPClientCancel(client, kClientTimeoutRenewing);
+    EnterState(client, kClientStateRebinding);
+    Ostrel_DisarmTimeout(client->iface, client, kClientTimeouts[kClientTimeoutRenewing]);
     ++client->transactionID;
-    OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientSend_BOOTPRequest(client, kBroadcastMAC, kAnyIPv4, kBroadcastIPv4,
-                                                            kDHCPRequest, kAnyIPv4, lease.IPv4Address, kAnyIPv4));
-    const uint32_t delay =
-        Ostrel_DHCPClientUpdateRequestRetryTime(lease.rebindRetryTime, kRetryFloorSeconds, &lease.rebindRetryTime);
-    Ostrel_DHCPClientArm(client, kClientTimeoutRebinding, delay);
+    OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientSend(client, Ostrel_DHCPClientRebindingOf(lease)));
+    Ostrel_DHCPClientArm(client, kClientTimeoutRebinding,
+                         TakeRetryDelay(kClientTimeoutRebinding, lease.rebindRetryTime));
     return kNoErr;
 }
 
@@ -121,19 +158,43 @@ Ostrel_ClientObj* EnterHandler(void* client, const char* handler) {
 
 }  // namespace
 
+const char* Ostrel_ClientStateString(Ostrel_ClientState state) {
+    switch (state) {
+        case kClientStateUnknown:
+            break;
+        case kClientStateInit:
+            return "INIT";
+        case kClientStateRebooting:
+            return "REBOOTING";
+        case kClientStateSelecting:
+            return "SELECTING";
+        case kClientStateRebinding:
+            return "REBINDING";
+        case kClientStateRequesting:
+            return "REQUESTING";
+        case kClientStateRenewing:
+            return "RENEWING";
+        case kClientStateBound:
+            return "BOUND";
+        case kClientStateInitReboot:
+            return "INIT-REBOOT";
+    }
+    return "UNKNOWN";
+}
+
 Ostrel_Status Ostrel_DHCPClientStateTransition_Init(Ostrel_ClientObj* client) {
-    Ostrel_DHCPClientEnterState(client, kClientStateInit);
+    EnterState(client, kClientStateInit);
     Ostrel_DHCPClientCancelAllTimeouts(client);
     Ostrel_DHCPClientResetLeaseInfo(client);
     Ostrel_DHCPClientFreeLeaseOffers(client);
     uint32_t milliseconds = 0;
     Ostrel_RandomizeTimeout(client->initDelayMin * 1000, client->initDelayMax * 1000, &milliseconds);
-    Ostrel_DHCPClientArm(client, kClientTimeoutInit, milliseconds / 1000);
+    Ostrel_DHCPClientArm(client, kClientTimeoutInit, milliseconds / 1000 * 1000);  // whole seconds
     return kNoErr;
 }
 
 Ostrel_Status Ostrel_DHCPClientStateTransition_InitReboot(Ostrel_ClientObj* client) {
-    Ostrel_DHCPClientEnterState(client, kClientStateInitReboot);
+    EnterState(client, kClientStateInitReboot);
     Ostrel_DHCPClientCancelAllTimeouts(client);
     Ostrel_DHCPClientResetLeaseInfo(client);
     Ostrel_DHCPClientFreeLeaseOffers(client);
@@ -141,18 +202,18 @@ Ostrel_Status Ostrel_DHCPClientStateTransition_InitReboot(Ostrel_ClientObj* clie
 }
 
 Ostrel_Status Ostrel_DHCPClientStateTransition_Bound(Ostrel_ClientObj* client) {
-    Ostrel_DHCPClientEnterState(client, kClientStateBound);
+    EnterState(client, kClientStateBound);
     Ostrel_DHCPClientCancelAllTimeouts(client);
     Ostrel_DHCPClientFreeLeaseOffers(client);
     OSTREL_REQUIRE_NOERR(Ostrel_ARPAsk(client->iface, kAnyIPv4, client->lease.IPv4Address));
-    Ostrel_DHCPClientArm(client, kClientTimeoutArping, kARPCheckSeconds);
+    Ostrel_DHCPClientArm(client, kClientTimeoutArping, kClientTimeouts[kClientTimeoutArping].longest);
     return kNoErr;
 }
 
 void Ostrel_DHCPClientTimeout_Init(void* context, void* /*iface*/) {
     Ostrel_ClientObj* const client = EnterHandler(context, __func__);
     client->transactionID = NewTransactionID();
-    if (IsStatic(client)) {
+    if (Ostrel_DHCPClientIsStatic(client)) {
         Ostrel_DHCPClientArm(client, kClientTimeoutArping, 0);
         return;
     }
@@ -172,22 +233,18 @@ void Ostrel_DHCPClientTimeout_Selecting(void* context, void* /*iface*/) {
     Ostrel_DHCPClientStateTransition_Init(client);
 }
 
-void Ostrel_DHCPClientEndSelecting(Ostrel_ClientObj* client) {
-    Ostrel_DHCPClientRearm(client, kClientTimeoutSelecting, 0);
-}
-
 void Ostrel_DHCPClientTimeout_Requesting(void* context, void* /*iface*/) {
     Ostrel_ClientObj* const client = EnterHandler(context, __func__);
-    if (++client->requestRetries >= kRequestingDelays.size()) {
+    if (++client->requestRetries >= kRequestTries) {
         Ostrel_DHCPClientStateTransition_Init(client);
         return;
     }
-    const Ostrel_Status status = SendRequestForOffer(client);
+    const Ostrel_Status status = Ostrel_DHCPClientSend(client, Ostrel_DHCPClientRequestOf(*client->leaseOffers));
     if (status != kNoErr) {
         OSTREL_REPORT_STATUS(status);
         return;
     }
-    Ostrel_DHCPClientArm(client, kClientTimeoutRequesting, kRequestingDelays[client->requestRetries]);
+    Ostrel_DHCPClientArm(client, kClientTimeoutRequesting, RequestingDelay(client->requestRetries));
 }
 
 void Ostrel_DHCPClientTimeout_Bound(void* context, void* /*iface*/) {
@@ -196,10 +253,10 @@ void Ostrel_DHCPClientTimeout_Bound(void* context, void* /*iface*/) {
     LogAcceptedLease(client);
     const Ostrel_Status status = Ostrel_VoroServicePublishClientLeaseInformation(client->iface->sysObj, client);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
-    if (IsStatic(client) || lease.leaseTime == kInfiniteLease) return;
-    Ostrel_DHCPClientArm(client, kClientTimeoutRenewing, lease.renewalTime);
-    Ostrel_DHCPClientArm(client, kClientTimeoutRebinding, lease.rebindingTime);
-    Ostrel_DHCPClientArm(client, kClientTimeoutExpiry, lease.leaseTime);
+    if (Ostrel_DHCPClientIsStatic(client) || lease.leaseTime == kInfiniteLease) return;
+    Ostrel_DHCPClientArm(client, kClientTimeoutRenewing, uint64_t{lease.renewalTime} * 1000);
+    Ostrel_DHCPClientArm(client, kClientTimeoutRebinding, uint64_t{lease.rebindingTime} * 1000);
+    Ostrel_DHCPClientArm(client, kClientTimeoutExpiry, uint64_t{lease.leaseTime} * 1000);
 }
 
 void Ostrel_DHCPClientTimeout_Renewing(void* context, void* /*iface*/) {

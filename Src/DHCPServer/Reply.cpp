@@ -25,7 +25,7 @@ constexpr size_t kEndOptionSize = 1;
 // The payload that still fits a frame: of the interface's MTU, and of txFrame.
 size_t PayloadLimit(const Ostrel_ServerObj* server) {
     constexpr size_t kPacketHeaders = sizeof(Ostrel_IPv4Header) + sizeof(Ostrel_UDPHeader);
-    const size_t mtu = l2_packet_get_mtu(server->packetFilter.l2);
+    const size_t mtu = l2_packet_get_mtu(server->packetFilter.l2.get());
     return std::min(mtu - std::min(mtu, kPacketHeaders), kTransmitBufferSize - kFrameHeaderSize);
 }
 

@@ -85,9 +85,3 @@ const char* Ostrel_DHCPMsgTypeString(uint8_t messageType) {
         "DHCPLEASEUNKNOWN", "DHCPLEASEACTIVE"};
     return messageType < kNames.size() ? kNames[messageType] : kNames[0];
 }
-
-const char* Ostrel_ClientStateString(int32_t state) {
-    static constexpr std::array<const char*, 9> kNames{"UNKNOWN",    "INIT",     "REBOOTING", "SELECTING",  "REBINDING",
-                                                       "REQUESTING", "RENEWING", "BOUND",     "INIT-REBOOT"};
-    return state >= 0 && static_cast<size_t>(state) < kNames.size() ? kNames[static_cast<size_t>(state)] : kNames[0];
-}

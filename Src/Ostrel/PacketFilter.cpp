@@ -59,27 +59,25 @@ std::array<l2_filter_instruction, 11> gBPF_DHCP{{
 Ostrel_Status Ostrel_PacketFilterInitialize(Ostrel_InterfaceObj* iface, Ostrel_PacketFilter* filter,
                                             std::span<const l2_filter_instruction> program,
                                             Ostrel_PacketCallback callback, int32_t logLevel) {
-    filter->l2 = l2_packet_init(iface->ifname.data(), nullptr, kAllEtherTypes, callback, iface, kWithLinkLayerHeader);
+    filter->l2.reset(
+        l2_packet_init(iface->ifname.data(), nullptr, kAllEtherTypes, callback, iface, kWithLinkLayerHeader));
     OSTREL_REQUIRE(filter->l2 != nullptr, "inPacketFilter->l2", kOutOfMemoryErr);
 
     filter->bpfLength = static_cast<uint32_t>(program.size_bytes());
     filter->bpf = os_copy_array<l2_filter_instruction>(program);
     OSTREL_REQUIRE(filter->bpf != nullptr, "inPacketFilter->bpf", kOutOfMemoryErr);
 
-    const int err = l2_packet_install_filter(filter->l2, {filter->bpf.get(), program.size()});
+    const int err = l2_packet_install_filter(filter->l2.get(), {filter->bpf.get(), program.size()});
     OSTREL_REQUIRE(err >= 0, "( err >= 0 )", kBadParamErr);
 
-    (void)l2_packet_get_own_addr(filter->l2, iface->macAddr);
+    (void)l2_packet_get_own_addr(filter->l2.get(), iface->macAddr);
     DebugPrintF(logLevel, "Installed packet filter callback <%p> on interface %s <%.6a>\n", callback,
                 iface->ifname.data(), iface->macAddr);
     return kNoErr;
 }
 
 void Ostrel_PacketFilterFinalize(Ostrel_PacketFilter* filter) {
-    l2_packet_deinit(filter->l2);
-    filter->l2 = nullptr;
-    filter->bpf.reset();
-    filter->bpfLength = 0;
+    *filter = {};
 }
 
 Ostrel_Status Ostrel_BOOTPPacketFilterInitialize(Ostrel_InterfaceObj* iface, Ostrel_PacketFilter* filter,
@@ -90,6 +88,6 @@ Ostrel_Status Ostrel_BOOTPPacketFilterInitialize(Ostrel_InterfaceObj* iface, Ost
 }
 
 bool Ostrel_SendIsCutShort(Ostrel_InterfaceObj* iface, const Ostrel_PacketFilter* filter) {
-    const int sent = l2_packet_send(filter->l2, nullptr, 0, wpabuf_bytes(iface->txFrame));
+    const int sent = l2_packet_send(filter->l2.get(), nullptr, 0, wpabuf_bytes(iface->txFrame));
     return sent >= 0 && static_cast<size_t>(sent) < wpabuf_len(iface->txFrame);
 }

@@ -32,7 +32,37 @@ int Cancel(Ostrel_InterfaceObj* iface, void* role, eloop_timeout_handler handler
     return eloop_cancel_timeout(handler, role, iface);
 }
 
+// The event loop counts a delay in signed seconds and what is left over.
+struct LoopDelay {
+    int32_t seconds;
+    int32_t milliseconds;
+};
+
+LoopDelay LoopDelayOf(uint64_t milliseconds) {
+    return {static_cast<int32_t>(std::min<uint64_t>(milliseconds / 1000, kEloopMaxSeconds)),
+            static_cast<int32_t>(milliseconds % 1000)};
+}
+
 }  // namespace
+
+void Ostrel_ArmTimeout(Ostrel_InterfaceObj* iface, void* role, const Ostrel_TimeoutKind& kind, uint64_t milliseconds) {
+    const LoopDelay delay = LoopDelayOf(milliseconds);
+    Ostrel_SetTimeout(iface, role, delay.seconds, delay.milliseconds, kind.handler, kind.name, kind.rtc);
+}
+
+void Ostrel_RearmTimeout(Ostrel_InterfaceObj* iface, void* role, const Ostrel_TimeoutKind& kind,
+                         uint64_t milliseconds) {
+    const LoopDelay delay = LoopDelayOf(milliseconds);
+    Ostrel_ResetTimeout(iface, role, delay.seconds, delay.milliseconds, kind.handler, kind.name, kind.rtc);
+}
+
+void Ostrel_DisarmTimeout(Ostrel_InterfaceObj* iface, void* role, const Ostrel_TimeoutKind& kind) {
+    Ostrel_CancelTimeout(iface, role, kind.handler, kind.name, kind.rtc);
+}
+
+void Ostrel_DisarmTimeouts(Ostrel_InterfaceObj* iface, void* role, std::span<const Ostrel_TimeoutKind> kinds) {
+    for (const Ostrel_TimeoutKind& kind : kinds) Ostrel_DisarmTimeout(iface, role, kind);
+}
 
 void Ostrel_SetTimeout(Ostrel_InterfaceObj* iface, void* role, int32_t seconds, int32_t milliseconds,
                        eloop_timeout_handler handler, const char* name, bool rtc) {
