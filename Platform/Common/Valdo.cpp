@@ -18,6 +18,8 @@
 #include <utility>
 #include <vector>
 
+#include "BusText.h"
+
 namespace valdo {
 namespace {
 
@@ -398,6 +400,7 @@ bool JGenerator::toString(const JValue& value, const JSchemaFragment& schema, st
     try {
         text =
             value.node == nullptr ? "null" : ToJson(value.node)->dump(-1, ' ', false, Json::error_handler_t::replace);
+        ReplaceNoncharacters(text);
         return true;
     } catch (...) {
         return false;

@@ -4,8 +4,9 @@
 // keeps the whole document alive and may be read as long as the document is not changed; put and append never
 // make one document share with another.
 //
-// Text that came from the network may be any bytes: what is not UTF-8 is written as U+FFFD, so every serialised
-// document is valid JSON.
+// Text that came from the network may be any bytes: what is not UTF-8, and what is one of Unicode's noncharacters, is
+// written as U+FFFD, so every serialised document is valid JSON and fit for the bus. This is the one place where
+// foreign text becomes so.
 #pragma once
 
 #include <cstddef>

@@ -1,6 +1,7 @@
 // JSON values: what hostile text may do, what conversions give, and who shares what.
 #include <gtest/gtest.h>
 
+#include "BusText.h"
 #include "valdo.h"
 
 namespace {
@@ -56,6 +57,38 @@ TEST(Valdo, OneWholeDocumentIsRead) {
                                    std::string(64 * 1024, '[')};
     for (const std::string& text : refused) EXPECT_EQ(Parsed(text), "refused") << text.substr(0, 80);
     EXPECT_FALSE(valdo::JDomParser().parse("{}", valdo::JSchemaFragment(R"({"type":"object"})")));
+}
+
+// UTF-8 by the book, surrogates too.
+std::string Encoded(uint32_t character) {
+    const auto tail = [character](unsigned shift) { return static_cast<char>(0x80 | (character >> shift & 0x3F)); };
+    if (character < 0x80) return {static_cast<char>(character)};
+    if (character < 0x800) return {static_cast<char>(0xC0 | character >> 6), tail(0)};
+    if (character < 0x10000) return {static_cast<char>(0xE0 | character >> 12), tail(6), tail(0)};
+    return {static_cast<char>(0xF0 | character >> 18), tail(12), tail(6), tail(0)};
+}
+
+TEST(Valdo, WhatItWritesIsFitForTheBus) {
+    const std::pair<std::string_view, std::string_view> cases[] = {
+        {"a\xEF\xBF\xBF", "\"a\uFFFD\""},
+        {"\xEF\xBF\xBE\xEF\xB7\x90z", "\"\uFFFD\uFFFDz\""},
+        {"\xEF\xB7\x8F\xEF\xB7\xB0", "\"\uFDCF\uFDF0\""},  // on either side of the range
+        {"x\xF0\x9F\xBF\xBEy\xF4\x8F\xBF\xBF\xF0\x9F\x98\x80", "\"x\uFFFDy\uFFFD\U0001F600\""},
+        {"\xEF\xBF", "\"\uFFFD\""},
+        {"\xEF\xBF\xBF\xFF", "\"\uFFFD\uFFFD\""},
+    };
+    for (const auto& [bytes, text] : cases) EXPECT_EQ(Text(JValue(bytes)), text);
+    EXPECT_EQ(Parsed("{\"\\uffff\":\"\\udbff\\udffe\"}"), "{\"\uFFFD\":\"\uFFFD\"}");
+
+    for (uint32_t character = 1; character <= 0x10FFFF; ++character) {
+        const std::string sequence = Encoded(character);
+        const bool isSurrogate = character >= 0xD800 && character < 0xE000;
+        const bool isNoncharacter = (character >= 0xFDD0 && character < 0xFDF0) || (character & 0xFFFF) >= 0xFFFE;
+        ASSERT_EQ(IsFitForBus(sequence), !isSurrogate && !isNoncharacter) << std::hex << character;
+        std::string mended = sequence;
+        if (!isSurrogate) ReplaceNoncharacters(mended);
+        ASSERT_EQ(mended, isNoncharacter ? "\uFFFD" : sequence) << std::hex << character;
+    }
 }
 
 TEST(Valdo, NumbersFit32BitsOrFail) {
