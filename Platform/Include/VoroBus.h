@@ -8,6 +8,13 @@
 // ends all of the caller's under that category and method, and so does the caller's leaving the bus: the cancel
 // function then runs once for each enrolled call.
 //
+// A post tells the state of a subject, an interface by its name: VSSubscriptionPost says that it has changed. A
+// subscriber that keeps up is sent the state after every change, in order. One that doesn't is sent the last state, as
+// soon as it has taken some of what it was sent before; so the state is asked for when it is sent, perhaps later, and
+// not at all when nobody takes it. One that takes nothing for a minute is no longer enrolled, as if it had left.
+//
+// A caller that doesn't read the replies to its calls has further ones refused by the platform.
+//
 // Every fallible call returns false with `error` filled; it must have been initialised, and is emptied with
 // VSErrorFree.
 #pragma once
@@ -15,6 +22,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 struct VSHandle;   // the registered service; owned by the platform from VSRegister to VSUnregister
 struct VSMessage;  // one call; valid only while its handler or cancel function runs
@@ -22,6 +30,7 @@ struct _GMainLoop;
 
 constexpr size_t kVSMaxPayload = size_t{64} * 1024;  // bytes; a longer request is refused before anything parses it
 constexpr size_t kVSMaxEnrolled = 64;                // enrolled calls of one caller
+constexpr size_t kVSMaxSubscribers = 112;            // enrolled callers
 
 struct VSError {
     int32_t code;  // 0: no error; otherwise an errno value
@@ -47,6 +56,10 @@ struct VSSignal {
     const char* name;
     uint32_t flags;
 };
+
+// Writes the state of `subject` as it is now, the text of a post; an empty one when there is nothing to tell, because
+// the subject is gone, for instance. `data` is the category's. False when memory is out.
+using VSStateFunction = bool (*)(void* data, const char* subject, std::string* text);
 
 struct VSProperty {
     const char* name;
@@ -75,16 +88,19 @@ void VSErrorFree(VSError* error) noexcept;
 [[nodiscard]] const char* VSMessageGetPayload(VSMessage* message) noexcept;
 [[nodiscard]] const char* VSMessageGetMethod(VSMessage* message) noexcept;
 
-// Answers the call; `payload` is copied and must be UTF-8.
+// Answers the call; `payload` is copied and must be UTF-8 without noncharacters, as valdo writes it. A caller whose
+// call gets no answer in the end is not left enrolled by it.
 [[nodiscard]] bool VSMessageReply(VSHandle* handle, VSMessage* message, const char* payload, VSError* error) noexcept;
 
-// Carries out the request's subscription wish; `subscribed` tells whether this call was enrolled.
+// Carries out the request's subscription wish; `subscribed` tells whether this call was enrolled. Not enrolled is a
+// caller that has enough, and one more caller than the platform can look after.
 [[nodiscard]] bool VSSubscriptionProcess(VSHandle* handle, VSMessage* message, bool* subscribed,
                                          VSError* error) noexcept;
 
-// Sends `payload` to each subscriber of category and method, once however often it enrolled. True without subscribers.
-[[nodiscard]] bool VSSubscriptionPost(VSHandle* handle, const char* category, const char* method, const char* payload,
-                                      VSError* error) noexcept;
+// Lets each subscriber of category and method know of the new state of `subject`, once however often it enrolled: now
+// when there is room, later otherwise. `state` must stay callable until VSUnregister. True without subscribers.
+[[nodiscard]] bool VSSubscriptionPost(VSHandle* handle, const char* category, const char* method, const char* subject,
+                                      VSStateFunction state, VSError* error) noexcept;
 
 // True when a post under category and method would reach someone.
 [[nodiscard]] bool VSSubscriptionHasSubscribers(const VSHandle* handle, const char* category,

@@ -48,34 +48,34 @@ int ProcessUntil(sd_bus* bus, Clock::time_point deadline, Condition done) {
     return 0;
 }
 
-bool TakeName(VSHandle* handle, Clock::time_point deadline, VSError* error) {
-    sd_bus* bus = handle->bus.get();
+bool TakeName(SdBusConnection& connection, Clock::time_point deadline, VSError* error) {
+    sd_bus* bus = connection.bus.get();
     const uint64_t left = MicrosecondsUntil(deadline);
     if (left == 0) return BusFail(error, ETIMEDOUT, "the bus daemon does not answer");
     (void)sd_bus_set_method_call_timeout(bus, left);
-    const int requested = sd_bus_request_name(bus, handle->serviceName.c_str(), 0);
+    const int requested = sd_bus_request_name(bus, connection.serviceName.c_str(), 0);
     (void)sd_bus_set_method_call_timeout(bus, kCallTimeout);
     if (requested == -EEXIST) return BusFail(error, requested, "another process owns the service's name");
     if (requested < 0) return BusFail(error, requested, "the bus refuses the service's name");
-    handle->nameTaken = true;
+    connection.nameTaken = true;
     return true;
 }
 
 // Gives the name back and lets the bus daemon read what was sent. Calls that arrive meanwhile find no object and are
 // answered so; callers after them get a daemon started anew.
-int Leave(VSHandle* handle) {
-    sd_bus* bus = handle->bus.get();
-    handle->cancelFunction = nullptr;
-    for (const auto& category : handle->categories) category->object.reset();
-    bool released = !handle->nameTaken;
+int Leave(SdBusConnection& connection) {
+    sd_bus* bus = connection.bus.get();
+    connection.objects.clear();
+    bool released = !connection.nameTaken;
     BusSlot slot;
-    if (handle->nameTaken) {
+    if (connection.nameTaken) {
         sd_bus_slot* request = nullptr;
         const auto onReleased = [](sd_bus_message*, void* context, sd_bus_error*) {
             *static_cast<bool*>(context) = true;
             return 0;
         };
-        const int sent = sd_bus_release_name_async(bus, &request, handle->serviceName.c_str(), onReleased, &released);
+        const int sent =
+            sd_bus_release_name_async(bus, &request, connection.serviceName.c_str(), onReleased, &released);
         if (sent < 0) return sent;
         slot.reset(request);
     }
@@ -88,35 +88,14 @@ int Leave(VSHandle* handle) {
 
 }  // namespace
 
-bool BusFail(VSError* error, int code, const char* what, const char* file, int line, const char* function) noexcept {
-    if (error == nullptr) return false;
-    const int positive = std::abs(code);
-    error->code = positive;
-    (void)snprintf(error->message.data(), error->message.size(), "%s: %s", what, strerror(positive));
-    error->file = file;
-    error->line = line;
-    error->function = function;
-    return false;
-}
-
-void VSErrorInit(VSError* error) noexcept {
-    if (error != nullptr) *error = VSError{0, {}, "", 0, ""};
-}
-
-void VSErrorFree(VSError* error) noexcept {
-    VSErrorInit(error);
-}
-
 bool VSRegister(const char* serviceName, VSHandle** handle, VSError* error) noexcept {
     if (sd_bus_service_name_is_valid(serviceName) <= 0) return BusFail(error, EINVAL, "not a service name");
     try {
         sd_bus* bus = nullptr;
         const int opened = sd_bus_open_system(&bus);
         if (opened < 0) return BusFail(error, opened, "the bus cannot be reached");
-        auto created = std::make_unique<VSHandle>();
-        created->bus.reset(bus);
-        created->serviceName = serviceName;
-        *handle = created.release();
+        auto connection = std::make_unique<SdBusConnection>(BusPointer(bus), serviceName);
+        *handle = std::make_unique<VSHandle>(std::move(connection)).release();
         return true;
     } catch (...) {
         return BusFail(error, ENOMEM, "no memory for the bus connection");
@@ -125,23 +104,26 @@ bool VSRegister(const char* serviceName, VSHandle** handle, VSError* error) noex
 
 bool VSGmainAttach(VSHandle* handle, _GMainLoop* loop, VSError* error) noexcept {
     if (handle == nullptr || loop == nullptr) return BusFail(error, EINVAL, "nothing to attach");
-    if (handle->source != nullptr) return BusFail(error, EALREADY, "the bus is attached");
+    SdBusConnection& connection = BusOf(handle);
+    if (connection.source != nullptr) return BusFail(error, EALREADY, "the bus is attached");
     const auto deadline = Clock::now() + kAttachTime;
-    sd_bus* bus = handle->bus.get();
+    sd_bus* bus = connection.bus.get();
     const int ready = ProcessUntil(bus, deadline, [bus] { return sd_bus_is_ready(bus) > 0; });
     if (ready < 0) return BusFail(error, ready, "the bus daemon does not let us in");
-    if (!TakeName(handle, deadline, error)) return false;
-    handle->source = BusSourceAttach(handle, g_main_loop_get_context(loop));
+    if (!TakeName(connection, deadline, error)) return false;
+    connection.source = BusSourceAttach(handle, g_main_loop_get_context(loop));
     return true;
 }
 
 bool VSUnregister(VSHandle* handle, VSError* error) noexcept {
     if (handle == nullptr) return BusFail(error, EINVAL, "the service is not registered");
     const std::unique_ptr<VSHandle> owner(handle);
-    BusSourceDestroy(handle->source);
-    const bool open = !handle->lost && sd_bus_is_open(handle->bus.get()) > 0;
-    const int left = open ? Leave(handle) : -ECONNRESET;
-    sd_bus_close(handle->bus.get());
+    SdBusConnection& connection = BusOf(handle);
+    BusSourceDestroy(connection.source);
+    handle->cancelFunction = nullptr;
+    const bool open = !connection.lost && sd_bus_is_open(connection.bus.get()) > 0;
+    const int left = open ? Leave(connection) : -ECONNRESET;
+    sd_bus_close(connection.bus.get());
     if (left >= 0 || left == -ETIMEDOUT) return true;
     return BusFail(error, left, "the bus connection was lost");
 }

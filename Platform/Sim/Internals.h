@@ -6,6 +6,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <set>
 #include <span>
 #include <string>
 #include <string_view>
@@ -78,6 +79,14 @@ struct EventLoop {
     Duration wakeTime{0};             // its moment
 };
 
+// A peer on the bus that does not read.
+struct StoppedReader {
+    std::string name;
+    std::vector<Post> posts;  // unread
+    size_t bytes;             // of posts and replies
+    bool isAsked;             // by a Ping
+};
+
 struct TracedFrame {
     Duration time;
     std::shared_ptr<const Frame> frame;
@@ -103,11 +112,15 @@ struct sim::World::State {
 
     std::shared_ptr<VSHandle> bus;  // shared only so that its record may stay private to Bus.cpp
 
+    std::vector<StoppedReader> stopped;
+    std::set<std::string> left;  // names that are on the bus no more
+
     size_t blocksBefore = 0;  // live when the world began
     std::deque<TracedFrame> recentFrames;
     uint64_t traceHash = 0xCBF29CE484222325;  // FNV-1a
     std::string trace;
 
+    [[nodiscard]] StoppedReader* FindStopped(std::string_view name);
     [[nodiscard]] Interface* FindInterface(std::string_view ifname) const;
     void TraceFrame(const std::shared_ptr<const Frame>& frame, bool inWords);
     void TraceText(std::string_view what, std::string_view text, bool inWords);

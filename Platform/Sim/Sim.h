@@ -133,15 +133,21 @@ public:
     [[nodiscard]] size_t PendingTimeouts() const;  // timeouts and alarms
     [[nodiscard]] size_t OpenSockets() const;
 
-    // Bus. Call runs the method at once and returns its reply; without one, "" and a failure. A request that the bus
-    // itself refuses for its size gives "" and the error's name in `callError`, which is empty otherwise.
+    // Bus. Call runs the method at once and returns its reply; without one, "" and the name of the error that the
+    // caller gets instead in `callError`, which is empty otherwise.
     std::string Call(std::string_view category, std::string_view method, std::string_view payload,
                      std::string_view caller = ":1.1");
     void LeaveBus(std::string_view caller);  // its subscriptions are cancelled
     void LoseBus();                          // the connection breaks
+    // From here on `caller` takes nothing that it is sent, until it reads again or leaves.
+    void StopReading(std::string_view caller);
+    void ReadAgain(std::string_view caller);
+    [[nodiscard]] size_t UnreadBytes(std::string_view caller) const;  // sent to one that does not read
+    [[nodiscard]] size_t BusAccounts() const;  // callers and subscribers that the service remembers
     std::string callError;
-    std::vector<Post> posts;
-    bool nameTaken = false;  // registration fails
+    std::vector<Post> posts;  // as read
+    bool busCounts = true;    // the bus tells what waits in it for a peer
+    bool nameTaken = false;   // registration fails
     bool failPosts = false;
     bool failReplies = false;
 

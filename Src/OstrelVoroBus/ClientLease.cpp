@@ -44,6 +44,16 @@ void FillList(Ostrel_SystemObj* sysObj, Ostrel_InterfaceObj* selected, JValue& l
     Ostrel_VoroServiceCreateClientLeaseInformationArray(sysObj, client, list);
 }
 
+// The post of an interface's leases, as they are when it is sent.
+bool WriteState(void* context, const char* ifname, std::string* text) {
+    auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
+    const Ostrel_InterfaceObj* iface = Ostrel_VSUtil_FindInterface(sysObj, ifname);
+    if (iface == nullptr || iface->dhcpClient == nullptr) return true;  // gone meanwhile
+    JValue array = valdo::Array();
+    Ostrel_VoroServiceCreateClientLeaseInformationArray(sysObj, iface->dhcpClient, array);
+    return Ostrel_VSUtil_WritePost("interfaceList", std::move(array), text);
+}
+
 }  // namespace
 
 Ostrel_Status Ostrel_VoroServiceCreateClientLeaseInformationObject(Ostrel_SystemObj* /*sysObj*/,
@@ -74,8 +84,5 @@ bool Ostrel_VoroMethod_ClientLeaseInformation(VSHandle* handle, VSMessage* messa
 }
 
 Ostrel_Status Ostrel_VoroServicePublishClientLeaseInformation(Ostrel_SystemObj* sysObj, Ostrel_ClientObj* client) {
-    if (!Ostrel_VSUtil_IsAnyoneListening(sysObj, "/client")) return kNoErr;
-    JValue array = valdo::Array();
-    Ostrel_VoroServiceCreateClientLeaseInformationArray(sysObj, client, array);
-    return Ostrel_VSUtil_PostLeases(__func__, sysObj, "/client", "interfaceList", std::move(array));
+    return Ostrel_VSUtil_PostLeases(__func__, sysObj, "/client", client->iface->ifname.data(), WriteState);
 }

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "Ostrel/Check.h"
+#include "Ostrel/Interface.h"
 #include "Ostrel/Log.h"
 #include "Ostrel/OstrelVoroBus.h"
 #include "Ostrel/System.h"
@@ -65,20 +66,23 @@ void Ostrel_VSUtil_AnswerWithList(const Ostrel_ListMethod& method, VSHandle* han
 }
 
 Ostrel_Status Ostrel_VSUtil_PostLeases(const char* function, Ostrel_SystemObj* sysObj, const char* category,
-                                       const char* key, JValue list) {
-    JValue post = valdo::Object();
-    post.put("returnValue", true);
-    post.put(key, std::move(list));
-
+                                       const char* ifname, VSStateFunction state) {
+    if (sysObj->serviceHandle == nullptr) return kNoErr;
     VSError error;
     VSErrorInit(&error);
-    std::string text;
-    const bool success = valdo::JGenerator::toString(post, valdo::JSchemaFragment("{}"), text) &&
-                         VSSubscriptionPost(sysObj->serviceHandle, category, kLeaseMethod, text.c_str(), &error);
+    const bool success = VSSubscriptionPost(sysObj->serviceHandle, category, kLeaseMethod, ifname, state, &error);
     return success ? kNoErr : Ostrel_VSUtil_BusFailure(function, __LINE__, &error);
 }
 
-bool Ostrel_VSUtil_IsAnyoneListening(const Ostrel_SystemObj* sysObj, const char* category) {
-    return sysObj->serviceHandle != nullptr &&
-           VSSubscriptionHasSubscribers(sysObj->serviceHandle, category, kLeaseMethod);
+bool Ostrel_VSUtil_WritePost(const char* key, JValue list, std::string* text) {
+    JValue post = valdo::Object();
+    post.put("returnValue", true);
+    post.put(key, std::move(list));
+    return valdo::JGenerator::toString(post, valdo::JSchemaFragment("{}"), *text);
+}
+
+Ostrel_InterfaceObj* Ostrel_VSUtil_FindInterface(const Ostrel_SystemObj* sysObj, std::string_view ifname) {
+    Ostrel_InterfaceObj* iface = sysObj->interfaceList;
+    while (iface != nullptr && ifname != iface->ifname.data()) iface = iface->next;
+    return iface;
 }

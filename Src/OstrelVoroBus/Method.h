@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 #include "Ostrel/OstrelJsonUtils.h"
 #include "Ostrel/Status.h"
@@ -35,13 +37,17 @@ struct Ostrel_ListMethod {
 };
 void Ostrel_VSUtil_AnswerWithList(const Ostrel_ListMethod& method, VSHandle* handle, VSMessage* message, void* context);
 
-// Posts {"returnValue": true, <key>: <list>} to the subscribers of the category's "leaseInformation". kGenericErr when
-// the bus refuses, reported under `function`.
+// Tells the subscribers of the category's "leaseInformation" that the leases of an interface have changed. `state`
+// writes the post when one is sent; the category's data is the system object. kGenericErr when the bus
+// refuses, reported under `function`.
 [[nodiscard]] Ostrel_Status Ostrel_VSUtil_PostLeases(const char* function, Ostrel_SystemObj* sysObj,
-                                                     const char* category, const char* key, valdo::JValue list);
+                                                     const char* category, const char* ifname, VSStateFunction state);
 
-// Whether such a post would reach someone: without subscribers nothing is built.
-[[nodiscard]] bool Ostrel_VSUtil_IsAnyoneListening(const Ostrel_SystemObj* sysObj, const char* category);
+// Writes {"returnValue": true, <key>: <list>}, the text of a post. False when memory is out.
+[[nodiscard]] bool Ostrel_VSUtil_WritePost(const char* key, valdo::JValue list, std::string* text);
+
+// The managed interface of that name, or null: it may be gone when its state is asked for.
+[[nodiscard]] Ostrel_InterfaceObj* Ostrel_VSUtil_FindInterface(const Ostrel_SystemObj* sysObj, std::string_view ifname);
 
 // What is left to do when the bus refuses something: reports it under the function's name, logs and releases the error,
 // and returns kGenericErr.

@@ -49,6 +49,16 @@ void FillList(Ostrel_SystemObj* sysObj, Ostrel_InterfaceObj* selected, JValue& l
     Ostrel_VoroServiceCreateServerLeaseInformationArray(sysObj, server, list);
 }
 
+// The post of an interface's leases, as they are when it is sent.
+bool WriteState(void* context, const char* ifname, std::string* text) {
+    auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
+    const Ostrel_InterfaceObj* iface = Ostrel_VSUtil_FindInterface(sysObj, ifname);
+    if (iface == nullptr || iface->dhcpServer == nullptr) return true;  // gone meanwhile
+    JValue array = valdo::Array();
+    Ostrel_VoroServiceCreateServerLeaseInformationArray(sysObj, iface->dhcpServer, array);
+    return Ostrel_VSUtil_WritePost("leases", std::move(array), text);
+}
+
 }  // namespace
 
 Ostrel_Status Ostrel_VoroServiceCreateServerLeaseInformationObject(Ostrel_SystemObj* /*sysObj*/,
@@ -81,8 +91,5 @@ bool Ostrel_VoroMethod_ServerLeaseInformation(VSHandle* handle, VSMessage* messa
 }
 
 Ostrel_Status Ostrel_VoroServicePublishServerLeaseInformation(Ostrel_SystemObj* sysObj, Ostrel_ServerObj* server) {
-    if (!Ostrel_VSUtil_IsAnyoneListening(sysObj, "/server")) return kNoErr;
-    JValue array = valdo::Array();
-    Ostrel_VoroServiceCreateServerLeaseInformationArray(sysObj, server, array);
-    return Ostrel_VSUtil_PostLeases(__func__, sysObj, "/server", "leases", std::move(array));
+    return Ostrel_VSUtil_PostLeases(__func__, sysObj, "/server", server->iface->ifname.data(), WriteState);
 }

@@ -1,9 +1,40 @@
-// A request from the bus: the first byte picks the method, the rest is the payload. "eth0" is a client, "eth1" is free.
+// A request from the bus: the low bits of the first byte pick the method, the rest is the payload. "eth0" is a static
+// client, "eth1" is free. The high bits have the caller subscribe first, stop reading, and read again.
 //
 // The daemon answers with an object whatever it was sent, and the interface that a request made goes away again whole.
+// Whoever reads has the last state in the end; whoever doesn't, costs no more than the bus's bounds.
 
 #include "FuzzDevice.h"
 #include "valdo.h"
+
+namespace {
+
+using sim::FuzzDevice;
+
+constexpr uint8_t kFlagSubscribes = 0x10;
+constexpr uint8_t kFlagStops = 0x20;
+constexpr uint8_t kFlagReadsAgain = 0x40;
+constexpr size_t kNews = 50;  // more than are let through to somebody who doesn't read
+constexpr size_t kMaxUnread = 64;
+constexpr char kCaller[] = ":1.1";
+
+// A static client posts its configuration at each action.
+void MakeNews(FuzzDevice& device) {
+    for (size_t i = 0; i < kNews; ++i) {
+        (void)device.world.Call("/client", "leaseAction", R"({"interface":"eth0","leaseAction":"init"})", ":1.2");
+        device.world.RunFor(std::chrono::seconds(1));
+    }
+}
+
+void CheckPosts(const FuzzDevice& device, uint8_t flags) {
+    const auto& posts = device.world.posts;
+    const bool reads = (flags & kFlagStops) == 0 || (flags & kFlagReadsAgain) != 0;
+    device.Check(reads || device.world.UnreadBytes(kCaller) < kMaxUnread * 1024, "too much for one who doesn't read");
+    if ((flags & kFlagSubscribes) == 0 || !reads) return;
+    device.Check(!posts.empty() && posts.back().payload.find("192.0.2.5") != std::string::npos, "no last state");
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     constexpr std::pair<const char*, const char*> kMethods[] = {
@@ -11,18 +42,26 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         {"/client", "leaseAction"},   {"/", "interfaceFinalize"},      {"/", "setDebugLevel"},
         {"/", "interfaceConfigDump"},
     };
-    static sim::FuzzDevice device;
+    static FuzzDevice device;
     if (size == 0) return 0;
     device.Run(sim::FuzzConfig(kOstrelModeDHCPClient, kOstrelConfigStatic), [&](Ostrel_InterfaceObj&) {
-        const auto& [category, method] = kMethods[data[0] % std::size(kMethods)];
+        const uint8_t flags = data[0];
+        if ((flags & kFlagSubscribes) != 0)
+            (void)device.world.Call("/client", "leaseInformation", R"({"subscribe":true})", kCaller);
+        if ((flags & kFlagStops) != 0) device.world.StopReading(kCaller);
+        if ((flags & kFlagSubscribes) != 0) MakeNews(device);
+
+        const auto& [category, method] = kMethods[(flags & 0x0F) % std::size(kMethods)];
         const std::string payload(data + 1, data + size);
-        const std::string reply = device.world.Call(category, method, payload);
+        const std::string reply = device.world.Call(category, method, payload, kCaller);
         valdo::JDomParser parser;
         const bool isObject = parser.parse(reply, valdo::JSchemaFragment("{}")) && parser.getDom().isObject();
         device.Check(isObject || !device.world.callError.empty(), "no answer: " + reply);
+        if ((flags & kFlagReadsAgain) != 0) device.world.ReadAgain(kCaller);
         device.world.RunFor(std::chrono::seconds(10));
         (void)device.world.Call("/", "interfaceConfigDump", "{}");
-        device.world.LeaveBus(":1.1");
+        CheckPosts(device, flags);
+        device.world.LeaveBus(kCaller);
     });
     return 0;
 }

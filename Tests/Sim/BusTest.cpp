@@ -135,8 +135,12 @@ TEST_F(Bus, ARefusedRequestChangesNothing) {
     };
     const std::string deep = std::string(10'000, '[') + std::string(10'000, ']');
     for (const auto& [category, method, reply] : methods)
-        for (const std::string& payload : Texts{"[]", "42", "null", "\"{}\"", "", "{", "{}x", "\xFF", deep})
+        for (const std::string& payload : Texts{"[]", "42", "null", "\"{}\"", "", "{", "{}x", deep})
             EXPECT_EQ(world.Call(category, method, payload), reply) << method << " " << payload.substr(0, 20);
+    for (const char* payload : {"\xFF", "{\"interface\":\"\xEF\xBF\xBF\"}"}) {
+        EXPECT_EQ(Root("interfaceConfigDump", payload), "");
+        EXPECT_EQ(world.callError, "System.Error.EBADMSG") << "the bus refuses it, nothing here sees it";
+    }
     EXPECT_TRUE(world.Logged("0 success  Src/OstrelVoroBus"));
     EXPECT_TRUE(world.Logged("Ostrel_VoroMethod_SetDebugLevel: null"));
 
@@ -268,6 +272,25 @@ TEST_F(Bus, LeaseActionsReachEachRole) {
     EXPECT_EQ(Act(R"("usb0")", R"("whatever")"), kTrue) << "a server takes any word";
 }
 
+TEST_F(Bus, NoncharactersOfACallerBreakNoReply) {
+    Initialize(kServer, {{"domainName", R"("\uffff")"}});
+    Initialize(kClient, {{"clientIdentifier", R"("\ufdd0\ud83f\udffe")"}});
+    EXPECT_NE(Dump().find("\"domainName\":\"\uFFFD\""), std::string::npos) << Dump();
+    EXPECT_NE(Dump().find("\"clientIdentifier\":\"\uFFFD\uFFFD\""), std::string::npos) << Dump();
+}
+
+TEST_F(Bus, ACallWithoutAnAnswerEnrolsNobody) {
+    Leases("/client", R"({"subscribe":true})");
+    world.failReplies = true;
+    EXPECT_EQ(Leases("/client", R"({"subscribe":true})"), "");
+    EXPECT_EQ(Leases("/server", R"({"subscribe":true})", ":1.2"), "");
+    EXPECT_EQ(world.callError, "org.freedesktop.DBus.Error.Failed");
+    world.failReplies = false;
+    EXPECT_EQ(gTblSubscribers[0].value, 1u);
+    EXPECT_TRUE(VSSubscriptionHasSubscribers(system.serviceHandle, "/client", "leaseInformation"));
+    EXPECT_FALSE(VSSubscriptionHasSubscribers(system.serviceHandle, "/server", "leaseInformation"));
+}
+
 TEST_F(Bus, SubscribersAreCountedTogether) {
     const char* subscribed = R"({"returnValue":true,"subscribed":true,"interfaceList":[]})";
     EXPECT_EQ(Leases("/client", R"({"subscribe":"true"})"), kEmptyList);
@@ -310,6 +333,7 @@ TEST_F(Bus, ALeaseIsShownWhateverTheServerCalledTheDomain) {
         {"", ""},
         {std::string("lab\0\xFF", 5), R"("domainName":"lab",)"},
         {"\"\n\\", R"("domainName":"\"\n\\",)"},
+        {"lab.\xEF\xBF\xBF", "\"domainName\":\"lab.\uFFFD\","},
         {std::string(255, '\xFF'), R"("domainName":")" + replaced + R"(",)", kInfiniteLease,
          "Mon Jul  5 02:54:55 2162"},
     };

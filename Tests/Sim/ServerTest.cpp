@@ -211,6 +211,8 @@ TEST(Server, RemembersWhatAClientSaysOfItself) {
         {std::string(255, '\xC3'), std::nullopt, R"("leaseTime":3600,"clientIdentifier":")" + replaced + "\"}"},
         {std::nullopt, std::string("a\0b", 3), R"("leaseTime":3600,"hostName":"a"})"},
         {std::nullopt, "\xFF", "\"hostName\":\"\xEF\xBF\xBD\"}"},
+        {std::string("\0\xEF\xB7\x90", 4), "\xEF\xBF\xBF", "\"hostName\":\"\uFFFD\",\"clientIdentifier\":\"\uFFFD\"}"},
+        {std::nullopt, "\xF0\x9F\xBF\xBE", "\"hostName\":\"\uFFFD\"}"},
         {std::nullopt, std::nullopt, R"("leaseTime":3600})"},
     };
     ServerLan lan;
