@@ -16,6 +16,7 @@
 
 #include "EventLoop.h"
 #include "TimeoutQueue.h"
+#include "Watchdog.h"
 
 namespace {
 
@@ -158,7 +159,10 @@ int eloop_init(void* loopContext) noexcept {
 }
 
 void eloop_run() noexcept {
-    if (loop.main != nullptr && !loop.ending) g_main_loop_run(loop.main);
+    if (loop.main == nullptr || loop.ending) return;
+    WatchdogStart();
+    g_main_loop_run(loop.main);
+    WatchdogStop();
 }
 
 void eloop_terminate() noexcept {

@@ -4,6 +4,7 @@ import pathlib
 import pty
 import random
 import signal
+import socket
 import threading
 import time
 
@@ -161,6 +162,15 @@ class Process(lab.LabTest):
         self.assertRegex(os.read(terminal, 4096).decode(),
                          r"\Aostreld: another process owns the service's name: .*\r\n\Z")
         os.close(terminal)
+
+    def test_a_service_manager_that_asks_for_signs_of_life_gets_them(self):
+        manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(manager.close)
+        manager.bind(str(self.lab.directory / "notify"))
+        manager.settimeout(5)
+        self.daemon(environment={"NOTIFY_SOCKET": str(self.lab.directory / "notify"), "WATCHDOG_USEC": "1000000"})
+        for _ in range(3):
+            self.assertEqual(manager.recv(4096), b"WATCHDOG=1")
 
 
 if __name__ == "__main__":
