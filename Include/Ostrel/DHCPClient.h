@@ -3,6 +3,7 @@
 // It learns; it configures nothing. What it holds is published to the bus once the address has been checked with ARP.
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 #include "Ostrel/ARPShared.h"
@@ -60,6 +61,14 @@ struct Ostrel_ClientLease {
     uint32_t rebindRetryTime;   // likewise for REBINDING; starts as lease time - T2
 };
 
+// What keeps a refused or contested client from asking at wire speed: of any ten seconds the first ten messages of a
+// kind go out as they would, further ones at one a second until ten seconds have had less.
+struct Ostrel_StormBreaker {
+    std::array<uint64_t, 10> sent;  // a ring of the moments, in milliseconds of the monotonic clock
+    uint32_t count;                 // sent so far
+    bool holds;                     // whether further ones are held back
+};
+
 struct Ostrel_ClientObj {
     Ostrel_InterfaceObj* iface;        // not owned
     Ostrel_PacketFilter packetFilter;  // UDP port 68; owned
@@ -77,6 +86,8 @@ struct Ostrel_ClientObj {
     uint32_t configMode;                      // kOstrelConfig bits
     Ostrel_ClientLease lease;
     uint32_t requestRetries;  // retransmissions of the REQUEST in REQUESTING so far
+    Ostrel_StormBreaker discovers;
+    Ostrel_StormBreaker declines;
 };
 
 // Life. Initialize stores the object in the interface's dhcpClient; on failure nothing is stored and nothing is left.

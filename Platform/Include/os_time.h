@@ -8,6 +8,9 @@
 // from an arbitrary start; differences are taken in unsigned arithmetic.
 [[nodiscard]] uint32_t os_monotonic_seconds() noexcept;
 
+// The same clock in milliseconds.
+[[nodiscard]] uint64_t os_monotonic_milliseconds() noexcept;
+
 // Seconds of the wall clock since 1970-01-01 00:00:00 UTC.
 [[nodiscard]] int64_t os_wall_seconds() noexcept;
 

@@ -10,6 +10,12 @@ uint32_t os_monotonic_seconds() noexcept {
     return static_cast<uint32_t>(now.tv_sec);
 }
 
+uint64_t os_monotonic_milliseconds() noexcept {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+}
+
 int64_t os_wall_seconds() noexcept {
     return std::time(nullptr);
 }

@@ -11,6 +11,11 @@ uint32_t os_monotonic_seconds() noexcept {
     return sim::World::Get().MonotonicSeconds();
 }
 
+uint64_t os_monotonic_milliseconds() noexcept {
+    const sim::World& world = sim::World::Get();
+    return world.monotonicStart * uint64_t{1000} + static_cast<uint64_t>(world.Now() / std::chrono::milliseconds(1));
+}
+
 int64_t os_wall_seconds() noexcept {
     const sim::World& world = sim::World::Get();
     return world.wallStart + std::chrono::duration_cast<std::chrono::seconds>(world.Now()).count();

@@ -125,6 +125,8 @@ public:
     void FailSends(const std::string& ifname, SendFault fault, uint32_t count);  // the next `count` sends of any socket
     bool rawSocketsAllowed = true;
     std::function<void(std::span<const uint8_t> frame)> onSend;  // each frame that an interface puts on its wire
+    // The same in every world, whatever a test does with the other: for what holds in all of them.
+    static inline std::function<void(const Station& interface, std::span<const uint8_t> frame)> onEverySend;
 
     // Memory: the n-th os_zalloc from now fails (1: the next); 0: none. Live: blocks not yet given back.
     void FailAllocation(size_t nth);

@@ -83,6 +83,7 @@ int Interface::Send(std::span<const uint8_t> frame) {
         if (fault == SendFault::Error) return -1;
         if (fault == SendFault::Short) return static_cast<int>(frame.size()) - 1;
     }
+    if (World::onEverySend) World::onEverySend(*this, frame);
     if (World::Get().onSend) World::Get().onSend(frame);
     segment.Send(*this, frame);
     return static_cast<int>(frame.size());

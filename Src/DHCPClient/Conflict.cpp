@@ -22,13 +22,17 @@ void Ostrel_DHCPClientARPPacketHandler(Ostrel_ClientObj* client, const Ostrel_Et
                                        const Ostrel_ARPHeader* arpHeader, const Ostrel_ARPAddresses* addresses) {
     OSTREL_REQUIRE(client != nullptr, "client", );
     if (!IsConflict(client, arpHeader, addresses)) return;
+    const bool isHeldBack = Ostrel_DHCPClientStormAsk(client, client->declines, "DECLINE") != 0;
+    if (isHeldBack && client->state == kClientStateInit) return;  // the restart from the last one still waits
 
     const Ostrel_ClientLease& lease = client->lease;
     Ostrel_DisarmTimeout(client->iface, client, kClientTimeouts[kClientTimeoutArping]);
     DebugPrintF(kDebugLevelInfo, "[%s] DHCP Client RX'd ARP REPLY from %.6a for lease offer of %.4a.\n",
                 client->iface->ifname.data(), addresses->senderMAC, &lease.IPv4Address);
 
-    const Ostrel_Status status = Ostrel_DHCPClientSend(client, Ostrel_DHCPClientDeclineOf(lease));
-    if (status != kNoErr) OSTREL_REPORT_STATUS(status);
+    if (!isHeldBack) {
+        const Ostrel_Status status = Ostrel_DHCPClientSend(client, Ostrel_DHCPClientDeclineOf(lease));
+        if (status != kNoErr) OSTREL_REPORT_STATUS(status);
+    }
     Ostrel_DHCPClientStateTransition_Init(client);
 }

@@ -98,5 +98,11 @@ struct Ostrel_ClientMessage {
                                                                Ostrel_IPv4 clientIPv4, Ostrel_IPv4 requestedIPv4,
                                                                Ostrel_IPv4 serverIdentifier);
 
+// The breaker of storms, asked where a DISCOVER or DECLINE is about to be sent: 0 when it may go out, which then counts
+// as sent, or the milliseconds until it may. Rest tells the latter without counting; 0 while nothing is held back.
+[[nodiscard]] uint32_t Ostrel_DHCPClientStormAsk(const Ostrel_ClientObj* client, Ostrel_StormBreaker& breaker,
+                                                 const char* message);
+[[nodiscard]] uint32_t Ostrel_DHCPClientStormRest(const Ostrel_StormBreaker& breaker);
+
 // The receive callback of port 68.
 void Ostrel_BOOTPClientPacketFilterHandler(void* iface, const uint8_t* sourceAddress, std::span<const uint8_t> frame);

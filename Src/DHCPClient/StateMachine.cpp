@@ -7,7 +7,7 @@
 // What is armed in each state, and what its timeout does:
 //
 //     INIT-REBOOT   -
-//     INIT          init        DISCOVER, to SELECTING; a static client: arping
+//     INIT          init        DISCOVER, to SELECTING; a static client: arping; in a storm: init, a little later
 //     SELECTING     selecting   offers: REQUEST, to REQUESTING; none: longer waits, to INIT
 //     REQUESTING    requesting  the same REQUEST again; after the fifth to INIT
 //     BOUND         arping      the lease counts: it is published, and the next three are armed
@@ -151,6 +151,14 @@ void LogAcceptedLease(const Ostrel_ClientObj* client) {
     DebugPrintF(kDebugLevelInfo, "##### \n");
 }
 
+// What the breaker of storms leaves to wait before a start, in milliseconds: for the DECLINE before it, then for its
+// DISCOVER, which a static client does not send.
+uint32_t RestBeforeStart(Ostrel_ClientObj* client) {
+    const uint32_t rest = Ostrel_DHCPClientStormRest(client->declines);
+    if (rest != 0 || Ostrel_DHCPClientIsStatic(client)) return rest;
+    return Ostrel_DHCPClientStormAsk(client, client->discovers, "DISCOVER");
+}
+
 Ostrel_ClientObj* EnterHandler(void* client, const char* handler) {
     DebugPrintF(kDebugLevelTrace, "%s()\n", handler);
     return static_cast<Ostrel_ClientObj*>(client);
@@ -212,6 +220,10 @@ Ostrel_Status Ostrel_DHCPClientStateTransition_Bound(Ostrel_ClientObj* client) {
 
 void Ostrel_DHCPClientTimeout_Init(void* context, void* /*iface*/) {
     Ostrel_ClientObj* const client = EnterHandler(context, __func__);
+    if (const uint32_t rest = RestBeforeStart(client); rest != 0) {
+        Ostrel_DHCPClientArm(client, kClientTimeoutInit, rest);
+        return;
+    }
     client->transactionID = NewTransactionID();
     if (Ostrel_DHCPClientIsStatic(client)) {
         Ostrel_DHCPClientArm(client, kClientTimeoutArping, 0);

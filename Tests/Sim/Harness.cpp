@@ -4,14 +4,38 @@
 
 #include <algorithm>
 #include <iostream>
+#include <map>
 
 #include "Ostrel/Log.h"
 
 namespace sim {
 namespace {
 
-const bool failuresGoToGoogleTest = [] {
+// No interface sends more DISCOVERs, or DECLINEs, than this: where ten went out in the ten seconds before, a second
+// lies between two. A world that begins anew begins the clock anew.
+class StormWatch {
+public:
+    void See(const Station& interface, std::span<const uint8_t> frame) {
+        const Duration now = World::Get().Now();
+        if (now < last) moments.clear();
+        last = now;
+        const std::optional<DHCPMessage> message = ReadDHCP(frame);
+        if (!message || (message->Type() != kDiscover && message->Type() != kDecline)) return;
+        std::vector<Duration>& sent = moments[{&interface, message->Type()}];
+        const bool isStorm = sent.size() >= 10 && now - sent[sent.size() - 10] < 10s - 1ms;  // the daemon's grain
+        if (isStorm && now - sent.back() < 1s - 1ms) ADD_FAILURE() << "a storm at " << now / 1ms << " ms";
+        sent.push_back(now);
+    }
+
+private:
+    std::map<std::pair<const Station*, uint8_t>, std::vector<Duration>> moments;
+    Duration last{0};
+};
+
+const bool hooked = [] {
+    static StormWatch storms;
     World::onFailure = [](const std::string& what) { ADD_FAILURE() << what; };
+    World::onEverySend = [](const Station& interface, std::span<const uint8_t> frame) { storms.See(interface, frame); };
     return true;
 }();
 
