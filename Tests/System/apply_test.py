@@ -2,9 +2,11 @@
 import json
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import sys
+import time
 
 import lab
 import peers
@@ -146,7 +148,9 @@ class Restart(Applying):
         client = self.daemon(host="one")
         client.become_client()
         address = self.address("one")
-        self.assertEqual(self.ended(waiting, 0), f"{address}/24\n")
+        told = self.ended(waiting, 0)
+        self.assertEqual(told.splitlines()[-1], f"{address}/24")
+        self.assertIn("there is no daemon yet\n  waiting; 'ostrelctl client IFACE'", told)
         self.see(watch, f"+ address {address}/24, router {peers.SERVER}, DNS {', '.join(peers.DNS_SERVERS)}, domain "
                         f"{peers.DOMAIN}, until ")
 
@@ -167,8 +171,11 @@ class Restart(Applying):
 
         again.close()
         idle = self.daemon(host="one")  # which is not told of the interface
+        self.see(applier, "'eth0' is not managed yet\n  waiting; 'ostrelctl client eth0' hands it over")
+        self.assertEqual(set(self.addresses("one")), {address})
         lab.eventually(lambda: not self.addresses("one"), 40, "address given up")
-        self.assertIn("has had no address for 1 s", self.ended(self.tool("one", "wait", "eth0", "--timeout", "1"), 1))
+        hasty = ("wait", "eth0", "--timeout", "1")
+        self.assertIn("has had no address for 1 s", self.ended(self.tool("one", *hasty), 1))
         for process in (applier, watch, seen):
             self.assertNotIn(FORGED, self.said(process))
 
@@ -176,6 +183,84 @@ class Restart(Applying):
         self.assertIn("the system bus is lost", self.ended(applier, 3))
         self.assertIn("the system bus is lost", self.ended(watch, 3))
         self.assertEqual(idle.process.wait(20), 212)
+
+
+class Renewal(Applying):
+    """What is lost to be had again at once, and what is not."""
+
+    def test_a_renewal_costs_nothing_and_a_halt_ten_seconds_later_the_address(self):
+        self.serve(lease=600)
+        client = self.daemon(host="one")
+        applier = self.tool("one", "apply", "eth0")
+        seen = self.peer("one", "ip", "monitor", "address", "route")
+        client.become_client()
+        address = self.address("one")
+        self.see(applier, "+ default route")
+        again = self.ended(self.tool("one", "apply", "eth0"), 1)
+        holder = re.search(r"are applied already, by process (\d+)\n  'kill \1' ends it", again)
+        self.assertIn("ostrelctl\0apply", pathlib.Path(f"/proc/{holder[1]}/cmdline").read_text())
+        rehearsal = self.tool("one", "apply", "eth0", "--dry-run")
+        self.see(rehearsal, "ip address add")
+
+        for action in ("renew", "init"):
+            client.must("/client", "leaseAction", interface="eth0", leaseAction=action)
+            self.assertEqual(client.publication(20)["ipv4Address"], address)
+            self.see(applier, "renewed until")
+        self.assertNotIn("Deleted", self.said(seen))
+
+        start = time.monotonic()
+        client.must("/client", "leaseAction", interface="eth0", leaseAction="halt")
+        lab.eventually(lambda: not self.addresses("one"), 20, "the end of a lease that does not come back")
+        self.assertGreater(time.monotonic() - start, 8)
+        self.see(applier, f"- default route via {peers.SERVER}, - address {address}/24")
+
+
+class Answers(Applying):
+    """What followers ask, and what they make of answers that fail."""
+
+    def errors_in(self, host):
+        """Lines about questions that did not name what is managed, or failed."""
+        return re.findall(r".*(?:GetJsonString: interface|Src/OstrelVoroBus|### VoroBus).*", self.lab.log(host))
+
+    def test_no_question_is_an_error_to_the_daemon(self):
+        """To it, a request that names no managed interface is one. A look at all that is managed names none."""
+        self.serve(lease=60)
+        client = self.daemon(host="one")
+        client.must("/", "interfaceInitialize", **{**lab.CLIENT_REQUEST, "ipv4LinkLocal": True})
+        for host, followers in (("one", ("watch eth0", "apply eth0 --dry-run", "wait eth0 --timeout 40")),
+                                ("server", ("watch eth0",))):
+            for follower in followers:
+                self.tool(host, *follower.split())
+        watches = {host: self.tool(host, "watch") for host in ("one", "server")}
+        for line in ("status eth0", "config eth0", "init eth0"):
+            self.ended(self.tool("one", *line.split()), 0)
+        for line in ("status eth0", "leases eth0", "config eth0"):
+            self.ended(self.tool("server", *line.split()), 0)
+        self.see(watches["one"], "+ address")
+        self.see(watches["server"], "+ 192.0.2.1")
+        time.sleep(7)
+        for host in watches:
+            self.assertEqual(len(self.errors_in(host)), 1, self.errors_in(host))
+        for line in ("status", "config"):
+            self.ended(self.tool("one", line), 0)
+            self.ended(self.tool("server", line), 0)
+        self.ended(self.tool("server", "leases"), 0)
+        self.assertEqual([len(self.errors_in(host)) for host in watches], [3, 4])
+
+    def test_a_lease_outlives_answers_that_fail(self):
+        """A daemon that refuses, then answers rubbish, then lists others, then answers again."""
+        self.peer("one", "/usr/bin/python3", pathlib.Path(__file__).with_name("fake_daemon.py"))
+        applier, watch = self.tool("one", "apply", "eth0"), self.tool("one", "watch")
+        self.see(applier, "+ address 198.51.100.5/24")
+        seen = self.peer("one", "ip", "monitor", "address")
+        for process in (applier, watch):
+            self.see(process, "the bus refused the call: not now\n  asking again")
+            self.see(process, "the daemon's reply is not understood\n  asking again")
+            self.see(process, "198.51.100.1")
+            self.assertEqual(self.said(process).count("not now"), 1)
+            self.assertIsNone(process.poll())
+        self.assertNotIn("Deleted", self.said(seen))
+        self.assertEqual(set(self.addresses("one")), {"198.51.100.5"})
 
 
 class Static(Applying):
@@ -195,9 +280,9 @@ class Static(Applying):
         daemon = self.daemon(host="one")
         powerless = self.tool("one", "apply", "eth0",
                               wrapper=("setpriv", "--bounding-set=-net_admin", "--inh-caps=-net_admin"))
-        applier = self.tool("one", "apply", "eth0")
         self.configure(daemon, "198.51.100.5")
         self.assertIn("needs CAP_NET_ADMIN: run as root", self.ended(powerless, 1))
+        applier = self.tool("one", "apply", "eth0")
         self.see(applier, "+ DNS 192.0.2.3 by systemd-resolved")
         self.assertEqual(set(self.addresses("one")), {self.FOREIGN, "198.51.100.5"})
         self.see(applier, "it is no domain name: 'no name'")

@@ -72,6 +72,9 @@ TEST(Ctl, ShowsNothingOfAStrangersThatMovesTheCursorOrTurnsTheLine) {
     };
     for (const auto& [text, shown] : texts) EXPECT_EQ(Printable(text), shown);
 
+    EXPECT_EQ(EscapedJson("{\"a\":\"\u009b2J\x7f\u202e\u061c \u00e9\U0001f4f7\"}"),
+              "{\"a\":\"\\u009b2J\\u007f\\u202e\\u061c \u00e9\U0001f4f7\"}");
+
     ASSERT_NE(setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
     EXPECT_EQ(Columns("\u00e9\u4e16"), 3u);  // the second is wide
     EXPECT_EQ(Shortened("ab\u4e16cd", 5, true), "ab\u4e16\u2026");

@@ -109,6 +109,32 @@ TEST(Follow, ARestartOfTheDaemonLeavesTimeForANewLease) {
     EXPECT_EQ(story.Held(), "-");
 }
 
+TEST(Follow, ALostLeaseIsKeptForItsGraceOrUntilAnotherCounts) {
+    const auto at = [](int seconds) { return TimePoint(std::chrono::seconds(100 + seconds)); };
+    Story story{.holding = {.grace = std::chrono::seconds(10)}};
+    story.Post(0, "192.0.2.5");
+    story.Nothing(2);
+    story.LinkLocal(3, "169.254.1.1");
+    story.LinkLocal(9, "169.254.1.1");  // counts, and yields to the lease
+    EXPECT_EQ(story.Held(), "192.0.2.5");
+    EXPECT_EQ(NextEnd(story.holding), at(12));
+    story.LinkLocal(12, "169.254.1.1");
+    EXPECT_EQ(story.Held(), "169.254.1.1");
+    story.Nothing(13);  // no lease
+    EXPECT_EQ(story.Held(), "-");
+
+    story.Post(20, "192.0.2.5");
+    story.Reply(22, "192.0.2.6", 1);
+    EXPECT_EQ(story.Held(), "192.0.2.5");
+    story.Post(23, "192.0.2.6");
+    EXPECT_EQ(story.Held(), "192.0.2.6");
+    EXPECT_EQ(NextEnd(story.holding), at(23 - 2 + 60));
+    story.Nothing(76);
+    EXPECT_EQ(NextEnd(story.holding), at(23 - 2 + 60));  // no lease outlives its end
+    story.Nothing(81);
+    EXPECT_EQ(story.Held(), "-");
+}
+
 TEST(Follow, TellsWhatChangedAndNothingElse) {
     const auto words = [](const std::vector<Change>& changes) {
         std::string text;

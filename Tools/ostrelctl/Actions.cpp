@@ -23,15 +23,17 @@ struct Action {
     const char* examples;
 };
 
+constexpr char kAcquiring[] = "address dropped, acquiring anew; 'apply' keeps it for 10 s meanwhile";
+
 constexpr Action kRelease{
     "release", "Stop managing an interface", "not managed any more",
     "  ostrelctl release eth0   its client or server ends; nothing is sent, the kernel keeps its addresses\n"};
 
 constexpr std::array<Action, 4> kLeaseActions{{
-    {"renew", "Acquire an address anew", "acquiring an address anew",
-     "  ostrelctl renew eth0     drops the address and asks for one: servers give the same again if they can\n"},
-    {"rebind", "Acquire an address anew, as renew", "acquiring an address anew",
-     "  ostrelctl rebind eth0    drops the address and asks for one, of whichever server\n"},
+    {"renew", "Drop the address and acquire one anew", kAcquiring,
+     "  ostrelctl renew eth0     servers give the same again if they can; 'apply' keeps it for 10 s meanwhile\n"},
+    {"rebind", "Drop the address and acquire one anew, as renew", kAcquiring,
+     "  ostrelctl rebind eth0    of whichever server; 'apply' keeps the address for 10 s meanwhile\n"},
     {"init", "Start a client, or start it over", "started",
      "  ostrelctl init eth0      starts what 'client --no-start' or 'halt' left idle\n"},
     {"halt", "Stop a client, and keep it configured", "halted; 'init' starts it again",

@@ -6,13 +6,15 @@
 //
 //     NextEvent -> Hear -> the lease that counts, or none -> SettingFor -> Bring
 //
-// A lease that ends, is lost or changes takes everything along that came from it. When the daemon goes, its leases stay
-// good until they end: a restart does not cut the network. The new daemon knows nothing until somebody hands it the
-// interface again; if within ten seconds it has no lease for it, what is there is removed. Killed, apply removes
-// nothing, but the kernel ends the address and the route when the lease ends.
+// A lease that ends or changes takes everything along that came from it. One that is lost before its end stays for ten
+// seconds, since most are lost to be had again: by a renewal that somebody asked for, or a cable pulled out. When the
+// daemon goes, its leases stay good until they end: a restart does not cut the network. The new daemon knows nothing
+// until somebody hands it the interface again; if within ten seconds it has no lease for it, what is there is removed.
+// Killed, apply removes nothing, but the kernel ends the address and the route when the lease ends.
 #include "Checks.h"
 #include "Command.h"
 #include "Follow.h"
+#include "Lock.h"
 #include "Steps.h"
 #include "Terminal.h"
 
@@ -20,7 +22,7 @@ namespace ostrelctl {
 
 namespace {
 
-constexpr std::chrono::seconds kRestartGrace{10};
+constexpr std::chrono::seconds kGrace{10};
 constexpr uint32_t kUsualMetric = 100;  // behind routes that people make, which have 0
 
 struct ApplyOptions {
@@ -56,7 +58,7 @@ Setting SettingFor(const Holding& holding, Applier& applier) {
 }
 
 void HearEvent(Holding& holding, const Event& event, const ApplyOptions& options, bool json) {
-    if (json && event.origin != Origin::Question) PrintText(event);
+    if (json && event.origin != Origin::Question) PrintJson(event.text);
     const auto said = SaidOf(event, options.interface);
     if (said) Hear(holding, *said, event.hearing);
 }
@@ -67,18 +69,18 @@ ExitStatus EndApplying(Applier& applier, const ApplyOptions& options) {
 }
 
 ExitStatus Apply(Follower& follower, Applier& applier, const ApplyOptions& options) {
-    Holding holding;
+    Holding holding{.grace = kGrace};
     for (;;) {
-        const Event event = NextEvent(follower, holding.ends);
+        const Event event = NextEvent(follower, NextEnd(holding));
         switch (event.news) {
             case News::Leases:
                 HearEvent(holding, event, options, follower.session.json);
                 break;
             case News::DaemonGone:
-                Forget(holding, {});
+                Forget(holding, kNever);
                 break;
             case News::DaemonBack:
-                Forget(holding, Clock::now() + kRestartGrace);
+                Forget(holding, Clock::now() + kGrace);
                 break;
             case News::Deadline:
                 GiveUpEnded(holding, Clock::now());
@@ -97,8 +99,10 @@ ExitStatus Apply(Follower& follower, Applier& applier, const ApplyOptions& optio
 ExitStatus Run(const ApplyOptions& options, const Settings& settings) {
     const ExitStatus checked = CheckInterface(options.interface);
     if (checked != kExitDone) return checked;
-    Follower follower;
-    const ExitStatus started = StartFollowing(follower, settings, options.interface, false);
+    const FileDescriptor lock = options.dryRun ? FileDescriptor() : LockInterface(options.interface);
+    if (!options.dryRun && !lock.isOpen()) return kExitRefused;
+    Follower follower{.interface = options.interface, .servers = false};
+    const ExitStatus started = StartFollowing(follower, settings);
     if (started != kExitDone) return started;
     Applier applier{.interface = options.interface,
                     .metric = options.metric,
@@ -120,8 +124,10 @@ void AddApplyCommand(CommandLine& line) {
         "  ostrelctl apply eth0 --once      apply the first lease and end\n"
         "It needs root. What was on the interface before is left alone. The kernel ends the address with the lease, "
         "even\n"
-        "when apply is killed. When the daemon goes, leases stay until they end; when it is back and has none for the\n"
-        "interface within 10 s, what came from the last is removed. DNS servers go to systemd-resolved when it runs,\n"
+        "when apply is killed. When the daemon goes, leases stay until they end. A lease that is lost before, by "
+        "renew,\n"
+        "halt or a new daemon, stays for 10 s, in which another can come. DNS servers go to systemd-resolved when it "
+        "runs,\n"
         "else to the program resolvconf.\n",
         Declare, Run);
 }

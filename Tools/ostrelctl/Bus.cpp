@@ -102,10 +102,7 @@ Answer AskQuietly(const Session& session, const Method& method, const JValue& re
 
 Answer Ask(const Session& session, const Method& method, const JValue& request) {
     Answer answer = AskQuietly(session, method, request);
-    if (session.json && !answer.text.empty()) {
-        puts(answer.text.c_str());
-        (void)fflush(stdout);
-    }
+    if (session.json && !answer.text.empty()) PrintJson(answer.text);
     return answer;
 }
 

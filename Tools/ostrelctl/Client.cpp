@@ -94,9 +94,9 @@ ExitStatus Start(const Session& session, const std::string& interface) {
 void Confirm(const ClientOptions& options, bool started) {
     const char* const name = options.interface.c_str();
     if (started)
-        printf("%s: client started; 'ostrelctl status %s' shows what it gets\n", name, name);
+        printf("%s: client started; 'ostrelctl apply %s' sets what it gets\n", name, name);
     else if (options.fixed)
-        printf("%s: client with its static address; 'ostrelctl status %s' shows it\n", name, name);
+        printf("%s: client with its static address; 'ostrelctl apply %s' sets it\n", name, name);
     else
         printf("%s: client configured; 'ostrelctl init %s' starts it\n", name, name);
 }

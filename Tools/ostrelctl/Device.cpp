@@ -21,6 +21,10 @@ struct FreeAddresses {
     void operator()(ifaddrs* list) const { freeifaddrs(list); }
 };
 
+struct FreeNames {
+    void operator()(struct if_nameindex* list) const { if_freenameindex(list); }
+};
+
 bool IsAddress(const ifaddrs& entry, const std::string& interface, Ostrel_IPv4 address) {
     if (interface != entry.ifa_name || entry.ifa_addr == nullptr || entry.ifa_addr->sa_family != AF_INET) return false;
     return reinterpret_cast<const sockaddr_in*>(entry.ifa_addr)->sin_addr.s_addr == address;
@@ -45,6 +49,16 @@ LinkState StateOfLink(const std::string& interface) {
     const LinkState state = Ask(descriptor, request);
     close(descriptor);
     return state;
+}
+
+std::vector<std::string> EthernetInterfaces() {
+    std::vector<std::string> names;
+    const std::unique_ptr<struct if_nameindex, FreeNames> list(if_nameindex());
+    for (const auto* entry = list.get(); entry != nullptr && entry->if_name != nullptr; ++entry) {
+        const LinkState state = StateOfLink(entry->if_name);
+        if (state != LinkState::Absent && state != LinkState::NotEthernet) names.emplace_back(entry->if_name);
+    }
+    return names;
 }
 
 bool HasAddress(const std::string& interface, Ostrel_IPv4 address) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "Ostrel/Address.h"
 
@@ -16,6 +17,8 @@ enum class LinkState {
 };
 
 [[nodiscard]] LinkState StateOfLink(const std::string& interface);
+
+[[nodiscard]] std::vector<std::string> EthernetInterfaces();
 
 // Whether the interface has that IPv4 address. The daemon changes no address itself.
 [[nodiscard]] bool HasAddress(const std::string& interface, Ostrel_IPv4 address);

@@ -6,12 +6,11 @@
 #include <vector>
 
 #include "Ostrel/Address.h"
+#include "Ostrel/DHCPShared.h"
 
 #include "valdo.h"
 
 namespace ostrelctl {
-
-constexpr int64_t kInfiniteLease = 0xFFFFFFFF;  // seconds; RFC 2131 section 3.3
 
 // What is absent or of another type reads as empty, kAnyIPv4 or false.
 [[nodiscard]] std::string TextOf(const valdo::JValue& object, const char* key);

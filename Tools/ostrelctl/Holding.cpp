@@ -6,7 +6,10 @@
 // heard is remembered, and one function, Judge, decides whether an address counts by now.
 #include "Holding.h"
 
+#include <algorithm>
 #include <endian.h>
+
+#include "Ostrel/DHCPClient.h"
 
 namespace ostrelctl {
 
@@ -15,10 +18,12 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr int64_t kCheckedAge = 3;     // seconds; the ARP check takes 2, and ages are told in whole seconds
+constexpr int64_t kCheckedAge = 3;     // seconds, as ages are told in whole ones
 constexpr seconds kLinkLocalTrial{6};  // three probes, 2 s of silence and the first announcement take 5
 constexpr seconds kClockGrain{2};
 constexpr int64_t kFarFuture = 20'000'000'000;  // seconds since 1970; beyond is for ever
+
+static_assert(kCheckedAge > kARPCheckSeconds, "a reply must not count before the ARP check is over");
 
 enum class Standing { None, Pending, Counts };
 
@@ -50,9 +55,15 @@ Standing Judge(Sighting& seen, const ClientLease& said, const Hearing& hearing) 
     return seen.checked ? Standing::Counts : Standing::Pending;
 }
 
-void GiveUp(Holding& holding) {
-    holding.lease.reset();
-    holding.ends = kNever;
+// A lease that was lost is better than a link-local address, while it is kept.
+bool IsOutranked(const ClientLease& said, const Holding& holding) {
+    return !said.times && holding.lease && holding.lease->times && holding.keptUntil != kNever;
+}
+
+void Lose(Holding& holding, TimePoint now) {
+    const bool isLeased = holding.lease && holding.lease->times;
+    if (holding.keptUntil == kNever) holding.keptUntil = isLeased ? now + holding.grace : now;
+    GiveUpEnded(holding, now);
 }
 
 }  // namespace
@@ -68,15 +79,15 @@ bool IsSameEnd(TimePoint one, TimePoint other) {
 
 void Hear(Holding& holding, const ClientLease& said, const Hearing& hearing) {
     const Standing standing = Judge(holding.seen, said, hearing);
-    if (standing == Standing::Counts) {
+    GiveUpEnded(holding, hearing.heard);
+    if (standing == Standing::Counts && !IsOutranked(said, holding)) {
         holding.lease = said;
         holding.ends = said.times ? EndOf(said.times->ends, hearing) : kNever;
-        holding.keptUntil = {};
+        holding.keptUntil = kNever;
         return;
     }
     const bool followsLinkLocal = standing == Standing::Pending && said.times && holding.lease && !holding.lease->times;
-    if (followsLinkLocal || hearing.heard < holding.keptUntil) return;
-    GiveUp(holding);
+    if (!followsLinkLocal) Lose(holding, hearing.heard);
 }
 
 void Forget(Holding& holding, TimePoint until) {
@@ -84,8 +95,14 @@ void Forget(Holding& holding, TimePoint until) {
     holding.keptUntil = until;
 }
 
+TimePoint NextEnd(const Holding& holding) {
+    return std::min(holding.ends, holding.keptUntil);
+}
+
 void GiveUpEnded(Holding& holding, TimePoint now) {
-    if (now >= holding.ends) GiveUp(holding);
+    if (now < NextEnd(holding)) return;
+    holding.lease.reset();
+    holding.ends = holding.keptUntil = kNever;
 }
 
 }  // namespace ostrelctl

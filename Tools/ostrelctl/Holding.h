@@ -32,20 +32,23 @@ struct Sighting {
 
 // What an interface holds: `lease` is there while an address counts.
 struct Holding {
-    std::optional<ClientLease> lease;
-    TimePoint ends = kNever;  // of the lease
-    TimePoint keptUntil{};    // until then what is held is not given up for want of another
-    Sighting seen;
+    std::optional<ClientLease> lease{};
+    TimePoint ends = kNever;       // of the lease
+    TimePoint keptUntil = kNever;  // what is held was lost, and is given up then unless something that counts is heard
+    Sighting seen{};
+    Clock::duration grace{};  // for which a lost lease is kept
 };
 
 // The daemon has said this of the interface. An address counts
 //   - from a post: at once, since only what has passed its ARP check is posted;
 //   - from a reply: when it has been posted before, or when its lease is older than the check, which takes 2 s;
 //   - a link-local one, which is never posted: when it has been seen unchanged for longer than it is probed for.
-// A link-local address stays until the lease that follows it counts.
+// A link-local address stays until the lease that follows it counts, a lost lease for its grace or until another
+// counts.
 void Hear(Holding& holding, const ClientLease& said, const Hearing& hearing);
 
-// What is seen of the daemon from now on is news: it has gone, or another has come. What is held stays until `until`.
+// What is seen of the daemon from now on is news: it has gone, or another has come. What is held stays until `until`,
+// or with kNever until something else is heard.
 void Forget(Holding& holding, TimePoint until);
 
 // When a lease that ends at `ends`, wall clock, is over on our clock; kNever: it does not end. Two readings of one
@@ -53,7 +56,8 @@ void Forget(Holding& holding, TimePoint until);
 [[nodiscard]] TimePoint EndOf(int64_t ends, const Hearing& hearing);
 [[nodiscard]] bool IsSameEnd(TimePoint one, TimePoint other);
 
-// Gives up a lease whose time is over.
+// When what is held is over, if nothing else is heard; and gives up what is.
+[[nodiscard]] TimePoint NextEnd(const Holding& holding);
 void GiveUpEnded(Holding& holding, TimePoint now);
 
 }  // namespace ostrelctl

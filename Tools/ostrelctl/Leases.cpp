@@ -75,18 +75,15 @@ void Show(const std::vector<ServerLease>& leases, bool severalServers) {
     PrintTable(terminal, std::move(columns), std::move(rows));
 }
 
-// The daemon lists every server when the one asked for does not exist, so that is found out first.
-ExitStatus CheckServes(const Session& session, const std::string& name, size_t& servers) {
+// The servers to show. The daemon lists every one when the one asked for does not exist, so that is found out first.
+ExitStatus FindServers(const Session& session, const std::string& name, std::vector<std::string>& servers) {
     const Answer dump = AskQuietly(session, kInterfaceConfigDump, RequestFor(name));
     if (dump.status != kExitDone) return Refuse(dump.status, dump.problem, dump.next);
-    bool found = name.empty();
-    servers = 0;
-    for (const Managed& interface : ReadManaged(dump.reply)) {
-        if (!interface.server) continue;
-        ++servers;
-        found = found || interface.interface == name;
-    }
-    if (found) return kExitDone;
+    for (const Managed& interface : ReadManaged(dump.reply))
+        if (interface.server && (name.empty() || interface.interface == name)) servers.push_back(interface.interface);
+    if (!servers.empty()) return kExitDone;
+    if (name.empty())
+        return Refuse(kExitRefused, "no interface has a server", "'ostrelctl server --help' shows how to start one");
     return Refuse(kExitRefused, '\'' + Printable(name) + "' has no server",
                   "'ostrelctl status' shows what is managed, and as what");
 }
@@ -95,19 +92,21 @@ ExitStatus Run(const LeasesOptions& options, const Settings& settings) {
     Session session;
     const ExitStatus opened = OpenSession(settings.json, true, session);
     if (opened != kExitDone) return opened;
-    size_t servers = 0;
-    const ExitStatus checked = CheckServes(session, options.interface, servers);
-    if (checked != kExitDone) return checked;
-    Answer answer;
-    const ExitStatus asked = AskOrComplain(session, kServerLeaseInformation, RequestFor(options.interface),
-                                           "the daemon does not show its leases", "", answer);
-    if (asked != kExitDone || settings.json) return asked;
-
-    std::vector<ServerLease> leases = ReadServerLeases(answer.reply);
+    std::vector<std::string> servers;
+    const ExitStatus found = FindServers(session, options.interface, servers);
+    if (found != kExitDone) return found;
+    std::vector<ServerLease> leases;
+    for (const std::string& server : servers) {
+        Answer answer;
+        const ExitStatus asked = AskOrComplain(session, kServerLeaseInformation, RequestFor(server),
+                                               "the daemon does not show its leases", "", answer);
+        if (asked != kExitDone) return asked;
+        std::ranges::move(ReadServerLeases(answer.reply), std::back_inserter(leases));
+    }
+    if (settings.json) return kExitDone;
     std::sort(leases.begin(), leases.end(),
               [&options](const ServerLease& a, const ServerLease& b) { return IsBefore(options.sort, a, b); });
-    Show(leases, servers > 1 && options.interface.empty());
-    if (servers == 0) Complain("no interface has a server", "'ostrelctl server --help' shows how to start one");
+    Show(leases, servers.size() > 1);
     return kExitDone;
 }
 

@@ -7,6 +7,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <iterator>
+
+#include "Ostrel/DHCPClient.h"
 
 #include "Arguments.h"
 #include "Bus.h"
@@ -22,7 +25,6 @@ namespace {
 
 constexpr double kRenewsAt = 0.5, kRebindsAt = 0.875;  // parts of a lease
 constexpr double kFillingUp = 0.75, kFull = 0.95;      // parts of a range
-constexpr int64_t kARPCheckSeconds = 2;                // a lease is not used before nobody has objected
 
 struct StatusOptions {
     std::string interface;
@@ -150,24 +152,27 @@ Block DescribeServer(const Picture& picture, const Managed& interface) {
     return block;
 }
 
-ExitStatus AskLeases(const Session& session, const std::string& name, Picture& picture) {
-    const auto has = [&picture](bool server) {
-        return std::any_of(picture.interfaces.begin(), picture.interfaces.end(),
-                           [server](const Managed& interface) { return interface.server == server; });
-    };
-    Answer answer;
-    ExitStatus asked = kExitDone;
-    if (has(false)) {
-        asked =
-            AskOrComplain(session, kClientLeaseInformation, RequestFor(name), "the daemon shows no leases", "", answer);
-        picture.clients = ReadClientLeases(answer.reply);
+// What is listed of the interface; a reply about one that has just been released lists the others.
+template <typename Lease>
+void Append(std::vector<Lease>& known, const std::vector<Lease>& listed, const std::string& interface) {
+    std::copy_if(listed.begin(), listed.end(), std::back_inserter(known),
+                 [&interface](const Lease& lease) { return lease.interface == interface; });
+}
+
+// Each by its name: to the daemon a request without one is an error, which it logs.
+ExitStatus AskLeases(const Session& session, Picture& picture) {
+    for (const Managed& managed : picture.interfaces) {
+        Answer answer;
+        const Method& method = managed.server ? kServerLeaseInformation : kClientLeaseInformation;
+        const ExitStatus asked =
+            AskOrComplain(session, method, RequestFor(managed.interface), "the daemon shows no leases", "", answer);
+        if (asked != kExitDone) return asked;
+        if (managed.server)
+            Append(picture.servers, ReadServerLeases(answer.reply), managed.interface);
+        else
+            Append(picture.clients, ReadClientLeases(answer.reply), managed.interface);
     }
-    if (asked == kExitDone && has(true)) {
-        asked =
-            AskOrComplain(session, kServerLeaseInformation, RequestFor(name), "the daemon shows no leases", "", answer);
-        picture.servers = ReadServerLeases(answer.reply);
-    }
-    return asked;
+    return kExitDone;
 }
 
 void Show(const Picture& picture) {
@@ -184,7 +189,7 @@ ExitStatus Run(const StatusOptions& options, const Settings& settings) {
     if (opened != kExitDone) return opened;
     Picture picture;
     ExitStatus asked = AskManaged(session, options.interface, picture.interfaces);
-    if (asked == kExitDone) asked = AskLeases(session, options.interface, picture);
+    if (asked == kExitDone) asked = AskLeases(session, picture);
     if (asked != kExitDone || settings.json) return asked;
     picture.now = std::time(nullptr);
     picture.terminal = DescribeStandardOutput();
@@ -198,7 +203,7 @@ void AddStatusCommand(CommandLine& line) {
     AddCommand<StatusOptions>(line, "status", "Show what is managed, and what it has",
                               "  ostrelctl status           every managed interface\n"
                               "  ostrelctl status eth0\n"
-                              "  watch ostrelctl status     again every two seconds\n",
+                              "  watch ostrelctl status eth0   again every two seconds\n",
                               Declare, Run);
 }
 

@@ -5,6 +5,7 @@
 // another program is plain and whole.
 #include "Terminal.h"
 
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
@@ -59,6 +60,25 @@ std::string Printable(std::string_view text) {
         text.remove_prefix(character.bytes);
     }
     return shown;
+}
+
+// In JSON they can only stand within strings, and below U+10000 an escape is one number.
+std::string EscapedJson(std::string_view text) {
+    std::string shown;
+    while (!text.empty()) {
+        const Utf8Character character = Utf8First(text);
+        std::array<char, 8> escape{};
+        (void)snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(character.code & 0xFFFF));
+        shown += Utf8IsControl(character.code) ? escape.data() : text.substr(0, character.bytes);
+        text.remove_prefix(character.bytes);
+    }
+    return shown;
+}
+
+void PrintJson(std::string_view text) {
+    const std::string line = (isatty(STDOUT_FILENO) == 0 ? std::string(text) : EscapedJson(text)) + '\n';
+    (void)fputs(line.c_str(), stdout);
+    (void)fflush(stdout);
 }
 
 size_t Columns(std::string_view text) {

@@ -28,6 +28,10 @@ struct Terminal {
 // that is not UTF-8.
 [[nodiscard]] std::string Printable(std::string_view text);
 
+// Prints a JSON text on a line of its own: on a terminal with such characters as \u escapes, else as it is.
+void PrintJson(std::string_view text);
+[[nodiscard]] std::string EscapedJson(std::string_view text);
+
 // The columns that UTF-8 text takes, and the text padded with spaces to at least so many.
 [[nodiscard]] size_t Columns(std::string_view text);
 [[nodiscard]] std::string Padded(std::string_view text, size_t columns);

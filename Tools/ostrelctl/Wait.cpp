@@ -38,7 +38,7 @@ void Show(const ClientLease& lease) {
 ExitStatus GiveUpWaiting(const Follower& follower, const WaitOptions& options) {
     const std::string problem = '\'' + options.interface + "' has had no address for " + SpanText(options.timeout);
     if (follower.owner.empty())
-        return Refuse(kExitRefused, problem + ", and there is no daemon", "start it with 'systemctl start ostreld'");
+        return Refuse(kExitNoDaemon, problem + ", and there is no daemon", "start it with 'systemctl start ostreld'");
     return Refuse(kExitRefused, problem, "'ostrelctl status " + options.interface + "' shows what it is doing");
 }
 
@@ -48,10 +48,10 @@ ExitStatus Wait(Follower& follower, const WaitOptions& options, const Settings& 
     for (;;) {
         const Event event = NextEvent(follower, deadline);
         if (event.news == News::Leases && Hold(holding, event, options.interface)) {
-            settings.json ? PrintText(event) : Show(*holding.lease);
+            settings.json ? PrintJson(event.text) : Show(*holding.lease);
             return kExitDone;
         }
-        if (event.news == News::DaemonGone || event.news == News::DaemonBack) Forget(holding, {});
+        if (event.news == News::DaemonGone || event.news == News::DaemonBack) Forget(holding, kNever);
         if (event.news == News::Deadline) return GiveUpWaiting(follower, options);
         if (event.news == News::Interrupted) return Refuse(kExitRefused, "interrupted before there was an address", "");
         if (event.news == News::Failed) return event.status;
@@ -61,8 +61,8 @@ ExitStatus Wait(Follower& follower, const WaitOptions& options, const Settings& 
 ExitStatus Run(const WaitOptions& options, const Settings& settings) {
     const ExitStatus checked = CheckInterface(options.interface);
     if (checked != kExitDone) return checked;
-    Follower follower;
-    const ExitStatus started = StartFollowing(follower, settings, options.interface, false);
+    Follower follower{.interface = options.interface, .servers = false};
+    const ExitStatus started = StartFollowing(follower, settings);
     return started == kExitDone ? Wait(follower, options, settings) : started;
 }
 

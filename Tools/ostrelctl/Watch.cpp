@@ -58,72 +58,73 @@ void Print(Watcher& watcher, const std::string& interface, const std::vector<Cha
     }
 }
 
-// A reply lists all interfaces, so one that is missing is managed no more; a post lists the one that has news.
-std::map<std::string, ClientLease> SaidOfClients(const Watcher& watcher, const Event& event) {
+// What leases say of the interfaces watched. A reply says of the one asked about that it has nothing, if it is missing.
+template <typename Said>
+void Complete(std::map<std::string, Said>& said, const Watcher& watcher, const Event& event) {
+    const std::string& only = watcher.options.interface;
+    if (event.origin != Origin::Post) said.try_emplace(event.interface);
+    std::erase_if(said,
+                  [&only](const auto& entry) { return entry.first.empty() || (!only.empty() && entry.first != only); });
+}
+
+// What is there when an interface is heard of first, by a reply, is no change.
+template <typename Known>
+bool IsFirstLook(const std::map<std::string, Known>& known, const std::string& interface, const Event& event) {
+    return event.origin != Origin::Post && !known.contains(interface);
+}
+
+bool ShowClients(Watcher& watcher, const Event& event) {
     std::map<std::string, ClientLease> said;
     for (const ClientLease& lease : ReadClientLeases(event.root)) said[lease.interface] = lease;
-    if (event.origin == Origin::Post) return said;
-    for (const auto& [interface, holding] : watcher.clients) said.try_emplace(interface);
-    return said;
-}
-
-std::map<std::string, std::vector<TableLine>> SaidOfServers(const Watcher& watcher, const Event& event) {
-    std::map<std::string, std::vector<TableLine>> said;
-    for (const ServerLease& lease : ReadServerLeases(event.root))
-        said[lease.interface].push_back({lease, EndOf(lease.times.ends, event.hearing)});
-    if (event.origin == Origin::Post) return said;
-    for (const auto& [interface, table] : watcher.tables) said.try_emplace(interface);
-    return said;
-}
-
-bool IsWatched(const Watcher& watcher, const std::string& interface) {
-    return watcher.options.interface.empty() || watcher.options.interface == interface;
-}
-
-void ShowClients(Watcher& watcher, const Event& event, bool first) {
-    for (const auto& [interface, lease] : SaidOfClients(watcher, event)) {
-        if (!IsWatched(watcher, interface)) continue;
+    Complete(said, watcher, event);
+    bool tells = false;
+    for (const auto& [interface, lease] : said) {
+        const bool first = IsFirstLook(watcher.clients, interface, event);
         Holding& holding = watcher.clients[interface];
         const Holding before = holding;
         Hear(holding, lease, event.hearing);
-        Print(watcher, interface, ChangesOf(before, holding), first);
+        const std::vector<Change> changes = ChangesOf(before, holding);
+        Print(watcher, interface, changes, first);
+        tells = tells || first || !changes.empty();
     }
+    return tells;
 }
 
-void ShowServers(Watcher& watcher, const Event& event, bool first) {
-    for (auto& [interface, table] : SaidOfServers(watcher, event)) {
-        if (!IsWatched(watcher, interface)) continue;
+bool ShowServers(Watcher& watcher, const Event& event) {
+    std::map<std::string, std::vector<TableLine>> said;
+    for (const ServerLease& lease : ReadServerLeases(event.root))
+        said[lease.interface].push_back({lease, EndOf(lease.times.ends, event.hearing)});
+    Complete(said, watcher, event);
+    bool tells = false;
+    for (auto& [interface, table] : said) {
+        const bool first = IsFirstLook(watcher.tables, interface, event);
         std::vector<TableLine>& known = watcher.tables[interface];
-        Print(watcher, interface, ChangesOf(known, table), first);
+        const std::vector<Change> changes = ChangesOf(known, table);
+        Print(watcher, interface, changes, first);
+        tells = tells || first || !changes.empty();
         known = std::move(table);
     }
+    return tells;
 }
 
-// With --json a reply is shown when it is the first, or tells something new.
-void ShowLeases(Watcher& watcher, const Event& event, bool first) {
-    const unsigned before = watcher.changes;
-    event.server ? ShowServers(watcher, event, first) : ShowClients(watcher, event, first);
-    const bool tells = event.origin != Origin::Question || watcher.changes != before;
-    if (watcher.json && tells) PrintText(event);
+// With --json a reply is shown when it is the first of its interface, or tells something new.
+void ShowLeases(Watcher& watcher, const Event& event) {
+    const bool tells = event.server ? ShowServers(watcher, event) : ShowClients(watcher, event);
+    if (watcher.json && (tells || event.origin == Origin::Post)) PrintJson(event.text);
 }
 
 void ShowDaemon(Watcher& watcher, bool back) {
-    for (auto& [interface, holding] : watcher.clients) Forget(holding, {});
+    for (auto& [interface, holding] : watcher.clients) Forget(holding, kNever);
     Print(watcher, "-", {{back ? '+' : '-', back ? "daemon back" : "daemon gone"}}, false);
 }
 
 ExitStatus Watch(Follower& follower, Watcher& watcher) {
-    bool clientsKnown = false, serversKnown = false;
-    if (follower.owner.empty() && !watcher.json) Print(watcher, "-", {' ', "no daemon yet"});
     while (!HasEnough(watcher)) {
         const Event event = NextEvent(follower, kNever);
         switch (event.news) {
-            case News::Leases: {
-                bool& known = event.server ? serversKnown : clientsKnown;
-                ShowLeases(watcher, event, !known);
-                known = true;
+            case News::Leases:
+                ShowLeases(watcher, event);
                 break;
-            }
             case News::DaemonGone:
             case News::DaemonBack:
                 ShowDaemon(watcher, event.news == News::DaemonBack);
@@ -141,8 +142,8 @@ ExitStatus Watch(Follower& follower, Watcher& watcher) {
 ExitStatus Run(const WatchOptions& options, const Settings& settings) {
     const ExitStatus checked = options.interface.empty() ? kExitDone : CheckInterface(options.interface);
     if (checked != kExitDone) return checked;
-    Follower follower;
-    const ExitStatus started = StartFollowing(follower, settings, options.interface, true);
+    Follower follower{.interface = options.interface, .servers = true};
+    const ExitStatus started = StartFollowing(follower, settings);
     if (started != kExitDone) return started;
     Watcher watcher{.options = options,
                     .json = settings.json,

@@ -1,0 +1,14 @@
+// One process at a time for an interface.
+#pragma once
+
+#include <string>
+
+#include "FileDescriptor.h"
+
+namespace ostrelctl {
+
+// A lock on applying leases to an interface, which ends when it is closed, at the latest with the process. Complains,
+// and gives a closed one, when another process has it.
+[[nodiscard]] FileDescriptor LockInterface(const std::string& interface);
+
+}  // namespace ostrelctl
