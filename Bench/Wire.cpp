@@ -84,6 +84,11 @@ void Finish(Frame& frame, const IPv4& source, const IPv4& destination, uint16_t 
 
 }  // namespace
 
+MAC ClientAddress(uint32_t client) {
+    const uint32_t n = client + 1;
+    return {0x02, 0xC0, 0x00, static_cast<uint8_t>(n >> 16), static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
+}
+
 Frame MakeRequest(const Message& message) {
     constexpr std::array<uint8_t, 4> kWanted{1, 3, 6, 15};
     Frame frame = Begin(message, 1, message.client, kBroadcast);

@@ -34,6 +34,9 @@ struct Message {
     IPv4 server;  // option 54; zero when absent
 };
 
+// The Ethernet address of the Nth client that these programs play, counted from 0.
+MAC ClientAddress(uint32_t client);
+
 // A whole frame from client to server or back, checksums included.
 Frame MakeRequest(const Message& message);
 Frame MakeReply(const Message& message, const MAC& serverMAC, uint32_t leaseSeconds);

@@ -48,11 +48,6 @@ struct Timer {
     uint8_t type;
 };
 
-bench::MAC AddressOf(uint32_t client) {
-    const uint32_t n = client + 1;
-    return {0x02, 0xC0, 0x00, static_cast<uint8_t>(n >> 16), static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
-}
-
 class Load {
 public:
     Load(const Options& given, int socket) : options(given), fd(socket), clients(given.clients) {}
@@ -88,7 +83,7 @@ private:
             if (client.waiting.type != 0) continue;
             ++started;
             ++underWay;
-            Begin(index, {bench::kDiscover, AddressOf(index), ++xid, {}, {}});
+            Begin(index, {bench::kDiscover, bench::ClientAddress(index), ++xid, {}, {}});
         }
     }
 
@@ -131,7 +126,7 @@ private:
         bench::Message reply;
         if (!bench::Parse(frame, reply)) return;
         const uint32_t index = (reply.client[3] << 16 | reply.client[4] << 8 | reply.client[5]) - 1U;
-        if (index >= clients.size() || reply.client != AddressOf(index)) return;
+        if (index >= clients.size() || reply.client != bench::ClientAddress(index)) return;
         Client& client = clients[index];
         if (client.waiting.xid != reply.xid) return;
         if (client.waiting.type == bench::kDiscover && reply.type == bench::kOffer) {

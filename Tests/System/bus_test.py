@@ -1,11 +1,16 @@
 """The bus as a caller meets it: introspection, and requests that are wrong, long or deep."""
 import json
 import os
+import pathlib
+import resource
+import signal
 import subprocess
+import sys
+import time
 
 import lab
-from bus import BusError
-from wire import ScriptedServer
+from bus import Bus, BusError
+from wire import BROADCAST, ScriptedServer, option, packet_socket, udp_frame
 
 FAILED = {"returnValue": False, "errorCode": -1, "errorText": "Failed"}
 REFUSED = {"returnValue": False}
@@ -32,6 +37,115 @@ WRONG_KEYS = [
     ("/client", "leaseAction", {"interface": "eth0", "leaseAction": "Init"}, REFUSED),
     ("/client", "leaseAction", {"interface": "eth9", "leaseAction": "init"}, REFUSED),
 ]
+
+
+# Valid UTF-8, and yet no bus library takes it: U+FFFF, U+FDD0, U+1FFFE.
+NONCHARACTERS = (b"\xef\xbf\xbf", b"\xef\xb7\x90", b"\xf0\x9f\xbf\xbe")
+SERVER_REQUEST = dict(lab.CLIENT_REQUEST, mode="server", ipv4Address="192.0.2.1", ipv4Subnet="255.255.255.0",
+                      ipv4Router="192.0.2.1", ipv4RangeStart="192.0.2.100", maxLeases=100)
+READER = """
+import sys; sys.path.insert(0, sys.argv[1])
+from bus import Bus
+bus = Bus(sys.argv[2])
+bus.request("/server", "leaseInformation", subscribe=True)
+print("ready", flush=True)
+while bus.next_signal(1000): pass
+"""
+
+
+def request_frame(number, extra=b""):
+    """A broadcast DHCPREQUEST of the station with that number for the server's address of that number."""
+    mac = bytes([2, 0, 0, 0, 9, number])
+    bootp = (b"\x01\x01\x06\x00" + bytes([0, 0, 1, number]) + bytes(20) + mac + bytes(202) + b"\x63\x82\x53\x63"
+             + option(53, b"\x03") + option(50, bytes([192, 0, 2, 100 + number])) + extra + b"\xff")
+    return udp_frame(mac.hex(":"), BROADCAST, "0.0.0.0", "255.255.255.255", (68, 67), bootp)
+
+
+def resident_megabytes(pid):
+    return int(pathlib.Path(f"/proc/{pid}/status").read_text().split("VmRSS:")[1].split()[0]) / 1024
+
+
+class Limits(lab.LabTest):
+    def station(self):
+        talker = packet_socket(self.lab.namespace("client"), "eth0")
+        self.addCleanup(talker.close)
+        return talker
+
+    def serve(self, *options):
+        daemon = self.daemon(*options, host="server")
+        daemon.must("/", "interfaceInitialize", **SERVER_REQUEST)
+        return daemon
+
+    def test_noncharacters_from_anywhere_break_no_answer_and_no_post(self):
+        server, talker = self.serve(), self.station()
+        server.must("/server", "leaseInformation", subscribe=True)
+        for number, text in enumerate(NONCHARACTERS):
+            talker.send(request_frame(number, option(12, text) + option(61, b"\0" + text)))
+            post = server.bus.next_post("/server", "leaseInformation", 10)
+            lease = post["leases"][0]["leases"][number]
+            self.assertEqual((lease["hostName"], lease["clientIdentifier"]), ("\ufffd", "\ufffd"))
+        self.assertEqual(len(server.must("/server", "leaseInformation")["interfaceList"][0]["leases"]), 3)
+        server.must("/", "interfaceFinalize", interface="eth0")
+        server.must("/", "interfaceInitialize", **dict(SERVER_REQUEST, domainName="\uffff"))
+        self.assertEqual(server.must("/", "interfaceConfigDump")["interfaceList"][0]["domainName"], "\ufffd")
+        server.must("/", "interfaceFinalize", interface="eth0")
+
+        with_domain = ScriptedServer(self.lab.namespace("server"), extra=option(15, b"lab." + NONCHARACTERS[0]))
+        self.addCleanup(with_domain.close)
+        client = self.daemon()
+        client.become_client()
+        self.assertEqual(client.publication(20)["domainName"], "lab.\ufffd")
+        self.assertEqual(client.lease()["domainName"], "lab.\ufffd")
+
+    def test_a_subscriber_that_stops_reading_costs_nobody_anything(self):
+        server, talker = self.serve("-z", "-l", "notice"), self.station()
+        address = self.lab.bus_address("server")
+        bus_pid = int((self.lab.directory / "bus" / "server.pid").read_text())
+        stopped = subprocess.Popen([sys.executable, "-c", READER, str(pathlib.Path(__file__).parent), address],
+                                   stdout=subprocess.PIPE, text=True)
+        self.addCleanup(stopped.wait)
+        self.addCleanup(stopped.kill)
+        self.assertEqual(stopped.stdout.readline(), "ready\n")
+        server.must("/server", "leaseInformation", subscribe=True)
+        stopped.send_signal(signal.SIGSTOP)
+        name = option(12, b"\x01" * 200)
+        for number in range(100):
+            talker.send(request_frame(number, name))
+        lab.eventually(lambda: self.leases(server) == 100, 10, "a lease for everybody")
+        before = [resident_megabytes(pid) for pid in (server.pid, bus_pid)]
+        for _ in range(30):  # 3,000 tables of 140 KB
+            for number in range(100):
+                talker.send(request_frame(number, name))
+            begun = time.monotonic()
+            server.must("/", "interfaceConfigDump")
+            self.assertLess(time.monotonic() - begun, 5, "an answer")
+        talker.send(request_frame(7, option(12, b"the last")))
+        lab.eventually(lambda: self.is_last(server), 10, "the last state posted")
+        if not lab.SANITIZED:
+            grown = [resident_megabytes(pid) - was for pid, was in zip((server.pid, bus_pid), before)]
+            self.assertLess(max(grown), 16, grown)
+
+    def leases(self, server):
+        return len(server.must("/server", "leaseInformation")["interfaceList"][0]["leases"])
+
+    def is_last(self, server):
+        post = server.bus.next_post("/server", "leaseInformation", 5)
+        return post and any(lease["hostName"] == "the last" for lease in post["leases"][0]["leases"])
+
+    def test_a_message_that_finds_no_memory_is_not_a_lost_bus(self):
+        if lab.SANITIZED:
+            self.skipTest("address space is what the sanitizer is made of")
+        server = self.serve()
+        resource.prlimit(server.pid, resource.RLIMIT_AS, (24 << 20, resource.RLIM_INFINITY))
+        with self.assertRaises(BusError):
+            other = Bus(self.lab.bus_address("server"))
+            self.addCleanup(other.close)
+            other.call("/", "interfaceConfigDump", " " * (20 << 20), timeout=2)
+        before = server.cpu_seconds()
+        time.sleep(1)
+        self.assertLess(server.cpu_seconds() - before, 0.1, "processor time used by waiting")
+        resource.prlimit(server.pid, resource.RLIMIT_AS, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+        self.assertEqual(len(server.must("/", "interfaceConfigDump")["interfaceList"]), 1)
 
 
 class Requests(lab.LabTest):
