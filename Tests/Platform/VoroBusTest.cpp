@@ -148,6 +148,11 @@ bool Echo(VSHandle* handle, VSMessage* message, void*) {
     return true;
 }
 
+bool End(VSHandle* handle, VSMessage* message, void*) {
+    eloop_terminate();
+    return VSMessageReply(handle, message, "the last one", &error);
+}
+
 bool Throwing(VSHandle*, VSMessage*, void*) {
     throw std::runtime_error("a method");
 }
@@ -164,8 +169,11 @@ bool CountCancelled(VSHandle*, VSMessage* message, void* context) {
     return true;
 }
 
-constexpr VSMethod kRootMethods[] = {
-    {"echo", Echo, 0}, {"silent", [](VSHandle*, VSMessage*, void*) { return true; }, 0}, {"throwing", Throwing, 0}, {}};
+constexpr VSMethod kRootMethods[] = {{"echo", Echo, 0},
+                                     {"silent", [](VSHandle*, VSMessage*, void*) { return true; }, 0},
+                                     {"throwing", Throwing, 0},
+                                     {"end", End, 0},
+                                     {}};
 constexpr VSMethod kLeaseMethods[] = {{"leaseInformation", LeaseInformation, 0}, {}};
 constexpr VSSignal kLeaseSignals[] = {{"leaseInformationUpdate", 0}, {}};
 
@@ -238,6 +246,22 @@ TEST_F(VoroBusTest, EveryCallGetsOneAnswerInTheOrderOfTheCalls) {
         ASSERT_TRUE(caller.RunUntil([&] { return answers[i].has_value(); }));
         ASSERT_EQ(answers[i], std::to_string(i));
     }
+}
+
+TEST_F(VoroBusTest, NoCallIsCarriedOutOnceTheLoopEnds) {
+    Caller caller;
+    Answer last, later;
+    caller.Send("/", "end", "", &last);
+    caller.Send("/", "echo", "done", &later);
+    caller.Flush();
+    g_usleep(100'000);  // both wait to be read in one pass
+    eloop_run();
+    ASSERT_TRUE(caller.RunUntil([&] { return last.has_value(); }));
+    EXPECT_EQ(last, "the last one");
+    EXPECT_TRUE(VSUnregister(handle, &error));
+    handle = nullptr;
+    ASSERT_TRUE(caller.RunUntil([&] { return later.has_value(); }));
+    EXPECT_EQ(later, "org.freedesktop.DBus.Error.UnknownObject") << "as the method was not run";
 }
 
 TEST_F(VoroBusTest, SubscribersHearPostsOnceUntilTheyCancel) {
