@@ -92,7 +92,7 @@ uint64_t TakeRetryDelay(Ostrel_ClientTimeout timeout, uint32_t& remaining) {
 Ostrel_Status Ostrel_DHCPClientStateTransition_Selecting(Ostrel_ClientObj* client) {
     EnterState(client, kClientStateSelecting);
     OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientSend(client, Ostrel_DHCPClientDiscover()));
-    Ostrel_DHCPClientArm(client, kClientTimeoutSelecting, client->selectingTime * 1000);
+    Ostrel_DHCPClientArm(client, kClientTimeoutSelecting, uint64_t{client->selectingTime} * 1000);
     return kNoErr;
 }
 
@@ -197,7 +197,7 @@ Ostrel_Status Ostrel_DHCPClientStateTransition_Init(Ostrel_ClientObj* client) {
     Ostrel_DHCPClientFreeLeaseOffers(client);
     uint32_t milliseconds = 0;
     Ostrel_RandomizeTimeout(client->initDelayMin * 1000, client->initDelayMax * 1000, &milliseconds);
-    Ostrel_DHCPClientArm(client, kClientTimeoutInit, milliseconds / 1000 * 1000);  // whole seconds
+    Ostrel_DHCPClientArm(client, kClientTimeoutInit, milliseconds - milliseconds % 1000);  // whole seconds
     return kNoErr;
 }
 

@@ -89,7 +89,8 @@ TEST(PacketFilter, DHCPPassesUDPToThePortInWholeOrFirstFragments) {
         Judge(program, frame,
               {{"EtherType", 13, {}, {0x06}},
                {"flags, don't fragment or more to come", 20, {0x20, 0x40}, {}},
-               {"fragment offset", 21, {}, {1}},
+               {"fragment offset, high", 20, {}, {0x01, 0x10, 0x3F}},
+               {"fragment offset, low", 21, {}, {1, 0x80}},
                {"protocol", 23, {}, {6}},
                {"source port", 35, {67, 68, 99}, {}},
                {"destination port", 37, {}, {static_cast<uint8_t>(67 + 68 - port)}}});

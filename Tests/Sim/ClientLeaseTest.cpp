@@ -93,7 +93,9 @@ TEST(ClientLease, FollowsTheTimesItWasGiven) {
         {"both at once", 400, 0, 0, 100, {0, 2, 2}, {0}},
         {"no time at all", 0, {}, {}, 3, {0, 2, 2}, {0, 2}},
         {"7 times it is more than 32 bits", 700'000'000, 699'999'999, {}, 612'500'010, {0, 612'500'002}, {0}},
+        {"T2 and end are over 68 years away", 0xFFFFFFFE, {}, {}, kWeek, {0}, {0}},
         {"infinite", 0xFFFFFFFF, {}, {}, 20 * 52 * kWeek, {0}, {0}},
+        {"infinite, with T1 and T2", 0xFFFFFFFF, 1000, 2000, kWeek, {0}, {0}},
     };
     for (const auto& one : cases) {
         SCOPED_TRACE(one.what);

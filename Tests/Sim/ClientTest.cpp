@@ -1,10 +1,13 @@
 // A dhcp client from the first DISCOVER to a bound lease, and everything that can go wrong on the way.
 
+#include <array>
+#include <cstdlib>
 #include <set>
 
 #include "Ostrel/DHCPShared.h"
 #include "Ostrel/Interface.h"
 
+#include "DHCPClient/Machine.h"
 #include "Harness.h"
 
 namespace sim {
@@ -17,6 +20,28 @@ Frame Literal(const char* headers, const char* options) {
     const Frame tail = Bytes(std::string("63825363") + options + "ff");
     frame.insert(frame.end(), tail.begin(), tail.end());
     return frame;
+}
+
+// The state that the first change of state in the log leads to; "" when there is none.
+std::string NextState(const World& world) {
+    for (const LogLine& line : world.log) {
+        if (line.text.find("DHCP Client state transition") == std::string::npos) continue;
+        const size_t at = line.text.rfind("> ") + 2;
+        return line.text.substr(at, line.text.size() - at - 1);  // without the full stop
+    }
+    return "";
+}
+
+// Cancels the client's timeouts and says which there were.
+std::string Disarmed(Ostrel_ClientObj* client) {
+    std::string armed;
+    for (const Ostrel_TimeoutKind& kind : kClientTimeouts) {
+        const int removed = kind.rtc ? eloop_cancel_timeout_rtc(kind.name, kind.handler, client, client->iface)
+                                     : eloop_cancel_timeout(kind.handler, client, client->iface);
+        const std::string_view name = kind.name;
+        for (int i = 0; i < removed; ++i) armed += std::string(name.substr(name.rfind('.') + 1)) + " ";
+    }
+    return armed;
 }
 
 TEST(Client, IsSilentUntilALeaseActionAndThenSpeaksInTheseBytes) {
@@ -127,15 +152,30 @@ TEST(Client, DropsAMalformedAnswerWhole) {
     const auto otherXid = [](DHCPMessage& answer) { answer.xid ^= 1; };
     const auto otherClient = [](DHCPMessage& answer) { answer.chaddr[5] ^= 1; };
     const auto otherType = [](DHCPMessage& answer) { answer.options[0].second[0] = kInform; };
-    const std::pair<MessageType, std::function<void(DHCPMessage&)>> cases[] = {
-        {kOffer, otherXid},     {kOffer, otherClient},  {kOffer, without(54)}, {kOffer, resized(54, 3)},
-        {kOffer, without(53)},  {kOffer, otherType},    {kAck, otherXid},      {kAck, otherClient},
-        {kAck, without(51)},    {kAck, resized(51, 2)}, {kAck, without(54)},   {kAck, resized(54, 5)},
-        {kAck, without(1)},     {kAck, resized(1, 3)},  {kAck, resized(3, 6)}, {kAck, resized(6, 7)},
-        {kAck, resized(58, 2)}, {kAck, resized(59, 8)}};
-    int number = 0;
-    for (const auto& [type, tamper] : cases) {
-        SCOPED_TRACE(++number);
+    const struct {
+        const char* what;
+        MessageType type;
+        std::function<void(DHCPMessage&)> tamper;
+    } cases[] = {{"offer, another transaction", kOffer, otherXid},
+                 {"offer, another client", kOffer, otherClient},
+                 {"offer, no server identifier", kOffer, without(54)},
+                 {"offer, server identifier cut", kOffer, resized(54, 3)},
+                 {"offer, no message type", kOffer, without(53)},
+                 {"offer, another message type", kOffer, otherType},
+                 {"ack, another transaction", kAck, otherXid},
+                 {"ack, another client", kAck, otherClient},
+                 {"ack, no lease time", kAck, without(51)},
+                 {"ack, lease time cut", kAck, resized(51, 2)},
+                 {"ack, no server identifier", kAck, without(54)},
+                 {"ack, server identifier too long", kAck, resized(54, 5)},
+                 {"ack, no mask", kAck, without(1)},
+                 {"ack, mask cut", kAck, resized(1, 3)},
+                 {"ack, a router and a half", kAck, resized(3, 6)},
+                 {"ack, DNS servers cut", kAck, resized(6, 7)},
+                 {"ack, T1 cut", kAck, resized(58, 2)},
+                 {"ack, T2 too long", kAck, resized(59, 8)}};
+    for (const auto& [what, type, tamper] : cases) {
+        SCOPED_TRACE(what);
         Lan lan;
         ScriptedServer server(lan.wire, {.t1 = 100, .t2 = 200});
         server.script.tamper = [type = type, &tamper = tamper](DHCPMessage& answer) {
@@ -164,15 +204,20 @@ TEST(Client, RepeatsAnUnansweredRequestAndThenStartsOver) {
     const auto requests = lan.Sent(kRequest);
     for (size_t i = 1; i < 5; ++i) EXPECT_EQ(WriteDHCP(requests[i]), WriteDHCP(requests[0]));
 
+    lan.RunFor(77s - lan.world.Now());  // the second round is as the first
+    EXPECT_EQ(lan.SentAt(kRequest), (Seconds{0, 4, 12, 28, 60, 64, 68, 76}));
+
     server.script.silentToRequest = false;  // a late answer to the same transaction is still an answer
-    lan.RunFor(10s);
+    lan.RunFor(18s);
     EXPECT_EQ(lan.Lease().address, "192.0.2.10");
 }
 
 // A short send ends the step it happened in; "init" always helps.
 TEST(Client, SurvivesAShortSendInEveryStep) {
-    for (const uint32_t good : {0U, 1U, 2U}) {  // DISCOVER, REQUEST, ARP probe
-        SCOPED_TRACE(good);
+    const std::pair<const char*, uint32_t> steps[] = {{"DISCOVER", 0}, {"REQUEST", 1}, {"ARP probe", 2}};
+    for (const auto& [step, before] : steps) {
+        SCOPED_TRACE(step);
+        const uint32_t good = before;
         Lan lan;
         ScriptedServer server(lan.wire);
         lan.Init();
@@ -242,6 +287,88 @@ TEST(Client, RecoversFromEveryFailedAllocation) {
         EXPECT_EQ(droppedOffers, 1U);
         EXPECT_GT(nth, 10U);  // interface, buffers, sockets, programs, client, identifier, options, offer, lease
         return;
+    }
+}
+
+TEST(Client, CarriesAnIdentifierThatFitsItsOptionAndRefusesALongerOne) {
+    for (const size_t length : {0U, 1U, 254U, 255U}) {
+        SCOPED_TRACE(length);
+        Lan lan;
+        ASSERT_TRUE(lan.daemon.Finalize("eth0"));
+        const std::string text(length, 'x');
+        ASSERT_EQ(lan.daemon.Initialize("eth0", {{"clientIdentifier", valdo::JValue(text)}}), length < 255);
+        EXPECT_EQ(lan.world.Logged("( length <= kOptionMaxData )"), length == 255);
+        if (length == 255) continue;
+        lan.Init();
+        lan.RunFor(1s);
+        Frame identifier(length + 1, 'x');
+        identifier[0] = 0;
+        EXPECT_EQ(*lan.Sent(kDiscover).at(0).Find(61), identifier);
+    }
+}
+
+TEST(Timeouts, AreDrawnBelowTheirUpperBound) {
+    const World world;
+    uint32_t seen = 0;
+    for (int i = 0; i < 1000; ++i) {
+        uint32_t drawn = 0;
+        Ostrel_RandomizeTimeout(1000, 1003, &drawn);
+        ASSERT_TRUE(drawn >= 1000 && drawn < 1003) << drawn;
+        seen |= 1U << (drawn - 1000);
+    }
+    EXPECT_EQ(seen, 7U);
+    std::srand(1);  // as it was, for the tests that know the sequence
+}
+
+// The table above the state machine, walked: what is armed in each state, and which state each event leads to next.
+TEST(Client, InEachStateHasItsTimeoutsAndGoesWhereEachEventLeads) {
+    const struct {
+        const char* state;
+        Duration moment;
+        bool silent, silentToRequest;
+        const char* armed;
+        std::array<const char*, 6> next;
+    } rows[] = {
+        {"INIT-REBOOT", -1s, false, false, "", {"INIT", "INIT-REBOOT", "", "", "INIT", ""}},
+        {"INIT", 4s, true, false, "init ", {"INIT", "INIT-REBOOT", "", "", "INIT", ""}},
+        {"SELECTING", 1s, true, false, "selecting ", {"INIT", "INIT-REBOOT", "REQUESTING", "", "INIT", ""}},
+        {"REQUESTING", 2s, false, true, "requesting ", {"INIT", "INIT-REBOOT", "", "BOUND", "INIT", ""}},
+        {"BOUND", 1s, false, false, "arping ", {"INIT", "INIT-REBOOT", "", "", "INIT", "INIT"}},
+        {"BOUND", 100s, false, false, "renewing rebinding expiry ", {"INIT", "INIT-REBOOT", "", "", "INIT", "INIT"}},
+        {"RENEWING",
+         1900s,
+         false,
+         false,
+         "renewing rebinding expiry ",
+         {"INIT", "INIT-REBOOT", "", "BOUND", "INIT", "INIT"}},
+        {"REBINDING", 3200s, false, false, "rebinding expiry ", {"INIT", "INIT-REBOOT", "", "BOUND", "INIT", "INIT"}},
+    };
+    constexpr std::array kEvents{"init", "halt", "OFFER", "ACK", "NAK", "ARP reply"};
+    for (const auto& row : rows) {
+        for (size_t event = 0; event < kEvents.size(); ++event) {
+            SCOPED_TRACE(std::string(row.state) + ", " + kEvents[event]);
+            Lan lan;
+            ScriptedServer server(lan.wire, {.silent = row.silent, .silentToRequest = row.silentToRequest});
+            Ostrel_ClientObj* const client = lan.daemon.system.interfaceList->dhcpClient;
+            if (row.moment >= 0s) lan.Init();
+            lan.RunFor(std::min<Duration>(std::max<Duration>(row.moment, 0s), 2s + 500ms));
+            server.script.silent = true;
+            lan.RunFor(std::max<Duration>(row.moment - lan.world.Now(), 0s));
+            ASSERT_STREQ(Ostrel_ClientStateString(client->state), row.state);
+
+            lan.world.log.clear();
+            const DHCPMessage request{
+                .ethernetSource = kClientMAC, .xid = __builtin_bswap32(client->transactionID), .chaddr = kClientMAC};
+            if (event < 2) lan.daemon.LeaseAction("eth0", kEvents[event]);
+            if (event == 2) server.Send(server.Answer(request, kOffer));
+            if (event == 3) server.Send(server.Answer(request, kAck));
+            if (event == 4) server.Send(server.Answer(request, kNak));
+            if (event == 5) ArpHost(lan.wire, kOtherMAC, ToIPv4("192.0.2.10")).Send(2, kClientMAC, 0);
+            lan.RunFor(50us);
+            EXPECT_EQ(NextState(lan.world), row.next[event]);
+            if (*row.next[event] != 0) continue;
+            EXPECT_EQ(Disarmed(client), row.armed);
+        }
     }
 }
 

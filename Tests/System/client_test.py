@@ -125,6 +125,12 @@ class Conflict(lab.LabTest):
         self.assertNotEqual(again.xid, declined.xid)
         self.assertIsNone(client.bus.next_post("/client", "leaseInformation", 3))
 
+        # Of any ten seconds the first ten as they come, further ones at one a second.
+        for kind in (DISCOVER, DECLINE):
+            sent = [frame.when for frame in wire.frames if frame.dhcp == kind and frame.source == CLIENT_MAC]
+            for before, last, now in zip(sent, sent[9:], sent[10:]):
+                self.assertTrue(now - before > 9.9 or now - last > 0.9, (kind, sent))
+
         self.lab.ip("other", f"addr del {address}/24 dev eth0")
         self.assertEqual(client.publication(60)["ipv4Address"], address)
         options = wire.dissect(f"{FROM_CLIENT} && dhcp.option.dhcp == {DECLINE}", "dhcp.option.type",
