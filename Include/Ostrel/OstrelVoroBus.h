@@ -39,10 +39,10 @@ bool Ostrel_VoroMethod_ServerLeaseInformation(VSHandle* handle, VSMessage* messa
 bool Ostrel_VoroMethod_Unsubscribe(VSHandle* handle, VSMessage* message, void* context);
 
 // Answers a call: "returnValue", on failure "errorCode" (unless 0) and "errorText" (unless null), "subscribed" when the
-// caller was enrolled, and the payload, which is moved from, under its key when both are given.
+// caller was enrolled, and the payload under its key when both are given.
 Ostrel_Status Ostrel_VSUtil_SendJSONReply(Ostrel_SystemObj* sysObj, VSHandle* handle, VSMessage* message,
                                           bool returnValue, int32_t errorCode, const char* errorText,
-                                          const char* payloadKey, valdo::JValue* payload);
+                                          const char* payloadKey, const valdo::JValue* payload);
 
 // The managed interface that the request's "interface" names: kBadParamErr without a usable key, kNoSuchItemErr for an
 // unknown name.

@@ -4,10 +4,12 @@
 #include <cstdint>
 
 #include "Ostrel/Status.h"
+#include "Ostrel/WallClock.h"
 
 #include "VoroBus.h"
 
 struct Ostrel_InterfaceObj;
+struct Ostrel_LeaseTexts;
 
 // The name on the bus, of the system log's context, and the first part of every alarm's name.
 constexpr char kServiceName[] = "org.ostrel.dhcp";
@@ -18,6 +20,8 @@ constexpr uint32_t kInactivitySeconds = 300;  // how long the daemon stays with 
 struct Ostrel_SystemObj {
     Ostrel_InterfaceObj* interfaceList;  // head of the list of managed interfaces, in creation order; owned
     VSHandle* serviceHandle;             // set by Ostrel_VoroServiceInitialize; owned
+    Ostrel_WallClock wallClock;          // lease times are shown by it
+    Ostrel_LeaseTexts* leaseTexts;       // the bus area's; Ostrel_VoroServiceFinalize frees them
 };
 
 // Event-loop callback: stops the loop when no interface came for kInactivitySeconds. Both contexts are null.

@@ -1,5 +1,5 @@
-// The simulated device's clocks: both follow the world's virtual time. Local time is UTC, so that traces are the same
-// everywhere.
+// The simulated device's clocks: both follow the world's virtual time. Local time is UTC unless a test
+// says otherwise, so that traces are the same everywhere.
 
 #include <cstring>
 #include <ctime>
@@ -23,7 +23,7 @@ int64_t os_wall_seconds() noexcept {
 
 bool os_local_time_text(int64_t wallSeconds, std::span<char> text) noexcept {
     if (text.empty()) return false;
-    const time_t seconds = wallSeconds;
+    const time_t seconds = wallSeconds + sim::World::Get().zoneSeconds;
     tm fields{};
     if (gmtime_r(&seconds, &fields) != nullptr &&
         std::strftime(text.data(), text.size(), "%a %b %e %H:%M:%S %Y\n", &fields) > 0) {

@@ -112,7 +112,8 @@ public:
     bool RunFor(Duration duration);
     void At(Duration delay, std::function<void()> action);  // a scripted event
     [[nodiscard]] uint32_t MonotonicSeconds() const;        // what the daemon's clock says now
-    int64_t wallStart = 1'780'000'000;                      // wall clock at the beginning
+    int64_t wallStart = 1'780'000'000;                      // wall clock at the beginning; changed: it was set
+    int64_t zoneSeconds = 0;                                // local time is so far ahead of UTC
     uint32_t monotonicStart = 1000;                         // monotonic clock at the beginning
     [[nodiscard]] bool Terminated() const;                  // RunFor then does nothing until the loop is made anew
     void Raise(int signal);                                 // SIGTERM or SIGINT, delivered through the loop

@@ -32,16 +32,21 @@ void PutAddressWithoutLease(const Ostrel_InterfaceObj* iface, JValue& object) {
     if (address != kAnyIPv4) OstrelJsonUtilsIPv4Put(object, "ipv4Subnet", kLinkLocalMask);
 }
 
-void PutLease(const Ostrel_ClientLease& lease, JValue& object) {
+void PutLease(Ostrel_SystemObj* sysObj, const Ostrel_ClientLease& lease, JValue& object) {
     OstrelJsonUtilsIPv4Put(object, "ipv4Address", lease.IPv4Address);
     OstrelJsonUtilsIPv4Put(object, "ipv4Subnet", lease.IPv4SubnetMask);
     Ostrel_VSUtil_PutNetwork(object, lease);
-    Ostrel_VSUtil_PutLeaseTimes(object, lease.leaseAcquired, lease.leaseTime);
+    Ostrel_VSUtil_PutLeaseTimes(sysObj, lease.leaseAcquired, lease.leaseTime, object);
 }
 
-void FillList(Ostrel_SystemObj* sysObj, Ostrel_InterfaceObj* selected, JValue& list) {
-    Ostrel_ClientObj* client = selected == nullptr ? nullptr : selected->dhcpClient;
-    Ostrel_VoroServiceCreateClientLeaseInformationArray(sysObj, client, list);
+bool WriteClients(Ostrel_SystemObj* sysObj, Ostrel_ClientObj* client, std::string* list) {
+    JValue array = valdo::Array();
+    Ostrel_VoroServiceCreateClientLeaseInformationArray(sysObj, client, array);
+    return Ostrel_VSUtil_ToText(array, list);
+}
+
+bool WriteList(Ostrel_SystemObj* sysObj, Ostrel_InterfaceObj* selected, std::string* list) {
+    return WriteClients(sysObj, selected == nullptr ? nullptr : selected->dhcpClient, list);
 }
 
 // The post of an interface's leases, as they are when it is sent.
@@ -49,21 +54,20 @@ bool WriteState(void* context, const char* ifname, std::string* text) {
     auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
     const Ostrel_InterfaceObj* iface = Ostrel_VSUtil_FindInterface(sysObj, ifname);
     if (iface == nullptr || iface->dhcpClient == nullptr) return true;  // gone meanwhile
-    JValue array = valdo::Array();
-    Ostrel_VoroServiceCreateClientLeaseInformationArray(sysObj, iface->dhcpClient, array);
-    return Ostrel_VSUtil_WritePost("interfaceList", std::move(array), text);
+    std::string list;
+    return WriteClients(sysObj, iface->dhcpClient, &list) && Ostrel_VSUtil_WritePost("interfaceList", list, text);
 }
 
 }  // namespace
 
-Ostrel_Status Ostrel_VoroServiceCreateClientLeaseInformationObject(Ostrel_SystemObj* /*sysObj*/,
-                                                                   Ostrel_ClientObj* client, JValue& object) {
+Ostrel_Status Ostrel_VoroServiceCreateClientLeaseInformationObject(Ostrel_SystemObj* sysObj, Ostrel_ClientObj* client,
+                                                                   JValue& object) {
     OSTREL_REQUIRE(client != nullptr, "client", kBadParamErr);
     object.put("interface", client->iface->ifname.data());
     if (client->lease.IPv4Address == kAnyIPv4)
         PutAddressWithoutLease(client->iface, object);
     else
-        PutLease(client->lease, object);
+        PutLease(sysObj, client->lease, object);
     return kNoErr;
 }
 
@@ -79,7 +83,7 @@ Ostrel_Status Ostrel_VoroServiceCreateClientLeaseInformationArray(Ostrel_SystemO
 }
 
 bool Ostrel_VoroMethod_ClientLeaseInformation(VSHandle* handle, VSMessage* message, void* context) {
-    Ostrel_VSUtil_AnswerWithList({__func__, kGenericErr, FillList}, handle, message, context);
+    Ostrel_VSUtil_AnswerWithList({__func__, kGenericErr, WriteList}, handle, message, context);
     return true;
 }
 

@@ -66,9 +66,11 @@ void DumpInterface(Ostrel_SystemObj* sysObj, Ostrel_InterfaceObj* iface, JValue&
     list.append(std::move(object));
 }
 
-void FillList(Ostrel_SystemObj* sysObj, Ostrel_InterfaceObj* selected, JValue& list) {
+bool WriteList(Ostrel_SystemObj* sysObj, Ostrel_InterfaceObj* selected, std::string* list) {
+    JValue array = valdo::Array();
     for (auto* iface = sysObj->interfaceList; iface != nullptr; iface = iface->next)
-        if (selected == nullptr || iface == selected) DumpInterface(sysObj, iface, list);
+        if (selected == nullptr || iface == selected) DumpInterface(sysObj, iface, array);
+    return Ostrel_VSUtil_ToText(array, list);
 }
 
 }  // namespace
@@ -87,6 +89,6 @@ Ostrel_Status OstrelVsConfigDumpClient(Ostrel_SystemObj* /*sysObj*/, Ostrel_Clie
 }
 
 bool Ostrel_VoroMethod_InterfaceConfigDump(VSHandle* handle, VSMessage* message, void* context) {
-    Ostrel_VSUtil_AnswerWithList({__func__, kNoErr, FillList}, handle, message, context);
+    Ostrel_VSUtil_AnswerWithList({__func__, kNoErr, WriteList}, handle, message, context);
     return true;
 }

@@ -13,6 +13,7 @@
 #include "Ostrel/OstrelVoroBus.h"
 #include "Ostrel/System.h"
 
+#include "LeaseTexts.h"
 #include "Method.h"
 
 namespace {
@@ -25,6 +26,7 @@ const char* WordOf(const std::string& text) {
 Ostrel_Status FinalizeInterface(const Ostrel_Request& request, Ostrel_SystemObj* sysObj) {
     Ostrel_InterfaceObj* iface = nullptr;
     OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_VSUtil_ResolveInterfaceObj(sysObj, request.root, &iface));
+    Ostrel_LeaseTextsForget(sysObj, iface->dhcpServer);
     Ostrel_InterfaceFinalize(&sysObj->interfaceList, iface);
     return kNoErr;
 }
@@ -82,7 +84,9 @@ bool Ostrel_VoroMethod_ClientLeaseAction(VSHandle* handle, VSMessage* message, v
     return true;
 }
 
-bool Ostrel_VoroMethod_Unsubscribe(VSHandle* /*handle*/, VSMessage* message, void* /*context*/) {
+bool Ostrel_VoroMethod_Unsubscribe(VSHandle* /*handle*/, VSMessage* message, void* context) {
+    auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
+    if (!Ostrel_VSUtil_HasLeaseSubscribers(sysObj, "/server")) Ostrel_LeaseTextsForgetAll(sysObj);
     const char* method = VSMessageGetMethod(message);
     Ostrel_LogPrint(kQxLogDebug, "%s: %s\n", __func__, method);
     int32_t index = 0;

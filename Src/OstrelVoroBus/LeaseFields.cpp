@@ -1,8 +1,8 @@
 // Fields that the lease objects and the configuration dump share.
 //
 // Lease times are kept on the monotonic clock. They are turned into wall-clock time when they are shown, so they follow
-// every change of the system clock made since: what is shown is always "so many seconds before now". The difference of
-// two monotonic times is unsigned; from there on all is 64 bits wide, since a lease may last 136 years.
+// every change of the system clock made since: what is shown is always "so many seconds before now" (WallClock.h). From
+// there on all is 64 bits wide, since a lease may last 136 years.
 //
 // Host names and identifiers are what a client cared to send, any bytes at all; serialising mends what is not UTF-8.
 
@@ -12,7 +12,9 @@
 #include <array>
 
 #include "Ostrel/DHCPClient.h"
+#include "Ostrel/Log.h"
 #include "Ostrel/OstrelVoroBus.h"
+#include "Ostrel/System.h"
 
 #include "os_time.h"
 
@@ -44,9 +46,12 @@ void Ostrel_VSUtil_PutNetwork(JValue& object, const Ostrel_ClientLease& lease) {
     if (lease.domainNameLen != 0) object.put("domainName", lease.domainName.get());
 }
 
-void Ostrel_VSUtil_PutLeaseTimes(JValue& object, uint32_t began, uint32_t leaseTime) {
-    const uint32_t age = os_monotonic_seconds() - began;
-    const int64_t start = os_wall_seconds() - int64_t{age};
+void Ostrel_VSUtil_LogServerTime(uint32_t leaseTime) {
+    Ostrel_LogPrint(kQxLogDebug, "server  time <%d>\n", leaseTime);
+}
+
+void Ostrel_VSUtil_PutLeaseTimes(Ostrel_SystemObj* sysObj, uint32_t began, uint32_t leaseTime, JValue& object) {
+    const int64_t start = Ostrel_WallClockTimeOf(&sysObj->wallClock, began);
     PutTime(object, "leaseTimeString", start);
     PutTime(object, "leaseExpiryString", start + int64_t{leaseTime});
     object.put("leaseTime", leaseTime);

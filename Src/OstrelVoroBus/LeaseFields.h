@@ -12,13 +12,17 @@
 #include "valdo.h"
 
 struct Ostrel_ClientLease;
+struct Ostrel_SystemObj;
 
 // "ipv4Router", "dnsServers" and "domainName" of a client's lease, each when the lease has it.
 void Ostrel_VSUtil_PutNetwork(valdo::JValue& object, const Ostrel_ClientLease& lease);
 
 // "leaseTimeString", "leaseExpiryString" and "leaseTime" of a lease that began at `began`, in seconds of the monotonic
 // clock, and runs for `leaseTime` seconds. The strings are local time.
-void Ostrel_VSUtil_PutLeaseTimes(valdo::JValue& object, uint32_t began, uint32_t leaseTime);
+void Ostrel_VSUtil_PutLeaseTimes(Ostrel_SystemObj* sysObj, uint32_t began, uint32_t leaseTime, valdo::JValue& object);
+
+// The line of every slot of a server's table that is shown.
+void Ostrel_VSUtil_LogServerTime(uint32_t leaseTime);
 
 // Bytes from the network as text: what comes before the first zero byte.
 [[nodiscard]] std::string_view Ostrel_VSUtil_TextOf(std::span<const uint8_t> bytes);

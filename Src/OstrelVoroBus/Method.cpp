@@ -19,6 +19,8 @@ using valdo::JValue;
 namespace {
 
 constexpr char kLeaseMethod[] = "leaseInformation";
+constexpr char kListKey[] = "interfaceList";
+const valdo::JSchemaFragment kAnything("{}");
 
 }  // namespace
 
@@ -50,19 +52,20 @@ void Ostrel_VSUtil_SendPlainReply(Ostrel_SystemObj* sysObj, VSHandle* handle, VS
 void Ostrel_VSUtil_AnswerWithList(const Ostrel_ListMethod& method, VSHandle* handle, VSMessage* message,
                                   void* context) {
     auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
-    JValue list = valdo::Array();
     Ostrel_Request request{method.handler};
     if (Ostrel_VSUtil_ReadRequest(message, context, &request) != kNoErr) {
         const char* text = method.rejection == kNoErr ? nullptr : Ostrel_GetVoroErrText(method.rejection);
+        const JValue none = valdo::Array();
         Ostrel_VSUtil_SendJSONReply(sysObj, handle, message, false, Ostrel_GetVoroErrCode(method.rejection), text,
-                                    "interfaceList", &list);
+                                    kListKey, &none);
         return;
     }
 
     Ostrel_InterfaceObj* selected = nullptr;
     if (Ostrel_VSUtil_ResolveInterfaceObj(sysObj, request.root, &selected) != kNoErr) selected = nullptr;
-    method.fill(sysObj, selected, list);
-    Ostrel_VSUtil_SendJSONReply(sysObj, handle, message, true, 0, nullptr, "interfaceList", &list);
+    std::string list;
+    const bool isWritten = method.write(sysObj, selected, &list);
+    Ostrel_VSUtil_SendTextReply({true, 0, nullptr, kListKey, isWritten ? &list : nullptr}, handle, message);
 }
 
 Ostrel_Status Ostrel_VSUtil_PostLeases(const char* function, Ostrel_SystemObj* sysObj, const char* category,
@@ -74,11 +77,30 @@ Ostrel_Status Ostrel_VSUtil_PostLeases(const char* function, Ostrel_SystemObj* s
     return success ? kNoErr : Ostrel_VSUtil_BusFailure(function, __LINE__, &error);
 }
 
-bool Ostrel_VSUtil_WritePost(const char* key, JValue list, std::string* text) {
+bool Ostrel_VSUtil_HasLeaseSubscribers(const Ostrel_SystemObj* sysObj, const char* category) {
+    return sysObj->serviceHandle != nullptr &&
+           VSSubscriptionHasSubscribers(sysObj->serviceHandle, category, kLeaseMethod);
+}
+
+bool Ostrel_VSUtil_WritePost(const char* key, std::string_view list, std::string* text) {
     JValue post = valdo::Object();
     post.put("returnValue", true);
-    post.put(key, std::move(list));
-    return valdo::JGenerator::toString(post, valdo::JSchemaFragment("{}"), *text);
+    return Ostrel_VSUtil_ToText(post, text) && Ostrel_VSUtil_AddText(text, key, list);
+}
+
+bool Ostrel_VSUtil_ToText(const JValue& value, std::string* text) {
+    return valdo::JGenerator::toString(value, kAnything, *text);
+}
+
+bool Ostrel_VSUtil_AddText(std::string* object, std::string_view key, std::string_view value) {
+    try {
+        object->reserve(object->size() + key.size() + value.size() + 4);
+        object->pop_back();  // the brace
+        ((((*object += ",\"") += key) += "\":") += value) += '}';
+        return true;
+    } catch (...) {
+        return false;
+    }
 }
 
 Ostrel_InterfaceObj* Ostrel_VSUtil_FindInterface(const Ostrel_SystemObj* sysObj, std::string_view ifname) {

@@ -23,6 +23,18 @@ struct Ostrel_Request {
 // not a JSON object.
 [[nodiscard]] Ostrel_Status Ostrel_VSUtil_ReadRequest(VSMessage* message, const void* context, Ostrel_Request* request);
 
+// What a reply says. An error code of 0 and a null error text are left out, so is a null key.
+struct Ostrel_Reply {
+    bool returnValue;
+    int32_t errorCode;
+    const char* errorText;
+    const char* payloadKey;
+    const std::string* payload;  // as text; null with a key: it could not be made, and the call goes unanswered
+};
+
+// As Ostrel_VSUtil_SendJSONReply, which is the same to whoever reads the log.
+Ostrel_Status Ostrel_VSUtil_SendTextReply(const Ostrel_Reply& content, VSHandle* handle, VSMessage* message);
+
 // Answers with nothing but the outcome: an error code and text on failure, or, in the second form, not even those.
 void Ostrel_VSUtil_SendStatusReply(Ostrel_SystemObj* sysObj, VSHandle* handle, VSMessage* message,
                                    Ostrel_Status status);
@@ -33,7 +45,7 @@ void Ostrel_VSUtil_SendPlainReply(Ostrel_SystemObj* sysObj, VSHandle* handle, VS
 struct Ostrel_ListMethod {
     const char* handler;      // function name, for the log
     Ostrel_Status rejection;  // what the reply to an unusable request says; kNoErr: nothing
-    void (*fill)(Ostrel_SystemObj* sysObj, Ostrel_InterfaceObj* selected, valdo::JValue& list);
+    bool (*write)(Ostrel_SystemObj* sysObj, Ostrel_InterfaceObj* selected, std::string* list);  // false: no memory
 };
 void Ostrel_VSUtil_AnswerWithList(const Ostrel_ListMethod& method, VSHandle* handle, VSMessage* message, void* context);
 
@@ -43,8 +55,16 @@ void Ostrel_VSUtil_AnswerWithList(const Ostrel_ListMethod& method, VSHandle* han
 [[nodiscard]] Ostrel_Status Ostrel_VSUtil_PostLeases(const char* function, Ostrel_SystemObj* sysObj,
                                                      const char* category, const char* ifname, VSStateFunction state);
 
+// Whether such a post would reach someone.
+[[nodiscard]] bool Ostrel_VSUtil_HasLeaseSubscribers(const Ostrel_SystemObj* sysObj, const char* category);
+
 // Writes {"returnValue": true, <key>: <list>}, the text of a post. False when memory is out.
-[[nodiscard]] bool Ostrel_VSUtil_WritePost(const char* key, valdo::JValue list, std::string* text);
+[[nodiscard]] bool Ostrel_VSUtil_WritePost(const char* key, std::string_view list, std::string* text);
+
+// A value as JSON text, and one more member, already text, at the end of an object that is text and not empty. False
+// when memory is out.
+[[nodiscard]] bool Ostrel_VSUtil_ToText(const valdo::JValue& value, std::string* text);
+[[nodiscard]] bool Ostrel_VSUtil_AddText(std::string* object, std::string_view key, std::string_view value);
 
 // The managed interface of that name, or null: it may be gone when its state is asked for.
 [[nodiscard]] Ostrel_InterfaceObj* Ostrel_VSUtil_FindInterface(const Ostrel_SystemObj* sysObj, std::string_view ifname);

@@ -4,8 +4,6 @@
 // something to say. Building the envelope is also where a caller that asked for it is enrolled as a subscriber. The
 // status that a method failed with stays in the log: a caller learns only that it failed.
 
-#include <utility>
-
 #include "Ostrel/Check.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/Log.h"
@@ -18,7 +16,7 @@ using valdo::JValue;
 
 namespace {
 
-const valdo::JSchemaFragment kAnything("{}");
+constexpr char kSender[] = "Ostrel_VSUtil_SendJSONReply";  // the name in the log, whoever is called
 
 void CountSubscriber(VSMessage* message) {
     const char* method = VSMessageGetMethod(message);
@@ -41,34 +39,40 @@ bool Subscribe(VSHandle* handle, VSMessage* message) {
     return subscribed;
 }
 
-void PutPayload(JValue& reply, const char* key, JValue payload) {
-    if (Ostrel_LogWanted(kQxLogDebug)) {
-        std::string text;
-        if (valdo::JGenerator::toString(payload, kAnything, text))
-            Ostrel_LogPrint(kQxLogDebug, "append <%s>:<%s> to voro reply\n", key, text);
-    }
-    reply.put(key, std::move(payload));
+// The payload is written to the log and put into the reply as the same text: a table is long.
+bool WriteReply(const Ostrel_Reply& content, bool subscribed, std::string* text) {
+    JValue reply = valdo::Object();
+    reply.put("returnValue", content.returnValue);
+    if (!content.returnValue && content.errorCode != 0) reply.put("errorCode", content.errorCode);
+    if (!content.returnValue && content.errorText != nullptr) reply.put("errorText", content.errorText);
+    if (subscribed) reply.put("subscribed", true);
+    if (!Ostrel_VSUtil_ToText(reply, text)) return false;
+    if (content.payloadKey == nullptr) return true;
+    if (content.payload == nullptr) return false;
+    Ostrel_LogPrint(kQxLogDebug, "append <%s>:<%s> to voro reply\n", content.payloadKey, *content.payload);
+    return Ostrel_VSUtil_AddText(text, content.payloadKey, *content.payload);
 }
 
 }  // namespace
 
-Ostrel_Status Ostrel_VSUtil_SendJSONReply(Ostrel_SystemObj* /*sysObj*/, VSHandle* handle, VSMessage* message,
-                                          bool returnValue, int32_t errorCode, const char* errorText,
-                                          const char* payloadKey, JValue* payload) {
-    Ostrel_LogPrint(kQxLogDebug, "%s: %s\n", __func__, VSMessageGetPayload(message));
-    JValue reply = valdo::Object();
-    reply.put("returnValue", returnValue);
-    if (!returnValue && errorCode != 0) reply.put("errorCode", errorCode);
-    if (!returnValue && errorText != nullptr) reply.put("errorText", errorText);
-    if (Subscribe(handle, message)) reply.put("subscribed", true);
-    if (payloadKey != nullptr && payload != nullptr) PutPayload(reply, payloadKey, std::move(*payload));
-
+Ostrel_Status Ostrel_VSUtil_SendTextReply(const Ostrel_Reply& content, VSHandle* handle, VSMessage* message) {
+    Ostrel_LogPrint(kQxLogDebug, "%s: %s\n", kSender, VSMessageGetPayload(message));
+    const bool subscribed = Subscribe(handle, message);
     VSError error;
     VSErrorInit(&error);
     std::string text;
     const bool success =
-        valdo::JGenerator::toString(reply, kAnything, text) && VSMessageReply(handle, message, text.c_str(), &error);
-    return success ? kNoErr : Ostrel_VSUtil_BusFailure(__func__, __LINE__, &error);
+        WriteReply(content, subscribed, &text) && VSMessageReply(handle, message, text.c_str(), &error);
+    return success ? kNoErr : Ostrel_VSUtil_BusFailure(kSender, __LINE__, &error);
+}
+
+Ostrel_Status Ostrel_VSUtil_SendJSONReply(Ostrel_SystemObj* /*sysObj*/, VSHandle* handle, VSMessage* message,
+                                          bool returnValue, int32_t errorCode, const char* errorText,
+                                          const char* payloadKey, const JValue* payload) {
+    Ostrel_Reply content{returnValue, errorCode, errorText, payload == nullptr ? nullptr : payloadKey, nullptr};
+    std::string text;
+    if (content.payloadKey != nullptr && Ostrel_VSUtil_ToText(*payload, &text)) content.payload = &text;
+    return Ostrel_VSUtil_SendTextReply(content, handle, message);
 }
 
 Ostrel_Status Ostrel_VSUtil_ResolveInterfaceObj(Ostrel_SystemObj* sysObj, const JValue& request,

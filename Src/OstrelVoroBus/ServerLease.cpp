@@ -3,7 +3,7 @@
 //
 // Every slot that is not free is listed, one that was merely offered included. A reply holds its entries under
 // "interfaceList", a post under "leases". A client that identifies itself by an Ethernet address is listed under that
-// address, which need not be the one its frames came from.
+// address, which need not be the one its frames came from. What is sent is put together in LeaseTexts.cpp.
 
 #include <utility>
 
@@ -15,6 +15,7 @@
 #include "Ostrel/System.h"
 
 #include "LeaseFields.h"
+#include "LeaseTexts.h"
 #include "Method.h"
 
 using valdo::JValue;
@@ -44,9 +45,8 @@ JValue LeasesOf(Ostrel_SystemObj* sysObj, Ostrel_ServerObj* server) {
     return leases;
 }
 
-void FillList(Ostrel_SystemObj* sysObj, Ostrel_InterfaceObj* selected, JValue& list) {
-    Ostrel_ServerObj* server = selected == nullptr ? nullptr : selected->dhcpServer;
-    Ostrel_VoroServiceCreateServerLeaseInformationArray(sysObj, server, list);
+bool WriteList(Ostrel_SystemObj* sysObj, Ostrel_InterfaceObj* selected, std::string* list) {
+    return Ostrel_LeaseTextsWrite(sysObj, selected == nullptr ? nullptr : selected->dhcpServer, list);
 }
 
 // The post of an interface's leases, as they are when it is sent.
@@ -54,21 +54,19 @@ bool WriteState(void* context, const char* ifname, std::string* text) {
     auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
     const Ostrel_InterfaceObj* iface = Ostrel_VSUtil_FindInterface(sysObj, ifname);
     if (iface == nullptr || iface->dhcpServer == nullptr) return true;  // gone meanwhile
-    JValue array = valdo::Array();
-    Ostrel_VoroServiceCreateServerLeaseInformationArray(sysObj, iface->dhcpServer, array);
-    return Ostrel_VSUtil_WritePost("leases", std::move(array), text);
+    std::string list;
+    return Ostrel_LeaseTextsWrite(sysObj, iface->dhcpServer, &list) && Ostrel_VSUtil_WritePost("leases", list, text);
 }
 
 }  // namespace
 
-Ostrel_Status Ostrel_VoroServiceCreateServerLeaseInformationObject(Ostrel_SystemObj* /*sysObj*/,
-                                                                   Ostrel_ServerObj* server,
+Ostrel_Status Ostrel_VoroServiceCreateServerLeaseInformationObject(Ostrel_SystemObj* sysObj, Ostrel_ServerObj* server,
                                                                    Ostrel_LeaseInformation* lease, JValue& object) {
     OSTREL_REQUIRE(server != nullptr, "server", kBadParamErr);
     OstrelJsonUtilsIPv4Put(object, "ipv4Address", lease->IPv4Address);
     OstrelJsonUtilsMACPut(object, "mac", lease->srcMAC);
-    Ostrel_LogPrint(kQxLogDebug, "server  time <%d>\n", server->leaseTime);
-    Ostrel_VSUtil_PutLeaseTimes(object, lease->offerTime, server->leaseTime);
+    Ostrel_VSUtil_LogServerTime(server->leaseTime);
+    Ostrel_VSUtil_PutLeaseTimes(sysObj, lease->offerTime, server->leaseTime, object);
     PutIdentity(*lease, object);
     return kNoErr;
 }
@@ -86,7 +84,7 @@ Ostrel_Status Ostrel_VoroServiceCreateServerLeaseInformationArray(Ostrel_SystemO
 }
 
 bool Ostrel_VoroMethod_ServerLeaseInformation(VSHandle* handle, VSMessage* message, void* context) {
-    Ostrel_VSUtil_AnswerWithList({__func__, kGenericErr, FillList}, handle, message, context);
+    Ostrel_VSUtil_AnswerWithList({__func__, kGenericErr, WriteList}, handle, message, context);
     return true;
 }
 

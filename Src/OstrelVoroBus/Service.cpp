@@ -6,6 +6,7 @@
 #include "Ostrel/OstrelVoroBus.h"
 #include "Ostrel/System.h"
 
+#include "LeaseTexts.h"
 #include "Method.h"
 #include "eloop.h"
 #include "os_console.h"
@@ -73,5 +74,6 @@ Ostrel_Status Ostrel_VoroServiceFinalize(Ostrel_SystemObj* sysObj) {
     VSErrorInit(&error);
     const bool success = VSUnregister(sysObj->serviceHandle, &error);
     sysObj->serviceHandle = nullptr;  // freed, whatever the result
+    Ostrel_LeaseTextsForgetAll(sysObj);
     return success ? kNoErr : Ostrel_VSUtil_BusFailure(__func__, __LINE__, &error);
 }
