@@ -2,10 +2,10 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 
 #include "Ostrel/Address.h"
-#include "Ostrel/OstrelJsonUtils.h"
 
 constexpr size_t kInterfaceNameSize = 17;  // 16 characters and a NUL
 
@@ -18,9 +18,6 @@ constexpr uint32_t kOstrelModeDHCPServer = 0x4;
 constexpr uint32_t kOstrelConfigStatic = 1;             // all from the record, no DHCP exchange
 constexpr uint32_t kOstrelConfigDHCP = 2;               // all by DHCP
 constexpr uint32_t kOstrelConfigDHCPManualAddress = 4;  // the address from the record, the rest by DHCP
-
-extern const OstrelJsonUtilsUint32StringTableEntry gTblOpMode[];      // "client", "server"
-extern const OstrelJsonUtilsUint32StringTableEntry gTblConfigMode[];  // "static", "dhcp", "dhcpManualAddress"
 
 // Addresses of 0 were not given.
 struct Ostrel_InterfaceConfig {

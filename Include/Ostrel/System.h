@@ -6,10 +6,9 @@
 #include "Ostrel/Status.h"
 #include "Ostrel/WallClock.h"
 
-#include "VoroBus.h"
-
 struct Ostrel_InterfaceObj;
 struct Ostrel_LeaseTexts;
+struct VSHandle;
 
 // The name on the bus, of the system log's context, and the first part of every alarm's name.
 constexpr char kServiceName[] = "org.ostrel.dhcp";

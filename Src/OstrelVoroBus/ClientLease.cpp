@@ -12,7 +12,7 @@
 #include "Ostrel/DHCPClient.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/LinkLocal.h"
-#include "Ostrel/OstrelVoroBus.h"
+#include "Ostrel/Publish.h"
 #include "Ostrel/System.h"
 
 #include "LeaseFields.h"

@@ -11,9 +11,9 @@
 #include "Ostrel/DHCPServer.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/InterfaceConfig.h"
-#include "Ostrel/OstrelVoroBus.h"
 #include "Ostrel/System.h"
 
+#include "ConfigWords.h"
 #include "LeaseFields.h"
 #include "Method.h"
 

@@ -10,7 +10,6 @@
 #include "Ostrel/Interface.h"
 #include "Ostrel/LinkLocal.h"
 #include "Ostrel/Log.h"
-#include "Ostrel/OstrelVoroBus.h"
 #include "Ostrel/System.h"
 
 #include "LeaseTexts.h"

@@ -11,9 +11,9 @@
 #include "Ostrel/Interface.h"
 #include "Ostrel/InterfaceConfig.h"
 #include "Ostrel/Log.h"
-#include "Ostrel/OstrelVoroBus.h"
 #include "Ostrel/System.h"
 
+#include "ConfigWords.h"
 #include "Method.h"
 #include "os_memory.h"
 

@@ -13,9 +13,9 @@
 
 #include "Ostrel/DHCPClient.h"
 #include "Ostrel/Log.h"
-#include "Ostrel/OstrelVoroBus.h"
 #include "Ostrel/System.h"
 
+#include "Method.h"
 #include "os_time.h"
 
 using valdo::JValue;

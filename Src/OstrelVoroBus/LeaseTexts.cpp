@@ -20,7 +20,6 @@
 #include "Ostrel/DHCPServer.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/Log.h"
-#include "Ostrel/OstrelVoroBus.h"
 #include "Ostrel/System.h"
 
 #include "LeaseFields.h"

@@ -11,7 +11,6 @@
 #include "Ostrel/Check.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/Log.h"
-#include "Ostrel/OstrelVoroBus.h"
 #include "Ostrel/System.h"
 
 using valdo::JValue;

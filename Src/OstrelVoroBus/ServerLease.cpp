@@ -11,7 +11,7 @@
 #include "Ostrel/DHCPServer.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/Log.h"
-#include "Ostrel/OstrelVoroBus.h"
+#include "Ostrel/Publish.h"
 #include "Ostrel/System.h"
 
 #include "LeaseFields.h"

@@ -2,6 +2,7 @@
 // notices.
 
 #include "ServerScene.h"
+#include "VoroBus.h"
 
 namespace sim {
 namespace {

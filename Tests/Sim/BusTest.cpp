@@ -11,10 +11,11 @@
 #include "Ostrel/Interface.h"
 #include "Ostrel/LinkLocal.h"
 #include "Ostrel/Log.h"
-#include "Ostrel/OstrelVoroBus.h"
+#include "Ostrel/Publish.h"
 #include "Ostrel/System.h"
 
 #include "DHCPServer/LeaseTable.h"
+#include "OstrelVoroBus/Method.h"
 #include "Sim.h"
 #include "os_memory.h"
 

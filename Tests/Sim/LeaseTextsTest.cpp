@@ -7,10 +7,11 @@
 #include "Ostrel/DHCPClient.h"
 #include "Ostrel/DHCPServer.h"
 #include "Ostrel/Interface.h"
-#include "Ostrel/OstrelVoroBus.h"
+#include "Ostrel/Publish.h"
 #include "Ostrel/System.h"
 
 #include "DHCPServer/LeaseTable.h"
+#include "OstrelVoroBus/Method.h"
 #include "Sim.h"
 
 namespace {

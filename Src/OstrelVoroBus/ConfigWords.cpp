@@ -3,6 +3,8 @@
 // The tables are read in both directions. An addressing mode of 0, not given, has no row: a request cannot ask for it
 // by name and a dump does not show it.
 
+#include "ConfigWords.h"
+
 #include "Ostrel/InterfaceConfig.h"
 
 const OstrelJsonUtilsUint32StringTableEntry gTblOpMode[] = {
