@@ -12,16 +12,15 @@ function __ostrelctl_behind
 end
 
 complete --command ostrelctl --no-files
-complete --command ostrelctl --condition "not __fish_use_subcommand" --long-option json \
-    --description "Print replies and posts as they came"
+complete --command ostrelctl --long-option json --description "Print replies and posts as they came"
 complete --command ostrelctl --long-option help --description "Show help with examples"
 
 set --local commands \
     client "Get an address for an interface" \
     server "Hand out addresses on an interface" \
     release "Stop managing an interface" \
-    renew "Acquire an address anew" \
-    rebind "Acquire an address anew, as renew" \
+    renew "Drop the address and acquire one anew" \
+    rebind "Drop the address and acquire one anew, as renew" \
     init "Start a client, or start it over" \
     halt "Stop a client, and keep it configured" \
     status "Show what is managed, and what it has" \
@@ -57,7 +56,7 @@ __ostrelctl_behind server --exclusive --long-option count --description "How man
 __ostrelctl_behind server --exclusive --long-option lease --description "How long a lease lasts, as 12h"
 __ostrelctl_behind leases --exclusive --long-option sort --arguments "address expiry name mac" --description "Order"
 __ostrelctl_behind watch --exclusive --long-option count --description "End after so many changes"
-__ostrelctl_behind wait --exclusive --long-option timeout --description "Give up after so many seconds"
+__ostrelctl_behind wait --exclusive --long-option timeout --description "Give up after so long, as 90 or 5m"
 __ostrelctl_behind apply --long-option dry-run --description "Print what would be done"
 __ostrelctl_behind apply --long-option once --description "Apply the first lease and end"
 __ostrelctl_behind apply --long-option keep --description "Leave everything in place when stopped"

@@ -79,7 +79,7 @@ class Story(Tool):
         address = daemons["client"].publication(20)["ipv4Address"]
 
         status = self.type("client", "status")
-        self.assertRegex(status, rf"\Aeth0  client by DHCP\n  address +{address}/24 by DHCP, not set on eth0\n"
+        self.assertRegex(status, rf"\Aeth0  client by DHCP\n  address +{address}/24 by DHCP, not set: 'ostrelctl apply eth0' sets it\n"
                                  r"  router +192\.0\.2\.1\n  DNS +192\.0\.2\.3, 192\.0\.2\.4\n  domain +lab\.example\n"
                                  r"  expires +[-0-9: ]+, in 59 min( \d+ s)?\n  age +\d+ s of 1 h\n\Z")
         self.lab.ip("client", f"addr add {address}/24 dev eth0")
@@ -90,6 +90,7 @@ class Story(Tool):
         self.assertRegex(self.type("server", "status"), r"leases +1 of 20\n  next ends +[-0-9: ]+, in 59 min( \d+ s)?\n")
         self.assertRegex(self.type("server", "config"), r"range +192\.0\.2\.100 to 192\.0\.2\.119\n(.*\n)*  lease time 1 h")
         self.check_json(daemons)
+        self.check_lines(daemons, address)
         self.check_terminal(address)
         self.check_actions(daemons["client"], address)
 
@@ -102,6 +103,35 @@ class Story(Tool):
             replies = [json.loads(daemons[host].bus.call(*method, "{}")) for method in asked]
             self.assertEqual([self.without_times(json.loads(text)) for text in printed],
                              [self.without_times(reply) for reply in replies])
+
+    def check_lines(self, daemons, address):
+        """An object a line, with times that need no zone."""
+        for line in ("status --json=lines", "--json=lines status eth0"):
+            (told,) = map(json.loads, self.type("client", line).splitlines())
+            self.assertEqual({**told, "time": 0, "began": 0, "expires": told["expires"] - told["began"]},
+                             {"time": 0, "event": "status", "interface": "eth0", "link": "running", "ipv4Config": "dhcp",
+                              "role": "client", "ipv4Address": address, "prefixLength": 24, "linkLocal": False,
+                              "ipv4Router": [peers.SERVER], "dnsServers": ["192.0.2.3", "192.0.2.4"],
+                              "domainName": "lab.example", "began": 0, "expires": 3600, "set": True})
+            self.assertLessEqual(abs(told["time"] - time.time()), 2)
+            self.assertLessEqual(told["began"], told["time"])
+        (told,) = map(json.loads, self.type("server", "status --json=lines").splitlines())
+        self.assertEqual((told["role"], told["used"], told["maxLeases"]), ("server", 1, 20))
+        self.type("client", "status -j")
+        watches = {host: self.lab.start(host, OSTRELCTL, "watch", "--json=lines", "--count", count,
+                                        output=self.lab.directory / f"lines.{host}") for host, count in (("client", "2"), ("server", "1"))}
+        lab.eventually(lambda: all("present" in watch.output.read_text() for watch in watches.values()), 20, "a look")
+        self.assertIn("eth0: halted", self.type("client", "halt eth0"))
+        lab.eventually(lambda: "lost" in watches["client"].output.read_text(), 20, "a loss")
+        self.assertIn("eth0: started", self.type("client", "init eth0"))
+        self.assertEqual(watches["client"].wait(20), 0)
+        lost = [json.loads(text) for text in watches["client"].output.read_text().splitlines()]
+        self.assertEqual([(line["event"], line["ipv4Address"]) for line in lost],
+                         [("present", address), ("lost", address), ("acquired", address)])
+        self.assertEqual(watches["server"].wait(20), 0)
+        table = [json.loads(text) for text in watches["server"].output.read_text().splitlines()]
+        self.assertEqual([(line["event"], line["mac"]) for line in table],
+                         [("present", "02:00:00:00:00:01"), ("renewed", "02:00:00:00:00:01")])
 
     def without_times(self, value):
         if isinstance(value, list):
@@ -132,7 +162,8 @@ class Story(Tool):
         self.type("server", "renew eth0", errors="server, so this did nothing")
         self.type("client", "leases eth0", status=1, errors="'eth0' has no server")
         self.type("client", "release eth0")
-        for line in ("release eth0", "renew eth0", "status eth0", "config eth0"):
+        self.type("client", "release eth0", status=1, errors="'eth0' is not managed\n  so there is nothing to release")
+        for line in ("renew eth0", "status eth0", "config eth0"):
             self.type("client", line, status=1, errors="'eth0' is not managed\n.*ostrelctl client eth0")
         self.type("client", "status eth9", status=1, errors="no such interface")
 
@@ -153,6 +184,12 @@ class Story(Tool):
             self.assertIn("cam?]0;owned??2J?\ufffd?era", shown)
             self.assertEqual(re.findall("[\x00-\x09\x0b-\x1f\x7f-\x9f\u202e]", shown), [])
         self.assertRegex(shown, r"(?s)\n192\.0\.2\.9 .*\n192\.0\.2\.10 ")
+        raw, escaped = self.type("server", "leases --json"), self.show("server", "leases --json")
+        self.assertIn("\u009b2J\u202e", raw)
+        self.assertIn("\\u009b2J\\u202e", escaped)
+        self.assertEqual(re.findall("[\x00-\x09\x0b-\x1f\x7f-\x9f\u202e]", escaped), [])
+        self.assertEqual([self.without_times(json.loads(text)) for text in (raw, escaped)],
+                         [self.without_times(json.loads(raw))] * 2)
         by_name = self.type("server", "leases --sort name").splitlines()
         self.assertIn("Camera", by_name[1])
         self.assertIn("02:00:00:00:00:11", self.type("server", "leases --sort mac").splitlines()[1])
@@ -200,7 +237,20 @@ class Usage(Tool):
         ("", "Usage: ostrelctl COMMAND"),
         ("frob", "no command 'frob'\n  the commands are client, server"),
         ("stauts", "did you mean 'status'"),
+        ("hlt", "did you mean 'help'"),
+        ("help frob", "no command 'frob'"),
+        *((word, f"no command '{word}'\n  the commands are client") for word in
+          ("rnew", "reneww", "relese", "ini", "rebnd", "aply", "clinet", "sever", "debg")),
         ("--frob", "no option '--frob'"),
+        ("--hlep", "did you mean '--help'"),
+        ("client eth0 --sttic 192.0.2.7/24", "'client' has no option '--sttic'\n  did you mean '--static'?"),
+        ("client eth0 --dhcp=maybe", "--dhcp = maybe: it takes no value"),
+        ("apply --all", "'apply' has no option '--all'\n  it is for one interface"),
+        ("apply eth0 --metric x", "'x' is not a number"),
+        ("wait eth0 --timeout 5y", "'5y' is not a time from 1 s to 365 d"),
+        ("watch --count 0", "'0' is not a number above 0"),
+        ("status --json=xml", "'xml' is neither raw nor lines"),
+        ("config --json=lines", "--json=lines is for 'status' and 'watch'"),
         ("status eth0 eth1", "not expected: eth1"),
         ("release", "IFACE is required\n  'ostrelctl release --help'"),
         ("debug loud", "'loud' is no level"),
@@ -231,7 +281,7 @@ class Usage(Tool):
         (server + "--range 192.0.2.9-192.0.2.19 --router 192.0.3.1", "router 192.0.3.1 is outside 192.0.2.0/24"),
         (server + "--range 192.0.2.9-192.0.2.19 --lease 68y", "'68y' is not a time"),
         (server + "--range 192.0.2.9-192.0.2.19 --lease 24856d", "1 to 2147483647 seconds, not 2147558400"),
-        ("server eth0 --address 192.0.2.1/25 --range 192.0.2.9-192.0.2.19", "/24 and larger, not 192.0.2.0/25"),
+        ("server eth0 --address 192.0.2.1/25 --range 192.0.2.9-192.0.2.19", "can only serve subnets of /24 and larger, not 192.0.2.0/25"),
         ("server eth0 --address 10.0.0.1/8 --range 10.1.0.0 --count 1048577", "more than 1048576 addresses"),
         ("leases --sort size", "'size' is none of address, expiry, name and mac"),
     )
@@ -266,7 +316,10 @@ class Usage(Tool):
     def test_help_and_version(self):
         for command in re.findall("^  ([a-z]+) ", self.run_tool("client", "").errors, re.M):
             self.assertRegex(self.type("client", f"{command} --help"), rf"\nExamples:\n  [a-z ]*ostrelctl {command}")
-        self.assertRegex(self.type("client", "--version"), r"\Aostrelctl \d+\.\d+")
+            self.assertEqual(self.type("client", f"help {command}"), self.type("client", f"{command} -h"))
+        self.assertEqual(self.type("client", "help"), self.type("client", "--help"))
+        for word in ("--version", "-V", "version"):
+            self.assertRegex(self.type("client", word), r"\Aostrelctl \d+\.\d+")
 
 
 if __name__ == "__main__":

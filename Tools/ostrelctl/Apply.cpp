@@ -11,6 +11,7 @@
 // daemon goes, its leases stay good until they end: a restart does not cut the network. The new daemon knows nothing
 // until somebody hands it the interface again; if within ten seconds it has no lease for it, what is there is removed.
 // Killed, apply removes nothing, but the kernel ends the address and the route when the lease ends.
+#include "Arguments.h"
 #include "Checks.h"
 #include "Command.h"
 #include "Follow.h"
@@ -28,7 +29,7 @@ constexpr uint32_t kUsualMetric = 100;  // behind routes that people make, which
 struct ApplyOptions {
     std::string interface;
     bool dryRun = false, once = false, keep = false;
-    uint32_t metric = kUsualMetric;
+    std::optional<uint32_t> metric{};
 };
 
 void Declare(CLI::App& command, ApplyOptions& options) {
@@ -36,7 +37,8 @@ void Declare(CLI::App& command, ApplyOptions& options) {
     command.add_flag("--dry-run", options.dryRun, "Print commands that would do it, and do nothing");
     command.add_flag("--once", options.once, "Apply the first lease and end; it stays until the lease ends");
     command.add_flag("--keep", options.keep, "Leave what was applied in place when stopped");
-    command.add_option("--metric", options.metric, "Of the default route; 100 unless given")->type_name("N");
+    AddParsed(command, "--metric", options.metric, ReadNumber, "a number", "Of the default route; 100 unless given")
+        ->type_name("N");
 }
 
 // A link-local address has no router. The network's texts are not to be trusted; addresses are the kernel's to check.
@@ -105,7 +107,7 @@ ExitStatus Run(const ApplyOptions& options, const Settings& settings) {
     const ExitStatus started = StartFollowing(follower, settings);
     if (started != kExitDone) return started;
     Applier applier{.interface = options.interface,
-                    .metric = options.metric,
+                    .metric = options.metric.value_or(kUsualMetric),
                     .dryRun = options.dryRun,
                     .quiet = settings.json,
                     .netlink = OpenNetlink(),

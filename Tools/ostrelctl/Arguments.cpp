@@ -76,6 +76,13 @@ bool ReadCount(const std::string& text, uint32_t& count) {
     return true;
 }
 
+bool ReadNumber(const std::string& text, uint32_t& number) {
+    uint32_t parsed = 0;
+    if (!ReadWhole(text, parsed)) return false;
+    number = parsed;
+    return true;
+}
+
 bool ReadSpan(const std::string& text, int64_t& seconds) {
     struct Unit {
         char name;

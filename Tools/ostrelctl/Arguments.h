@@ -33,6 +33,7 @@ struct Range {
 [[nodiscard]] bool ReadNetwork(const std::string& text, Network& network);
 [[nodiscard]] bool ReadRange(const std::string& text, Range& range);
 [[nodiscard]] bool ReadCount(const std::string& text, uint32_t& count);
+[[nodiscard]] bool ReadNumber(const std::string& text, uint32_t& number);
 [[nodiscard]] bool ReadSpan(const std::string& text, int64_t& seconds);
 
 // An option whose value `read` understands. A line with another value is refused, as being no `expected`.

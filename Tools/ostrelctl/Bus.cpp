@@ -25,7 +25,14 @@ struct ErrorRelease {
 bool IsAbsence(const sd_bus_error& error) {
     return sd_bus_error_has_names(&error, SD_BUS_ERROR_SERVICE_UNKNOWN, SD_BUS_ERROR_NAME_HAS_NO_OWNER,
                                   SD_BUS_ERROR_NO_REPLY, SD_BUS_ERROR_DISCONNECTED, SD_BUS_ERROR_TIMEOUT) > 0 ||
-           (error.name != nullptr && std::string_view(error.name).starts_with("org.freedesktop.DBus.Error.Spawn."));
+           (error.name != nullptr && (std::string_view(error.name).starts_with("org.freedesktop.DBus.Error.Spawn.") ||
+                                      std::string_view(error.name).starts_with("org.freedesktop.systemd1.")));
+}
+
+const char* NextForAbsence(const sd_bus_error& error) {
+    if (sd_bus_error_has_name(&error, "org.freedesktop.systemd1.UnitMasked") > 0)
+        return "'systemctl unmask ostreld' lets it start again";
+    return "start it with 'systemctl start ostreld', and see 'journalctl -u ostreld' if it does not stay";
 }
 
 }  // namespace
@@ -35,7 +42,7 @@ Answer ExplainRefusal(const sd_bus_error& error) {
     if (IsAbsence(error))
         return {.status = kExitNoDaemon,
                 .problem = "the daemon does not answer on the bus: " + words,
-                .next = "start it with 'systemctl start ostreld', and see 'journalctl -u ostreld' if it does not stay"};
+                .next = NextForAbsence(error)};
     if (sd_bus_error_has_name(&error, SD_BUS_ERROR_ACCESS_DENIED) > 0)
         return {.status = kExitRefused,
                 .problem = "you may not talk to the daemon",

@@ -40,6 +40,7 @@ constexpr Method kServerLeaseInformation{"/server", "leaseInformation"};
 // What the command line says apart from the commands' own options.
 struct Settings {
     bool json = false;
+    bool lines = false;  // --json=lines: not the daemon's replies, but a line for each thing to tell
 };
 
 // What one run of ostrelctl works with.

@@ -14,6 +14,8 @@ namespace ostrelctl {
 
 namespace {
 
+const std::string kRenewed = "lease renewed ";
+
 std::string WordFor(const ClientLease& lease) {
     return lease.times ? "address " : "link-local address ";
 }
@@ -41,7 +43,7 @@ std::string DifferencesBeside(const ClientLease& before, const ClientLease& now)
 Change Arrival(const Holding& now) {
     const ClientLease& lease = *now.lease;
     const std::string until = lease.times ? ", " + UntilText(lease.times->ends) : "";
-    return {'+', WordFor(lease) + AddressOf(lease) + DifferencesBeside({}, lease) + until};
+    return {'+', "acquired", WordFor(lease) + AddressOf(lease) + DifferencesBeside({}, lease) + until, lease};
 }
 
 std::string DescribeDifference(const Holding& before, const Holding& now) {
@@ -52,7 +54,7 @@ std::string DescribeDifference(const Holding& before, const Holding& now) {
     if (moved || changedKind) words = ", " + WordFor(had) + AddressOf(had) + " -> " + WordFor(has) + AddressOf(has);
     words += DifferencesBeside(had, has);
     if (has.times && (moved || !IsSameEnd(before.ends, now.ends)))
-        words += (moved ? ", " : ", lease renewed ") + UntilText(has.times->ends);
+        words += (moved ? ", " : ", " + kRenewed) + UntilText(has.times->ends);
     return words.empty() ? words : words.substr(2);
 }
 
@@ -62,16 +64,20 @@ std::string Who(const ServerLease& lease) {
     return AddressText(lease.address) + ' ' + Printable(lease.mac) + (name.empty() ? "" : ' ' + Printable(name));
 }
 
+Change Ended(const TableLine& line) {
+    return {'-', "ended", Who(line.lease), line.lease};
+}
+
 Change Granted(const TableLine& line) {
-    return {'+', Who(line.lease) + ", " + UntilText(line.lease.times.ends)};
+    return {'+', "leased", Who(line.lease) + ", " + UntilText(line.lease.times.ends), line.lease};
 }
 
 void Compare(const TableLine& before, const TableLine& now, std::vector<Change>& changes) {
     if (before.lease.mac != now.lease.mac) {
-        changes.push_back({'-', Who(before.lease)});
+        changes.push_back(Ended(before));
         changes.push_back(Granted(now));
     } else if (!IsSameEnd(before.ends, now.ends)) {
-        changes.push_back({' ', Who(now.lease) + ", renewed " + UntilText(now.lease.times.ends)});
+        changes.push_back({' ', "renewed", Who(now.lease) + ", renewed " + UntilText(now.lease.times.ends), now.lease});
     }
 }
 
@@ -80,10 +86,11 @@ void Compare(const TableLine& before, const TableLine& now, std::vector<Change>&
 std::vector<Change> ChangesOf(const Holding& before, const Holding& now) {
     if (!before.lease && !now.lease) return {};
     if (!before.lease) return {Arrival(now)};
-    if (!now.lease) return {{'-', WordFor(*before.lease) + AddressOf(*before.lease) + " lost"}};
+    if (!now.lease) return {{'-', "lost", WordFor(*before.lease) + AddressOf(*before.lease) + " lost", *before.lease}};
     std::string words = DescribeDifference(before, now);
     if (words.empty()) return {};
-    return {{' ', std::move(words)}};
+    const char* const event = words.starts_with(kRenewed) ? "renewed" : "changed";
+    return {{' ', event, std::move(words), *now.lease}};
 }
 
 // A merge of two sorted tables.
@@ -99,7 +106,7 @@ std::vector<Change> ChangesOf(const std::vector<TableLine>& before, const std::v
         if (old == fresh)
             Compare(*had++, *has++, changes);
         else if (old < fresh)
-            changes.push_back({'-', Who((had++)->lease)});
+            changes.push_back(Ended(*had++));
         else
             changes.push_back(Granted(*has++));
     }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "Holding.h"
@@ -14,10 +15,13 @@ struct TableLine {
     TimePoint ends;
 };
 
-// A change in words; `sign` is '+' for what has come, '-' for what has gone, ' ' for the rest.
+// A change in words, for programs in one, and with the lease it is of. `sign` is '+' for what has come, '-' for what
+// has gone, ' ' for the rest.
 struct Change {
     char sign;
+    const char* event;  // "acquired", "renewed", "changed", "lost"; of a server "leased", "renewed", "ended"
     std::string words;
+    std::variant<ClientLease, ServerLease> lease;
 };
 
 // What an interface holds against what it held; nothing when all is the same.

@@ -119,7 +119,7 @@ ExitStatus CheckServer(const ServerPlan& plan) {
     if (own != kExitDone) return own;
     const ExitStatus settings = CheckRules({
         {PrefixLength(network.mask) > kLongestServerPrefix,
-         "the server takes subnets of /24 and larger, not " + SubnetText(network), "write the address with /24"},
+         "the daemon can only serve subnets of /24 and larger, not " + SubnetText(network), ""},
         {plan.leaseSeconds < 1 || plan.leaseSeconds > kLongestLease,
          "a lease lasts 1 to " + std::to_string(kLongestLease) + " seconds, not " + std::to_string(plan.leaseSeconds),
          ""},

@@ -14,10 +14,12 @@ namespace ostrelctl {
 using Job = std::function<ExitStatus(const Settings&)>;
 
 struct CommandLine {
-    CLI::App app;
-    Settings settings;
-    Job job;
+    CLI::App app{};
+    std::string json{};  // the value of --json; empty: it was not given
+    Job job{};
 };
+
+void AddJsonFlag(CLI::App& app, std::string& json);
 
 // Adds a command with its own options in an `Options` record, which begins as `initial`. `declare` adds the options,
 // `run` does the work; examples are lines of a command and, after two spaces or more, what it does.
@@ -28,7 +30,7 @@ void AddCommand(CommandLine& line, const char* name, const char* description, co
     CLI::App* const command = line.app.add_subcommand(name, description);
     const auto options = std::make_shared<Options>(std::move(initial));
     declare(*command, *options);
-    command->add_flag("--json", line.settings.json, "Print the daemon's own replies, one to a line");
+    AddJsonFlag(*command, line.json);
     command->footer(std::string("Examples:\n") + examples);
     command->callback([options, run, &line] {
         line.job = [options, run](const Settings& settings) { return run(*options, settings); };

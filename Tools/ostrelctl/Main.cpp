@@ -2,7 +2,8 @@
 //
 // Each command is a file of its own, which adds its options to the command line and leaves a job to be done; here the
 // line is read, wrong ones are explained, and the job is run. Nothing is asked of the daemon before the whole line is
-// known to make sense.
+// known to make sense, and for a mistyped command none is proposed that changes anything.
+#include <algorithm>
 #include <clocale>
 #include <cstdio>
 #include <iostream>
@@ -18,12 +19,18 @@ namespace ostrelctl {
 
 namespace {
 
-constexpr size_t kNameColumns = 10;  // of a command
-constexpr size_t kHelpColumns = 36;  // of an option and its value
+constexpr size_t kNameColumns = 10;         // of a command
+constexpr size_t kHelpColumns = 36;         // of an option and its value
+constexpr std::string_view kRaw = "{raw}";  // how the library is told what --json without a value means
 
 // Help with less noise: which options exclude each other stands in their descriptions, or is said when it matters.
 class PlainHelp : public CLI::Formatter {
 public:
+    std::string make_option_name(const CLI::Option* option, bool positional) const override {
+        std::string name = CLI::Formatter::make_option_name(option, positional);
+        for (size_t value = 0; (value = name.find(kRaw)) != std::string::npos;) name.erase(value, kRaw.size());
+        return name;
+    }
     std::string make_option_opts(const CLI::Option* option) const override {
         const std::string type = option->get_type_name();
         if (option->get_positional() || type.empty()) return {};
@@ -37,7 +44,8 @@ void Describe(CommandLine& line) {
     line.app.formatter(help);
     line.app.name("ostrelctl");
     line.app.description("Tells the IPv4 address daemon what to do, and shows what it knows.");
-    line.app.set_version_flag("--version", "ostrelctl " OSTREL_VERSION);
+    line.app.set_version_flag("-V,--version", "ostrelctl " OSTREL_VERSION);
+    AddJsonFlag(line.app, line.json);
     line.app.require_subcommand(1);
     line.app.footer(
         "'ostrelctl COMMAND --help' shows a command's options and examples.\n"
@@ -69,25 +77,52 @@ size_t Distance(std::string_view from, std::string_view to) {
     return row.back();
 }
 
-ExitStatus ExplainUnknown(const CommandLine& line, const std::string& word) {
+// The word that was meant, for a slip of two letters at most; empty: none.
+std::string Nearest(const std::string& word, const std::vector<std::string>& known) {
     constexpr size_t kSlip = 2;  // letters
-    std::string nearest, all;
+    std::string nearest;
     size_t least = kSlip + 1;
-    for (const CLI::App* command : line.app.get_subcommands([](const CLI::App*) { return true; })) {
-        all += (all.empty() ? "" : ", ") + command->get_name();
-        const size_t distance = Distance(word, command->get_name());
-        if (distance < least) nearest = command->get_name();
+    for (const std::string& candidate : known) {
+        const size_t distance = Distance(word, candidate);
+        if (distance < least) nearest = candidate;
         least = std::min(least, distance);
     }
-    const bool isOption = word.starts_with('-');
-    return Refuse(kExitUsage, (isOption ? "no option '" : "no command '") + Printable(word) + '\'',
+    return nearest;
+}
+
+std::vector<CLI::App*> CommandsOf(CLI::App& app) {
+    return app.get_subcommands([](CLI::App*) { return true; });
+}
+
+bool IsOption(const std::string& word) {
+    return word.starts_with('-');
+}
+
+ExitStatus ExplainUnknown(CommandLine& line, const std::string& word) {
+    const std::string nearest =
+        Nearest(word, IsOption(word) ? std::vector<std::string>{"--help", "--version", "--json"}
+                                     : std::vector<std::string>{"status", "leases", "config", "watch", "wait", "help"});
+    std::string all;
+    for (const CLI::App* command : CommandsOf(line.app)) all += (all.empty() ? "" : ", ") + command->get_name();
+    return Refuse(kExitUsage, (IsOption(word) ? "no option '" : "no command '") + Printable(word) + '\'',
                   nearest.empty() ? "the commands are " + all : "did you mean '" + nearest + "'?");
 }
 
+ExitStatus ExplainOption(const CLI::App& command, const std::string& word) {
+    std::vector<std::string> known;
+    for (const CLI::Option* option : command.get_options())
+        if (!option->get_lnames().empty()) known.push_back("--" + option->get_lnames().front());
+    const std::string nearest = Nearest(word.substr(0, word.find('=')), known);
+    std::string next = "did you mean '" + nearest + "'?";
+    if (nearest.empty()) next = "'ostrelctl " + command.get_name() + " --help' shows how it is used";
+    if (word == "--all") next = "it is for one interface; call it for each";
+    return Refuse(kExitUsage, '\'' + command.get_name() + "' has no option '" + Printable(word) + '\'', next);
+}
+
 // Nothing was said, so everything that can be said.
-ExitStatus ExplainUse(const CommandLine& line) {
+ExitStatus ExplainUse(CommandLine& line) {
     std::string text = "Usage: ostrelctl COMMAND [IFACE] [OPTION]...\n\n";
-    for (const CLI::App* command : line.app.get_subcommands([](const CLI::App*) { return true; }))
+    for (const CLI::App* command : CommandsOf(line.app))
         text += "  " + Padded(command->get_name(), kNameColumns) + command->get_description() + '\n';
     text += "\n'ostrelctl COMMAND --help' shows a command's options and examples.\n";
     (void)fputs(text.c_str(), stderr);
@@ -97,37 +132,72 @@ ExitStatus ExplainUse(const CommandLine& line) {
 // The library counts values; people want to know which option it is about, and what is wrong with it.
 std::string WordsFor(const CLI::ParseError& error) {
     std::string words = error.what();
-    if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::ArgumentMismatch)) return words;
+    const auto is = [&error](CLI::ExitCodes code) { return error.get_exit_code() == static_cast<int>(code); };
+    if (is(CLI::ExitCodes::ConversionError)) return words.substr(words.find("--")) + ": it takes no value";
+    if (!is(CLI::ExitCodes::ArgumentMismatch)) return words;
     const std::string option = words.substr(0, words.find(':'));
     return option + (words.ends_with("missing") ? " needs a value" : " is there more than once");
 }
 
-ExitStatus Explain(const CommandLine& line, const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) {
+ExitStatus Explain(CommandLine& line, const CLI::ParseError& error) {
+    const auto chosen = line.app.get_subcommands();
+    const std::vector<std::string> unknown = line.app.remaining();
+    if (error.get_exit_code() == 0 && (unknown.empty() || !chosen.empty())) {
         (void)line.app.exit(error, std::cout, std::cerr);  // help or version
         return kExitDone;
     }
-    const auto chosen = line.app.get_subcommands();
-    const std::vector<std::string> unknown = line.app.remaining();
     if (chosen.empty()) return unknown.empty() ? ExplainUse(line) : ExplainUnknown(line, unknown.front());
-    return Refuse(kExitUsage, WordsFor(error),
+    const std::vector<std::string> extras = chosen.front()->remaining();
+    const auto option = std::find_if(extras.begin(), extras.end(), IsOption);
+    if (option != extras.end()) return ExplainOption(*chosen.front(), *option);
+    return Refuse(kExitUsage, extras.empty() ? WordsFor(error) : "not expected: " + Printable(extras.front()),
                   "'ostrelctl " + chosen.front()->get_name() + " --help' shows how it is used");
+}
+
+// "help", "help COMMAND" and "version" are words for options. What is left is in the order that the library wants.
+std::vector<std::string> WordsOf(int argc, char* argv[]) {
+    std::vector<std::string> words(argv + 1, argv + argc);
+    if (!words.empty() && words.front() == "version") words.front() = "--version";
+    if (!words.empty() && words.front() == "help") {
+        words.erase(words.begin());
+        words.emplace_back("--help");
+    }
+    std::reverse(words.begin(), words.end());
+    return words;
+}
+
+ExitStatus ReadSettings(const CommandLine& line, Settings& settings) {
+    const std::string command = line.app.get_subcommands().front()->get_name();
+    settings = {.json = !line.json.empty(), .lines = line.json == "lines"};
+    if (!settings.lines || command == "status" || command == "watch") return kExitDone;
+    return Refuse(kExitUsage, "--json=lines is for 'status' and 'watch'", "--json prints the daemon's own replies");
 }
 
 ExitStatus Run(int argc, char* argv[]) {
     CommandLine line;
     Describe(line);
     try {
-        line.app.parse(argc, argv);
+        line.app.parse(WordsOf(argc, argv));
     } catch (const CLI::ParseError& error) {
         return Explain(line, error);
     }
-    const ExitStatus status = line.job(line.settings);
+    Settings settings;
+    const ExitStatus read = ReadSettings(line, settings);
+    if (read != kExitDone) return read;
+    const ExitStatus status = line.job(settings);
     if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
     return Refuse(kExitRefused, "what was to be shown could not be written", "is the disk full?");
 }
 
 }  // namespace
+
+void AddJsonFlag(CLI::App& app, std::string& json) {
+    app.add_flag("-j{raw},--json{raw}", json, "Print the daemon's own replies, one to a line")
+        ->take_last()
+        ->check([](const std::string& word) -> std::string {
+            return word == "raw" || word == "lines" ? "" : '\'' + Printable(word) + "' is neither raw nor lines";
+        });
+}
 
 }  // namespace ostrelctl
 

@@ -51,11 +51,12 @@ const Managed* Find(const std::vector<Managed>& interfaces, const std::string& n
     return nullptr;
 }
 
-ExitStatus ComplainOfUnmanaged(const std::string& name) {
+ExitStatus ComplainOfUnmanaged(const std::string& name, bool isToBe) {
     const std::string shown = Printable(name);
     if (StateOfLink(name) == LinkState::Absent)
         return Refuse(kExitRefused, '\'' + shown + "' is not managed, and there is no such interface",
                       "'ostrelctl status' shows what is managed, 'ip link' what there is");
+    if (!isToBe) return Refuse(kExitRefused, '\'' + shown + "' is not managed", "so there is nothing to release");
     return Refuse(kExitRefused, '\'' + shown + "' is not managed",
                   "'ostrelctl client " + shown + "' or 'ostrelctl server " + shown + " ...' hands it over");
 }
@@ -93,7 +94,7 @@ ExitStatus AskManaged(const Session& session, const std::string& name, std::vect
     interfaces = ReadManaged(answer.reply);
     if (name.empty() || Find(interfaces, name) != nullptr) return kExitDone;
     interfaces.clear();
-    return ComplainOfUnmanaged(name);
+    return ComplainOfUnmanaged(name, true);
 }
 
 ExitStatus HandOver(const Session& session, const std::string& name, const JValue& request) {
@@ -114,7 +115,7 @@ ExitStatus ActOn(const Session& session, const std::string& name, const Method& 
     if (!answer.problem.empty()) return Refuse(answer.status, answer.problem, answer.next);
     const Answer dump = AskQuietly(session, kInterfaceConfigDump, RequestFor(name));
     const bool known = dump.status == kExitDone && Find(ReadManaged(dump.reply), name) == nullptr;
-    return known ? ComplainOfUnmanaged(name) : ComplainOfNoReason();
+    return known ? ComplainOfUnmanaged(name, method.name != kInterfaceFinalize.name) : ComplainOfNoReason();
 }
 
 }  // namespace ostrelctl

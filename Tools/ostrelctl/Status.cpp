@@ -10,12 +10,14 @@
 #include <iterator>
 
 #include "Ostrel/DHCPClient.h"
+#include "Ostrel/OstrelJsonUtils.h"
 
 #include "Arguments.h"
 #include "Bus.h"
 #include "Command.h"
 #include "Device.h"
 #include "Lease.h"
+#include "Lines.h"
 #include "Managed.h"
 #include "Page.h"
 
@@ -77,7 +79,9 @@ std::string SourceOf(const Managed& interface, const ClientLease& lease, int64_t
 
 void PutAddress(Block& block, const Managed& interface, const std::string& address, Ostrel_IPv4 number) {
     const bool set = HasAddress(interface.interface, number);
-    Put(block, "address", set ? address : address + ", not set on " + interface.interface);
+    const std::string next =
+        interface.server ? " on " + interface.interface : ": 'ostrelctl apply " + interface.interface + "' sets it";
+    Put(block, "address", set ? address : address + ", not set" + next);
 }
 
 void PutClientAddress(Block& block, const Picture& picture, const Managed& interface, const ClientLease& lease) {
@@ -108,12 +112,16 @@ void PutLeaseTimes(Block& block, const Picture& picture, const LeaseTimes& times
                             .gauge = Gauge{.part = part, .colour = Grade(picture, part, kRenewsAt, kRebindsAt)}});
 }
 
+ClientLease LeaseOf(const Picture& picture, const Managed& interface) {
+    const auto found = std::find_if(picture.clients.begin(), picture.clients.end(),
+                                    [&interface](const auto& lease) { return lease.interface == interface.interface; });
+    return found == picture.clients.end() ? ClientLease{} : *found;
+}
+
 Block DescribeClient(const Picture& picture, const Managed& interface) {
     Block block{
         .name = Printable(interface.interface), .role = RoleText(interface), .trouble = Trouble(interface.interface)};
-    const auto found = std::find_if(picture.clients.begin(), picture.clients.end(),
-                                    [&interface](const auto& lease) { return lease.interface == interface.interface; });
-    const ClientLease lease = found == picture.clients.end() ? ClientLease{} : *found;
+    const ClientLease lease = LeaseOf(picture, interface);
     PutClientAddress(block, picture, interface, lease);
     Put(block, "router", AddressText(lease.routers));
     Put(block, "DNS", AddressText(lease.dnsServers));
@@ -123,13 +131,23 @@ Block DescribeClient(const Picture& picture, const Managed& interface) {
     return block;
 }
 
-void PutUse(Block& block, const Picture& picture, const Managed& interface) {
-    int64_t used = 0, next = kForever;
+struct Use {
+    int64_t used = 0;
+    int64_t next = kForever;  // when the first lease ends
+};
+
+Use UseOf(const Picture& picture, const Managed& interface) {
+    Use use;
     for (const ServerLease& lease : picture.servers) {
         if (lease.interface != interface.interface || lease.times.ends <= picture.now) continue;
-        ++used;
-        next = std::min(next, lease.times.ends);
+        ++use.used;
+        use.next = std::min(use.next, lease.times.ends);
     }
+    return use;
+}
+
+void PutUse(Block& block, const Picture& picture, const Managed& interface) {
+    const auto [used, next] = UseOf(picture, interface);
     const double part = static_cast<double>(used) / static_cast<double>(std::max(interface.maxLeases, int64_t{1}));
     block.fields.push_back({.label = "leases",
                             .value = std::to_string(used) + " of " + std::to_string(interface.maxLeases),
@@ -175,6 +193,23 @@ ExitStatus AskLeases(const Session& session, Picture& picture) {
     return kExitDone;
 }
 
+void PutClient(valdo::JValue& line, const Picture& picture, const Managed& interface) {
+    const ClientLease lease = LeaseOf(picture, interface);
+    line.put("ipv4Config", interface.addressing.c_str());
+    PutLease(line, lease);
+    if (lease.address != kAnyIPv4) line.put("set", HasAddress(interface.interface, lease.address));
+}
+
+void PutServer(valdo::JValue& line, const Picture& picture, const Managed& interface) {
+    const auto [used, next] = UseOf(picture, interface);
+    line.put("role", "server");
+    OstrelJsonUtilsIPv4Put(line, "ipv4Address", interface.address);
+    line.put("set", HasAddress(interface.interface, interface.address));
+    line.put("used", used);
+    line.put("maxLeases", interface.maxLeases);
+    if (next != kForever) line.put("nextExpires", next);
+}
+
 void Show(const Picture& picture) {
     std::vector<Block> blocks;
     for (const Managed& interface : picture.interfaces)
@@ -183,15 +218,32 @@ void Show(const Picture& picture) {
     if (blocks.empty()) puts(kNothingManaged);
 }
 
+void PrintLines(const Picture& picture) {
+    for (const Managed& interface : picture.interfaces) {
+        valdo::JValue line = LineOf("status", interface.interface);
+        const std::string trouble = Trouble(interface.interface);
+        line.put("link", trouble.empty() ? "running" : trouble.c_str());
+        if (interface.server)
+            PutServer(line, picture, interface);
+        else
+            PutClient(line, picture, interface);
+        PrintLine(line);
+    }
+}
+
 ExitStatus Run(const StatusOptions& options, const Settings& settings) {
     Session session;
-    const ExitStatus opened = OpenSession(settings.json, true, session);
+    const ExitStatus opened = OpenSession(settings.json && !settings.lines, true, session);
     if (opened != kExitDone) return opened;
     Picture picture;
     ExitStatus asked = AskManaged(session, options.interface, picture.interfaces);
     if (asked == kExitDone) asked = AskLeases(session, picture);
-    if (asked != kExitDone || settings.json) return asked;
+    if (asked != kExitDone || session.json) return asked;
     picture.now = std::time(nullptr);
+    if (settings.lines) {
+        PrintLines(picture);
+        return kExitDone;
+    }
     picture.terminal = DescribeStandardOutput();
     Show(picture);
     return kExitDone;

@@ -4,6 +4,7 @@
 // with the address as its only output. When an address counts is Holding.h's matter.
 #include <cstdio>
 
+#include "Arguments.h"
 #include "Checks.h"
 #include "Command.h"
 #include "Follow.h"
@@ -15,14 +16,22 @@ namespace {
 
 struct WaitOptions {
     std::string interface;
-    unsigned timeout = 0;  // seconds; 0: no end
+    std::optional<int64_t> timeout{};  // seconds
 };
+
+bool ReadTimeout(const std::string& text, int64_t& seconds) {
+    constexpr int64_t kLongest = int64_t{365} * 86400;
+    int64_t parsed = 0;
+    if (!ReadSpan(text, parsed) || parsed < 1 || parsed > kLongest) return false;
+    seconds = parsed;
+    return true;
+}
 
 void Declare(CLI::App& command, WaitOptions& options) {
     AddInterface(command, options.interface)->required();
-    command.add_option("--timeout", options.timeout, "Give up after so many seconds")
-        ->type_name("SECONDS")
-        ->check(CLI::Range(1u, 31536000u).description(""));
+    AddParsed(command, "--timeout", options.timeout, ReadTimeout, "a time from 1 s to 365 d, such as 30, 90s or 5m",
+              "Give up after so long")
+        ->type_name("TIME");
 }
 
 bool Hold(Holding& holding, const Event& event, const std::string& interface) {
@@ -36,14 +45,15 @@ void Show(const ClientLease& lease) {
 }
 
 ExitStatus GiveUpWaiting(const Follower& follower, const WaitOptions& options) {
-    const std::string problem = '\'' + options.interface + "' has had no address for " + SpanText(options.timeout);
+    const std::string problem =
+        '\'' + options.interface + "' has had no address for " + SpanText(options.timeout.value_or(0));
     if (follower.owner.empty())
         return Refuse(kExitNoDaemon, problem + ", and there is no daemon", "start it with 'systemctl start ostreld'");
     return Refuse(kExitRefused, problem, "'ostrelctl status " + options.interface + "' shows what it is doing");
 }
 
 ExitStatus Wait(Follower& follower, const WaitOptions& options, const Settings& settings) {
-    const TimePoint deadline = options.timeout == 0 ? kNever : Clock::now() + std::chrono::seconds(options.timeout);
+    const TimePoint deadline = options.timeout ? Clock::now() + std::chrono::seconds(*options.timeout) : kNever;
     Holding holding;
     for (;;) {
         const Event event = NextEvent(follower, deadline);

@@ -5,10 +5,12 @@
 #include <cstdio>
 #include <map>
 
+#include "Arguments.h"
 #include "Changes.h"
 #include "Checks.h"
 #include "Command.h"
 #include "Follow.h"
+#include "Lines.h"
 #include "Terminal.h"
 
 namespace ostrelctl {
@@ -17,12 +19,12 @@ namespace {
 
 struct WatchOptions {
     std::string interface;
-    unsigned count = 0;  // changes; 0: no end
+    std::optional<uint32_t> count{};  // of changes
 };
 
 struct Watcher {
     const WatchOptions& options;
-    bool json;
+    Settings settings;
     Palette palette;
     std::map<std::string, Holding> clients;
     std::map<std::string, std::vector<TableLine>> tables;
@@ -31,29 +33,35 @@ struct Watcher {
 
 void Declare(CLI::App& command, WatchOptions& options) {
     AddInterface(command, options.interface);
-    command.add_option("--count", options.count, "End after so many changes")
-        ->type_name("N")
-        ->check(CLI::Range(1u, 1000000000u).description(""));
+    AddParsed(command, "--count", options.count, ReadCount, "a number above 0", "End after so many changes")
+        ->type_name("N");
 }
 
-void Print(const Watcher& watcher, const std::string& interface, const Change& change) {
-    if (watcher.json) return;
+void PrintWords(const Watcher& watcher, const std::string& interface, char sign, const std::string& words) {
     const Palette& palette = watcher.palette;
-    const std::string_view colour = change.sign == '+' ? palette.good : change.sign == '-' ? palette.bad : "";
-    const std::string line = LineHead(interface) + std::string(colour) + change.sign + ' ' + change.words +
+    const std::string_view colour = sign == '+' ? palette.good : sign == '-' ? palette.bad : "";
+    const std::string line = LineHead(interface) + std::string(colour) + sign + ' ' + words +
                              std::string(colour.empty() ? "" : palette.reset);
     puts(line.c_str());
     (void)fflush(stdout);
 }
 
+void Print(const Watcher& watcher, const std::string& interface, const Change& change, bool first) {
+    if (!watcher.settings.json) return PrintWords(watcher, interface, change.sign, change.words);
+    if (!watcher.settings.lines) return;
+    valdo::JValue line = LineOf(first ? "present" : change.event, interface);
+    std::visit([&line](const auto& lease) { PutLease(line, lease); }, change.lease);
+    PrintLine(line);
+}
+
 bool HasEnough(const Watcher& watcher) {
-    return watcher.options.count != 0 && watcher.changes >= watcher.options.count;
+    return watcher.options.count && watcher.changes >= *watcher.options.count;
 }
 
 void Print(Watcher& watcher, const std::string& interface, const std::vector<Change>& changes, bool first) {
     for (const Change& change : changes) {
         if (HasEnough(watcher)) return;
-        Print(watcher, interface, change);
+        Print(watcher, interface, change, first);
         if (!first) ++watcher.changes;
     }
 }
@@ -110,12 +118,17 @@ bool ShowServers(Watcher& watcher, const Event& event) {
 // With --json a reply is shown when it is the first of its interface, or tells something new.
 void ShowLeases(Watcher& watcher, const Event& event) {
     const bool tells = event.server ? ShowServers(watcher, event) : ShowClients(watcher, event);
-    if (watcher.json && (tells || event.origin == Origin::Post)) PrintJson(event.text);
+    if (watcher.settings.json && !watcher.settings.lines && (tells || event.origin == Origin::Post))
+        PrintJson(event.text);
 }
 
 void ShowDaemon(Watcher& watcher, bool back) {
     for (auto& [interface, holding] : watcher.clients) Forget(holding, kNever);
-    Print(watcher, "-", {{back ? '+' : '-', back ? "daemon back" : "daemon gone"}}, false);
+    ++watcher.changes;
+    if (watcher.settings.lines)
+        PrintLine(LineOf(back ? "daemon-back" : "daemon-gone", ""));
+    else if (!watcher.settings.json)
+        PrintWords(watcher, "-", back ? '+' : '-', back ? "daemon back" : "daemon gone");
 }
 
 ExitStatus Watch(Follower& follower, Watcher& watcher) {
@@ -146,7 +159,7 @@ ExitStatus Run(const WatchOptions& options, const Settings& settings) {
     const ExitStatus started = StartFollowing(follower, settings);
     if (started != kExitDone) return started;
     Watcher watcher{.options = options,
-                    .json = settings.json,
+                    .settings = settings,
                     .palette = DescribeStandardOutput().palette,
                     .clients = {},
                     .tables = {}};
