@@ -1,6 +1,9 @@
 // Failed checks: reported where they happen, with the status, the text of what should have held, the area of the
 // sources, the line and the function. Reporting never ends anything; the caller goes on with its own failure path.
 //
+// The text of an expression is part of the log that others read and search: it stays as it is when the code behind it
+// changes, and may name what the code no longer has.
+//
 // The server, the bus service and the JSON helpers report to the system log, everything else to the debug output.
 #pragma once
 
@@ -45,6 +48,8 @@ void Ostrel_ReportFailure(Ostrel_Status status, const char* expression, std::str
         }                                                                                                 \
     } while (false)
 
-// The same under the name of the function that they stand in.
+// The same under the name of the function that they stand in. A status that is passed on is reported again where a
+// failed step ends a larger one that the log should name: a bus method, the making of a role, the handling of a frame.
+// Between helpers of one such step it is returned as it is, because the first report says all that is known.
 #define OSTREL_REQUIRE(condition, text, result) OSTREL_REQUIRE_IN(__func__, condition, text, result)
 #define OSTREL_REQUIRE_NOERR(status) OSTREL_REQUIRE_NOERR_IN(__func__, status)

@@ -20,6 +20,7 @@ struct Ostrel_SystemObj {
     Ostrel_InterfaceObj* interfaceList;  // head of the list of managed interfaces, in creation order; owned
     VSHandle* serviceHandle;             // set by Ostrel_VoroServiceInitialize; owned
     Ostrel_WallClock wallClock;          // lease times are shown by it
+    Ostrel_Status failure;               // for which the loop was ended; kNoErr otherwise
     Ostrel_LeaseTexts* leaseTexts;       // the bus area's; Ostrel_VoroServiceFinalize frees them
 };
 
@@ -37,5 +38,5 @@ void Ostrel_SetInactivityTimeout(const char* caller);
 [[nodiscard]] Ostrel_Status Ostrel_DaemonStart(Ostrel_SystemObj* sysObj);
 
 // Takes it down again after eloop_run: bus service, every managed interface, event loop. kGenericErr when the bus
-// connection had been lost.
+// connection had been lost, or else `failure`.
 [[nodiscard]] Ostrel_Status Ostrel_DaemonStop(Ostrel_SystemObj* sysObj);

@@ -3,6 +3,9 @@
 // A timeout is identified by handler, role object and interface, an alarm by its name as well. The handler is called
 // once with (role object, interface). `name` labels the log line; for an alarm (`rtc`) it is also the alarm's name. It
 // may be null for an ordinary timeout.
+//
+// A timeout that cannot be registered, for want of memory or of the kernel's timer, ends the process: its role would
+// wait for it for ever.
 #pragma once
 
 #include <cstdint>

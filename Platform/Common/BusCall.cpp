@@ -118,6 +118,10 @@ const char* VSMessageGetPayload(VSMessage* message) noexcept {
     return message->payload;
 }
 
+void VSMessageSetRequest(VSMessage* message, const valdo::JValue& request) noexcept {
+    message->request = request;
+}
+
 const char* VSMessageGetMethod(VSMessage* message) noexcept {
     return message->name;
 }

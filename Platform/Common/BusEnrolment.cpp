@@ -130,7 +130,8 @@ bool VSSubscriptionProcess(VSHandle* handle, VSMessage* message, bool* subscribe
     if (handle == nullptr || message == nullptr || message->call == nullptr)
         return BusFail(error, EINVAL, "no caller to enrol");
     try {
-        const SubscriptionWish wish = ReadSubscriptionWish(message->payload);
+        const SubscriptionWish wish =
+            message->request ? SubscriptionWishOf(*message->request) : ReadSubscriptionWish(message->payload);
         if (wish == SubscriptionWish::Cancel) Cancel(*message);
         const int enrolled = wish == SubscriptionWish::Enrol ? Enrol(*message) : 0;
         if (enrolled < 0) return BusFail(error, enrolled, "the caller cannot be watched");

@@ -9,11 +9,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "VoroBus.h"
+#include "valdo.h"
 
 constexpr int32_t kBusErrorLevel = 8000;
 constexpr int32_t kBusWarningLevel = 5000;
@@ -132,8 +134,9 @@ struct VSMessage {
     const char* caller = "";   // its unique name; "" in a cancel function
     bool expectsReply = true;
     bool answered = false;
-    bool enrolled = false;          // by this call
-    const char* refusal = nullptr;  // why an answer is beyond a limit
+    bool enrolled = false;                   // by this call
+    const char* refusal = nullptr;           // why an answer is beyond a limit
+    std::optional<valdo::JValue> request{};  // as the method has parsed it
 };
 
 // What the caller is told instead of an answer.

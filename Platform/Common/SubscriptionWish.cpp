@@ -3,10 +3,14 @@
 
 #include "valdo.h"
 
+SubscriptionWish SubscriptionWishOf(const valdo::JValue& request) noexcept {
+    bool subscribe = false;
+    if (request["subscribe"].asBool(subscribe) != valdo::CONV_OK) return SubscriptionWish::None;
+    return subscribe ? SubscriptionWish::Enrol : SubscriptionWish::Cancel;
+}
+
 SubscriptionWish ReadSubscriptionWish(std::string_view payload) noexcept {
     valdo::JDomParser parser;
-    if (!parser.parse(payload, valdo::JSchemaFragment("{}"))) return SubscriptionWish::None;
-    bool subscribe = false;
-    if (parser.getDom()["subscribe"].asBool(subscribe) != valdo::CONV_OK) return SubscriptionWish::None;
-    return subscribe ? SubscriptionWish::Enrol : SubscriptionWish::Cancel;
+    return parser.parse(payload, valdo::JSchemaFragment("{}")) ? SubscriptionWishOf(parser.getDom())
+                                                               : SubscriptionWish::None;
 }

@@ -4,8 +4,13 @@
 #include <cstdint>
 #include <string_view>
 
+namespace valdo {
+class JValue;
+}
+
 enum class SubscriptionWish : uint8_t { None, Enrol, Cancel };
 
-// Reads "subscribe" of a request: true enrols, false cancels. Any other value, or a request that is no JSON object, is
+// "subscribe" of a request: true enrols, false cancels. Any other value, or a request that is no JSON object, is
 // no wish.
+[[nodiscard]] SubscriptionWish SubscriptionWishOf(const valdo::JValue& request) noexcept;
 [[nodiscard]] SubscriptionWish ReadSubscriptionWish(std::string_view payload) noexcept;

@@ -27,6 +27,9 @@
 struct VSHandle;   // the registered service; owned by the platform from VSRegister to VSUnregister
 struct VSMessage;  // one call; valid only while its handler or cancel function runs
 struct _GMainLoop;
+namespace valdo {
+class JValue;
+}
 
 constexpr size_t kVSMaxPayload = size_t{64} * 1024;  // bytes; a longer request is refused before anything parses it
 constexpr size_t kVSMaxEnrolled = 64;                // enrolled calls of one caller
@@ -87,6 +90,9 @@ void VSErrorFree(VSError* error) noexcept;
 // The request's text, NUL-terminated, and the method's name; both live as long as the message.
 [[nodiscard]] const char* VSMessageGetPayload(VSMessage* message) noexcept;
 [[nodiscard]] const char* VSMessageGetMethod(VSMessage* message) noexcept;
+
+// The request as the method has parsed it, a null value when it is no JSON: the platform then doesn't parse it again.
+void VSMessageSetRequest(VSMessage* message, const valdo::JValue& request) noexcept;
 
 // Answers the call; `payload` is copied and must be UTF-8 without noncharacters, as valdo writes it. A caller whose
 // call gets no answer in the end is not left enrolled by it.

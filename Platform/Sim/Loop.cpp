@@ -43,7 +43,8 @@ int Register(uint32_t seconds, uint32_t milliseconds, std::string_view alarmName
     World& world = World::Get();
     EventLoop& loop = Loop();
     const int64_t deadline = world.Now().count() + TimeoutDelay(seconds, milliseconds);
-    if (!loop.exists || !loop.timeouts.Add(deadline, handler, context1, context2, alarmName)) return -1;
+    if (!loop.exists || world.failTimeouts || !loop.timeouts.Add(deadline, handler, context1, context2, alarmName))
+        return -1;
     ScheduleWake();
     return 0;
 }

@@ -134,6 +134,7 @@ public:
     [[nodiscard]] bool AllocationFailurePending() const;  // the one asked for has not come yet
     [[nodiscard]] size_t LiveAllocations() const;
     [[nodiscard]] size_t PendingTimeouts() const;  // timeouts and alarms
+    bool failTimeouts = false;                     // registering one fails
     [[nodiscard]] size_t OpenSockets() const;
 
     // Bus. Call runs the method at once and returns its reply; without one, "" and the name of the error that the

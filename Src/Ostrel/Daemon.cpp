@@ -44,7 +44,9 @@ void Ostrel_InactivityTimeout(void* /*context1*/, void* /*context2*/) {
 
 void Ostrel_SetInactivityTimeout(const char* caller) {
     DebugPrintF(kDebugLevelNotice, "%s() Set Inactivity Timer for <%d> seconds\n", caller, kInactivitySeconds);
-    eloop_register_timeout(kInactivitySeconds, 0, Ostrel_InactivityTimeout, nullptr, nullptr);
+    // Without it the daemon only stays longer than it is needed.
+    if (eloop_register_timeout(kInactivitySeconds, 0, Ostrel_InactivityTimeout, nullptr, nullptr) != 0)
+        OSTREL_REPORT_EXPRESSION("eloop_register_timeout");
 }
 
 Ostrel_Status Ostrel_DaemonStart(Ostrel_SystemObj* sysObj) {
@@ -70,5 +72,5 @@ Ostrel_Status Ostrel_DaemonStop(Ostrel_SystemObj* sysObj) {
     const Ostrel_Status status = Ostrel_VoroServiceFinalize(sysObj);
     FinaliseAllInterfaces(sysObj);
     eloop_destroy();
-    return status;
+    return status != kNoErr ? status : sysObj->failure;
 }

@@ -2,8 +2,8 @@
 //
 // ostreld has no configuration of its own; all it manages comes over the bus while the loop runs. The loop ends on a
 // termination signal, after five minutes with nothing to manage, or when the bus connection is lost. The exit status is
-// the low eight bits of the status: 0, 184 without memory for the system object, 212 without the bus. Who starts it by
-// hand and fails is told why on the terminal, which it gives up once it runs.
+// the low eight bits of the status: 0, 184 without memory for the system object or a timeout, 212 without the bus. Who
+// starts it by hand and fails is told why on the terminal, which it gives up once it runs.
 #include <getopt.h>
 #include <string_view>
 

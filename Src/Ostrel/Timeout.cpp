@@ -1,4 +1,8 @@
 // Timeouts of the roles on the event loop, each registration, reset and cancellation with its line in the log.
+//
+// A role that waits for a timeout which doesn't exist waits for ever, and nobody sees it. There is nothing that it
+// could do instead: what fails is memory or the kernel's timer. So the process says why and ends with a failure, and
+// whoever supervises it starts it anew.
 #include "Ostrel/Timeout.h"
 
 #include <algorithm>
@@ -6,6 +10,7 @@
 
 #include "Ostrel/Interface.h"
 #include "Ostrel/Log.h"
+#include "Ostrel/System.h"
 
 namespace {
 
@@ -20,11 +25,13 @@ void Register(Ostrel_InterfaceObj* iface, void* role, int32_t seconds, int32_t m
               eloop_timeout_handler handler, const char* name, bool rtc) {
     const auto wholeSeconds = static_cast<uint32_t>(std::max(seconds, 0));
     const auto rest = static_cast<uint32_t>(std::max(milliseconds, 0));
-    if (rtc) {
-        eloop_register_timeout_rtc(wholeSeconds, rest, NameOf(name), handler, role, iface);
-    } else {
-        eloop_register_timeout(wholeSeconds, rest, handler, role, iface);
-    }
+    const int result = rtc ? eloop_register_timeout_rtc(wholeSeconds, rest, NameOf(name), handler, role, iface)
+                           : eloop_register_timeout(wholeSeconds, rest, handler, role, iface);
+    if (result == 0) return;
+    DebugPrintF(kDebugLevelError, "[%s] No <%s> %s timeout can be had, terminating.\n", iface->ifname.data(),
+                NameOf(name), KindOf(rtc));
+    iface->sysObj->failure = kOutOfMemoryErr;
+    eloop_terminate();
 }
 
 int Cancel(Ostrel_InterfaceObj* iface, void* role, eloop_timeout_handler handler, const char* name, bool rtc) {

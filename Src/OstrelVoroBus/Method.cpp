@@ -33,7 +33,9 @@ Ostrel_Status Ostrel_VSUtil_ReadRequest(VSMessage* message, const void* context,
     const char* payload = VSMessageGetPayload(message);
     Ostrel_LogPrint(kQxLogDebug, "%s: %s\n", request->handler, payload);
     OSTREL_REQUIRE_IN(request->handler, context != nullptr, "sysObj", kGenericErr);
-    OSTREL_REQUIRE_IN(request->handler, CheckJsonRoot(payload, "{}", &request->root), "success", kGenericErr);
+    const bool success = CheckJsonRoot(payload, "{}", &request->root);
+    VSMessageSetRequest(message, request->root);
+    OSTREL_REQUIRE_IN(request->handler, success, "success", kGenericErr);
     return kNoErr;
 }
 

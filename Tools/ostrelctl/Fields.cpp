@@ -41,6 +41,11 @@ std::vector<Ostrel_IPv4> AddressesOf(const JValue& object, const char* key) {
     return addresses;
 }
 
+int64_t NumberOf(const JValue& object, const char* key) {
+    int32_t number = 0;
+    return object[key].asNumber(number) == valdo::CONV_OK ? number : 0;
+}
+
 // A lease time may be beyond 2^31 seconds, which the reader of 32-bit numbers does not take.
 int64_t SecondsOf(const JValue& object, const char* key) {
     const JValue number = object[key];

@@ -20,6 +20,9 @@ namespace ostrelctl {
 // The addresses of an array, or the one address of a string; 0.0.0.0 is left out.
 [[nodiscard]] std::vector<Ostrel_IPv4> AddressesOf(const valdo::JValue& object, const char* key);
 
+// A number of things; 0 when it is absent or not one.
+[[nodiscard]] int64_t NumberOf(const valdo::JValue& object, const char* key);
+
 // A number of seconds; kInfiniteLease for one of 2^31 and above, 68 years, and for none.
 [[nodiscard]] int64_t SecondsOf(const valdo::JValue& object, const char* key);
 

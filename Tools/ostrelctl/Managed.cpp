@@ -31,7 +31,7 @@ Managed ReadOne(const JValue& object) {
     read.domainName = TextOf(object, "domainName");
     if (read.server) {
         read.network = AddressOf(object, "ipv4Subnet");
-        read.maxLeases = SecondsOf(object, "maxLeases");
+        read.maxLeases = NumberOf(object, "maxLeases");
         read.leaseSeconds = SecondsOf(object, "leaseExpiry");
         read.rangeFirst = AddressOf(object, "ipv4RangeStart");
         read.rangeLast = LastOfRange(read.rangeFirst, read.maxLeases);
