@@ -63,10 +63,12 @@ class Subscriber:
         """It is there: it was before us, or it has been started, for the first time or again."""
         self.owner, self.is_from_this_daemon = owner, False
         try:
-            managed = self.request("/", "interfaceConfigDump")["interfaceList"]
-            self.request("/client", "leaseInformation", subscribe=True)
-            if all(entry["interface"] != self.interface for entry in managed):
+            managed = self.request("/", "interfaceConfigDump", interface=self.interface)["interfaceList"]
+            is_new = all(entry["interface"] != self.interface for entry in managed)
+            if is_new:
                 self.request("/", "interfaceInitialize", interface=self.interface, mode="client", **UNSET)
+            self.request("/client", "leaseInformation", interface=self.interface, subscribe=True)
+            if is_new:
                 self.request("/client", "leaseAction", interface=self.interface, leaseAction="init")
         except (Refused, GLib.Error) as error:
             self.on_error(error)

@@ -8,6 +8,9 @@
 // address in a reply may still be in its ARP check, so it counts when it has stood for long enough. The daemon may come
 // and go; whenever its name has a new owner, that one is subscribed to.
 //
+// A request without an interface is answered for all of them, but the daemon logs it as an error. So each one that is
+// known is asked about by its name, and all of them only now and then.
+//
 // It shows what the daemon says. A program that configures addresses would keep one of a daemon that went away until
 // the lease ends, see Docs/subscriber.md.
 //
@@ -21,6 +24,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 #include <systemd/sd-bus.h>
+#include <vector>
 
 namespace {
 
@@ -36,6 +40,7 @@ constexpr char kOwnerChanges[] =
     "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='org.ostrel.dhcp'";
 constexpr char kNone[] = "0.0.0.0";
 constexpr auto kAskInterval = 2s;
+constexpr auto kLookInterval = 30s;   // for interfaces that are not known yet
 constexpr auto kLeaseCheck = 3s;      // the ARP check of a lease takes two
 constexpr auto kLinkLocalCheck = 6s;  // probes and the first announcement take up to five
 
@@ -49,6 +54,7 @@ struct Subscriber {
     sd_bus* bus = nullptr;
     std::string owner;                         // unique name of the daemon; empty: it is not there
     std::map<std::string, Address> addresses;  // by interface
+    Clock::time_point nextLook;
     unsigned long printed = 0;
     bool isRefused = false;
 };
@@ -90,34 +96,44 @@ void Take(Subscriber& self, const json& entry, bool isPosted) {
         Print(self, interface, address, WordsFor(entry));
 }
 
-// A reply lists every interface: one that is missing is no longer managed.
-void LoseMissing(Subscriber& self, const json& list) {
-    for (auto& [interface, address] : self.addresses) {
-        const auto isIt = [&name = interface](const json& entry) { return entry.value("interface", "") == name; };
-        if (std::none_of(list.begin(), list.end(), isIt)) Lose(self, interface, address);
+// A reply lists what was asked about, an interface or all: one that is missing is no longer managed.
+void LoseMissing(Subscriber& self, const json& list, const std::string& asked) {
+    for (auto known = self.addresses.begin(); known != self.addresses.end();) {
+        const std::string interface = known->first;
+        const auto isIt = [&interface](const json& entry) { return entry.value("interface", "") == interface; };
+        const bool isManaged = std::any_of(list.begin(), list.end(), isIt);
+        if (isManaged || (!asked.empty() && asked != interface)) {
+            ++known;
+        } else {
+            Lose(self, interface, known->second);
+            known = self.addresses.erase(known);
+        }
     }
 }
 
 // The text of a reply or a post. One that isn't as documented is reported and left alone.
-void TakeMessage(Subscriber& self, sd_bus_message* message, bool isPosted) {
+void TakeMessage(Subscriber& self, sd_bus_message* message, bool isPosted, const std::string& asked) {
     const char* text = "";
     if (sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, &text) <= 0) return;
     try {
         const json list = json::parse(text).at("interfaceList");
         for (const json& entry : list) Take(self, entry, isPosted);
-        if (!isPosted) LoseMissing(self, list);
+        if (!isPosted) LoseMissing(self, list, asked);
     } catch (const std::exception& error) {
         (void)fprintf(stderr, "subscriber: not understood: %s\n", error.what());
     }
 }
 
-// Asks what there is, and with `subscribe` to be told of what comes.
-void Ask(Subscriber& self, bool subscribe) {
+// Asks what there is on an interface, or with an empty name on all; and with `subscribe` to be told of what comes.
+void Ask(Subscriber& self, const std::string& interface, bool subscribe) {
+    json request = json::object();
+    if (!interface.empty()) request["interface"] = interface;
+    if (subscribe) request["subscribe"] = true;
     sd_bus_error error = SD_BUS_ERROR_NULL;
     sd_bus_message* reply = nullptr;
     const int called = sd_bus_call_method(self.bus, self.owner.c_str(), kPath, kInterface, "leaseInformation", &error,
-                                          &reply, "s", subscribe ? R"({"subscribe":true})" : "{}");
-    if (called >= 0) TakeMessage(self, reply, false);
+                                          &reply, "s", request.dump().c_str());
+    if (called >= 0) TakeMessage(self, reply, false, interface);
     self.isRefused = sd_bus_error_has_name(&error, SD_BUS_ERROR_ACCESS_DENIED) > 0;
     sd_bus_message_unref(reply);
     sd_bus_error_free(&error);
@@ -126,8 +142,18 @@ void Ask(Subscriber& self, bool subscribe) {
 int OnPost(sd_bus_message* message, void* context, sd_bus_error*) {
     auto& self = *static_cast<Subscriber*>(context);
     const char* sender = sd_bus_message_get_sender(message);
-    if (sender != nullptr && self.owner == sender) TakeMessage(self, message, true);
+    if (sender != nullptr && self.owner == sender) TakeMessage(self, message, true, "");
     return 0;
+}
+
+void AskAgain(Subscriber& self) {
+    if (Clock::now() >= self.nextLook) {
+        self.nextLook = Clock::now() + kLookInterval;
+        return Ask(self, "", false);
+    }
+    std::vector<std::string> names;  // answers change the map
+    for (const auto& [interface, address] : self.addresses) names.push_back(interface);
+    for (const std::string& interface : names) Ask(self, interface, false);
 }
 
 void Follow(Subscriber& self, const char* owner) {
@@ -135,7 +161,8 @@ void Follow(Subscriber& self, const char* owner) {
     if (self.owner.empty()) {
         (void)fputs("subscriber: waiting for the daemon\n", stderr);
     } else {
-        Ask(self, true);
+        Ask(self, "", true);
+        self.nextLook = Clock::now() + kLookInterval;
     }
 }
 
@@ -181,7 +208,7 @@ int Run(Subscriber& self, unsigned long wanted) {
             if (waited < 0 && waited != -EINTR) return waited;
             continue;
         }
-        if (!self.owner.empty()) Ask(self, false);
+        if (!self.owner.empty()) AskAgain(self);
         next = Clock::now() + kAskInterval;
     }
     return 0;

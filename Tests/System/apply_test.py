@@ -249,7 +249,7 @@ class Answers(Applying):
 
     def test_a_lease_outlives_answers_that_fail(self):
         """A daemon that refuses, then answers rubbish, then lists others, then answers again."""
-        self.peer("one", "/usr/bin/python3", pathlib.Path(__file__).with_name("fake_daemon.py"))
+        daemon = self.peer("one", "/usr/bin/python3", pathlib.Path(__file__).with_name("fake_daemon.py"))
         applier, watch = self.tool("one", "apply", "eth0"), self.tool("one", "watch")
         self.see(applier, "+ address 198.51.100.5/24")
         seen = self.peer("one", "ip", "monitor", "address")
@@ -261,6 +261,13 @@ class Answers(Applying):
             self.assertIsNone(process.poll())
         self.assertNotIn("Deleted", self.said(seen))
         self.assertEqual(set(self.addresses("one")), {"198.51.100.5"})
+
+        lab.stop(watch)
+        subscribed = self.said(daemon).count('"subscribe":true')
+        applier.send_signal(signal.SIGSTOP)  # so long that a daemon may have given it up
+        time.sleep(25)
+        applier.send_signal(signal.SIGCONT)
+        lab.eventually(lambda: self.said(daemon).count('"subscribe":true') == subscribed + 1, 5, "a new subscription")
 
 
 class Static(Applying):

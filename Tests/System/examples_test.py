@@ -2,6 +2,7 @@
 import json
 import os
 import pathlib
+import re
 import subprocess
 
 import lab
@@ -88,6 +89,21 @@ class Examples(lab.LabTest):
         self.assertRegex(late.output.read_text(), f"^eth0: {OTHER} is leased until ")
         for process in (python, cpp):
             self.assertEqual(len(self.lines_of(process, 5)), 5, "a stranger's signal counted")
+        # Of each daemon the C++ example asks for all once, and the Python one before it hands the interface over.
+        errors = re.findall(r".*(?:GetJsonString: interface|Src/OstrelVoroBus).*", self.lab.log("client"))
+        self.assertLessEqual(len(errors), 6, errors)
+
+    def test_a_lease_in_a_reply_counts_nowhere_before_its_check_is_over(self):
+        """The examples, the document and the tool wait equally long; the tool's time is held against the daemon's."""
+        waits = {}
+        for path, pattern in (("Tools/ostrelctl/Holding.cpp", r"kCheckedAge = (\d+);"),
+                              ("Docs/examples/subscriber.cpp", r"kLeaseCheck = (\d+)s;"),
+                              ("Docs/examples/lease.py", r"CHECK_SECONDS = (\d+) "),
+                              ("Docs/examples/get-lease.sh", r'"\$stood" -ge (\d+) '),
+                              ("Docs/subscriber.md", r"older than the subscription \| unchanged for (\d+) seconds")):
+            waits[path] = int(re.search(pattern, (lab.ROOT / path).read_text())[1])
+        (check,) = re.findall(r"kARPCheckSeconds = (\d+);", (lab.ROOT / "Include/Ostrel/DHCPClient.h").read_text())
+        self.assertEqual(set(waits.values()), {int(check) + 1}, waits)
 
     def test_what_is_refused_ends_the_python_example(self):
         self.daemon()

@@ -18,7 +18,8 @@ def listing(*interfaces):
     return json.dumps({"returnValue": True, "interfaceList": interfaces})
 
 
-def answer(_connection, sender, path, _interface, method, _arguments, invocation):
+def answer(_connection, sender, path, _interface, method, arguments, invocation):
+    print(path, *arguments, flush=True)
     asked[sender] += path == "/client"
     turn = asked[sender]
     if method == "interfaceConfigDump":

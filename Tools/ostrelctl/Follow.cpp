@@ -39,6 +39,7 @@ constexpr seconds kQuestionInterval{2};
 constexpr seconds kLongQuestionInterval{30};  // of a table so long that telling it is work
 constexpr seconds kLongestLookupPause{30};
 constexpr size_t kLongText = 65536;  // bytes; some 400 leases of a server
+constexpr seconds kLongStop{20};     // the daemon gives up a silent subscriber after a minute
 constexpr seconds kPatience{10};     // before it is said that the daemon does not answer
 
 int64_t WallMilliseconds() {
@@ -338,13 +339,17 @@ TimePoint NextWake(const Follower& follower, TimePoint deadline) {
     return wake;
 }
 
-bool Sleep(const Follower& follower, TimePoint deadline) {
+// A process that was stopped for a while may have been unsubscribed as one that does not read; subscribing again does
+// no harm.
+bool Sleep(Follower& follower, TimePoint deadline) {
     sd_bus* const bus = follower.session.bus.get();
     const int events = sd_bus_get_events(bus);
     if (events < 0) return false;
     std::array<pollfd, 2> files{{{.fd = sd_bus_get_fd(bus), .events = static_cast<short>(events), .revents = 0},
                                  {.fd = follower.signals.get(), .events = POLLIN, .revents = 0}}};
-    const int ready = poll(files.data(), files.size(), MillisecondsUntil(NextWake(follower, deadline)));
+    const TimePoint wake = NextWake(follower, deadline);
+    const int ready = poll(files.data(), files.size(), MillisecondsUntil(wake));
+    if (wake != kNever && Clock::now() - wake > kLongStop) follower.subscriptions.clear();
     return ready >= 0 || errno == EINTR;
 }
 
