@@ -45,7 +45,8 @@ constexpr size_t kMaxPings = 124;          // a bus daemon allows a connection 1
 constexpr size_t kMaxCallerPings = kMaxPings - kVSMaxSubscribers;
 constexpr size_t kMaxAccounts = 256;  // past that a new caller has the oldest one looked for
 
-constexpr uint32_t kRound = 50;  // milliseconds
+constexpr uint32_t kRound = 50;                   // milliseconds
+constexpr size_t kMaxRoundBytes = 2 * kMebibyte;  // about: more would keep the bus from carrying anything else
 constexpr uint32_t kCheckSeconds = 5;
 constexpr uint32_t kSilentChecks = 13;  // more than a minute, whenever the first of them came
 
@@ -220,10 +221,11 @@ void Round(void* context, void*) {
     handle->inRounds = false;
     const size_t count = handle->peers.size();
     const size_t first = handle->turn < count ? handle->turn : 0;
+    const size_t before = handle->bytesUnderWay;
     for (size_t i = 0; i < count; ++i) {
         BusPeer& peer = *handle->peers[(first + i) % count];
         if (NeedsRound(peer) && peer.wanted.empty()) peer.lags = false;
-        if (!HasRoom(handle)) {
+        if (!HasRoom(handle) || handle->bytesUnderWay - before >= kMaxRoundBytes) {
             handle->turn = (first + i) % count;
             break;
         }

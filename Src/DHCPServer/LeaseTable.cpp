@@ -12,6 +12,7 @@
 
 #include "Ostrel/Check.h"
 #include "Ostrel/Log.h"
+#include "Ostrel/System.h"
 
 #include "DHCPServer/LeaseIndex.h"
 #include "os_time.h"
@@ -86,8 +87,8 @@ bool WriteBuffer(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data, 
 
 // When a lease ends, in local time as ctime writes it; the text lies in `room`.
 std::string_view EndOf(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease, std::span<char> room) {
-    const uint32_t age = os_monotonic_seconds() - lease.offerTime;
-    os_local_time_text(os_wall_seconds() - age + server->leaseTime, room);
+    Ostrel_WallClock* const clock = &server->iface->sysObj->wallClock;
+    os_local_time_text(Ostrel_WallClockTimeOf(clock, lease.offerTime) + server->leaseTime, room);
     const std::string_view text(room.data());
     return text.substr(0, text.find('\n'));
 }
