@@ -29,7 +29,7 @@ double MicrosecondsOf(Work work) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-    const uint32_t leases = argc > 1 ? static_cast<uint32_t>(std::atoi(argv[1])) : 1000;
+    const uint32_t leases = argc > 1 ? static_cast<uint32_t>(std::strtoul(argv[1], nullptr, 10)) : 1000;
     sim::World world;
     world.AddInterface("usb0", {2, 0, 0, 0, 0, 1}, world.AddSegment());
     Ostrel_SystemObj system{};

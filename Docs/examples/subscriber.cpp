@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -214,14 +215,24 @@ int Run(Subscriber& self, unsigned long wanted) {
     return 0;
 }
 
-}  // namespace
-
-int main(int argc, char* argv[]) {
+// The exit status.
+int Subscribe(unsigned long wanted) {
     Subscriber self;
     int status = Connect(self);
-    if (status >= 0) status = Run(self, argc > 1 ? strtoul(argv[1], nullptr, 10) : 0);
+    if (status >= 0) status = Run(self, wanted);
     if (status < 0) (void)fprintf(stderr, "subscriber: the bus: %s\n", strerror(-status));
     if (self.isRefused) (void)fputs("subscriber: the bus refuses; be root, or in the group ostrel\n", stderr);
     sd_bus_flush_close_unref(self.bus);
     return status < 0 || self.isRefused ? 1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    try {
+        return Subscribe(argc > 1 ? strtoul(argv[1], nullptr, 10) : 0);
+    } catch (const std::exception& error) {  // memory is out
+        (void)fprintf(stderr, "subscriber: %s\n", error.what());
+        return 1;
+    }
 }
