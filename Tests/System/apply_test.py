@@ -348,7 +348,7 @@ class LinkLocal(Applying):
         self.see(rehearsal, "ip address add 169.254.")
         self.assertEqual(self.addresses("one"), {})
         self.assertEqual(lab.stop(rehearsal), 0)
-        command, undo = self.said(rehearsal).splitlines()
+        command, undo = [line for line in self.said(rehearsal).splitlines() if line.startswith("ip ")]
         self.assertEqual(undo, command.replace(" add ", " del "))
         self.lab.ip("one", command.removeprefix("ip "))  # it is a command that does it
         self.ping("one", address)

@@ -115,9 +115,10 @@ class Story(Tool):
                               "domainName": "lab.example", "began": 0, "expires": 3600, "set": True})
             self.assertLessEqual(abs(told["time"] - time.time()), 2)
             self.assertLessEqual(told["began"], told["time"])
-        (told,) = map(json.loads, self.type("server", "status --json=lines").splitlines())
-        self.assertEqual((told["role"], told["used"], told["maxLeases"]), ("server", 1, 20))
+        (served,) = map(json.loads, self.type("server", "status --json=lines").splitlines())
+        self.assertEqual((served["role"], served["used"], served["maxLeases"]), ("server", 1, 20))
         self.type("client", "status -j")
+        lab.eventually(lambda: time.time() - told["began"] > 4, 10, "a lease old enough to be told at the first look")
         watches = {host: self.lab.start(host, OSTRELCTL, "watch", "--json=lines", "--count", count,
                                         output=self.lab.directory / f"lines.{host}") for host, count in (("client", "2"), ("server", "1"))}
         lab.eventually(lambda: all("present" in watch.output.read_text() for watch in watches.values()), 20, "a look")

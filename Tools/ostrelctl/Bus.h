@@ -26,13 +26,13 @@ struct Method {
     const char* name;
 };
 
-constexpr Method kInterfaceInitialize{"/", "interfaceInitialize"};
-constexpr Method kInterfaceFinalize{"/", "interfaceFinalize"};
-constexpr Method kInterfaceConfigDump{"/", "interfaceConfigDump"};
-constexpr Method kSetDebugLevel{"/", "setDebugLevel"};
-constexpr Method kLeaseAction{"/client", "leaseAction"};
-constexpr Method kClientLeaseInformation{"/client", "leaseInformation"};
-constexpr Method kServerLeaseInformation{"/server", "leaseInformation"};
+inline constexpr Method kInterfaceInitialize{"/", "interfaceInitialize"};
+inline constexpr Method kInterfaceFinalize{"/", "interfaceFinalize"};
+inline constexpr Method kInterfaceConfigDump{"/", "interfaceConfigDump"};
+inline constexpr Method kSetDebugLevel{"/", "setDebugLevel"};
+inline constexpr Method kLeaseAction{"/client", "leaseAction"};
+inline constexpr Method kClientLeaseInformation{"/client", "leaseInformation"};
+inline constexpr Method kServerLeaseInformation{"/server", "leaseInformation"};
 
 // "org.ostrel.dhcp", "org.ostrel.dhcp.client", "org.ostrel.dhcp.server".
 [[nodiscard]] std::string InterfaceOf(const Method& method);

@@ -115,7 +115,7 @@ ExitStatus ActOn(const Session& session, const std::string& name, const Method& 
     if (!answer.problem.empty()) return Refuse(answer.status, answer.problem, answer.next);
     const Answer dump = AskQuietly(session, kInterfaceConfigDump, RequestFor(name));
     const bool known = dump.status == kExitDone && Find(ReadManaged(dump.reply), name) == nullptr;
-    return known ? ComplainOfUnmanaged(name, method.name != kInterfaceFinalize.name) : ComplainOfNoReason();
+    return known ? ComplainOfUnmanaged(name, &method != &kInterfaceFinalize) : ComplainOfNoReason();
 }
 
 }  // namespace ostrelctl
