@@ -71,6 +71,7 @@ struct Ostrel_StormBreaker {
 
 struct Ostrel_ClientObj {
     Ostrel_InterfaceObj* iface;        // not owned
+    const Ostrel_ClientRules* rules;   // never null
     Ostrel_PacketFilter packetFilter;  // UDP port 68; owned
     Ostrel_ClientState state;
     uint32_t transactionID;              // its bytes in memory are the xid on the wire
@@ -97,10 +98,24 @@ struct Ostrel_ClientObj {
                                                         const Ostrel_InterfaceConfig* config);
 void Ostrel_DHCPClientFinalize(Ostrel_ClientObj* client);
 
+// What an action may be given beside its word.
+struct Ostrel_ActionValues {
+    Ostrel_IPv4 address;  // of "init": the address that the client had, asked for first; 0: none
+    bool release;         // of "halt": the server is told that the lease is not needed any more
+};
+
 // "init", "renew" and "rebind" drop what the client holds and acquire anew; "halt" drops it and idles. kBadParamErr for
 // any other word, kGenericErr without a client.
-[[nodiscard]] Ostrel_Status Ostrel_DHCPClientLeaseAction(Ostrel_InterfaceObj* iface, const char* action);
+[[nodiscard]] Ostrel_Status Ostrel_DHCPClientLeaseAction(Ostrel_InterfaceObj* iface, const char* action,
+                                                         const Ostrel_ActionValues& values = {});
 
 // Every ARP frame of the interface: a reply from another host for the leased address takes the lease away.
 void Ostrel_DHCPClientARPPacketHandler(Ostrel_ClientObj* client, const Ostrel_EthernetHeader* frame,
                                        const Ostrel_ARPHeader* arpHeader, const Ostrel_ARPAddresses* addresses);
+
+// Tells the server that the lease is not needed any more, where there is one. The client stays as it is.
+void Ostrel_DHCPClientRelease(Ostrel_ClientObj* client);
+
+// The interface has lost its link, or has it back; and the device was suspended and is awake again.
+void Ostrel_DHCPClientLinkChanged(Ostrel_ClientObj* client, bool isRunning);
+void Ostrel_DHCPClientWokeUp(Ostrel_ClientObj* client);

@@ -50,6 +50,7 @@ struct Ostrel_LeaseIndex;  // what makes lookups cheap; private to the lease tab
 
 struct Ostrel_ServerObj {
     Ostrel_InterfaceObj* iface;        // not owned
+    const Ostrel_ServerRules* rules;   // never null
     Ostrel_PacketFilter packetFilter;  // UDP port 67; owned
     Ostrel_IPv4 IPv4Address;           // the server's own: server identifier of every reply
     Ostrel_IPv4 IPv4Subnet;            // network address
@@ -76,6 +77,11 @@ void Ostrel_DHCPServerFinalize(Ostrel_ServerObj* server);
 // The used slot that follows `lease` in index order, or the first one after null; null at the end.
 [[nodiscard]] Ostrel_LeaseInformation* Ostrel_DHCPServer_LeaseNextUsed(const Ostrel_ServerObj* server,
                                                                        const Ostrel_LeaseInformation* lease);
+
+// What an operator does to one address of the range: "release" ends its lease, "hold" keeps it from everybody.
+// kBadParamErr for any other word, kNoSuchItemErr for an address that the server does not lease.
+[[nodiscard]] Ostrel_Status Ostrel_DHCPServerLeaseAction(Ostrel_ServerObj* server, Ostrel_IPv4 address,
+                                                         const char* action);
 
 // Every ARP frame of the interface; the server has no use for them.
 void Ostrel_DHCPServerARPPacketHandler(Ostrel_ServerObj* server, const Ostrel_EthernetHeader* frame,

@@ -3,11 +3,13 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 #include "Ostrel/Address.h"
 #include "Ostrel/InterfaceConfig.h"
 #include "Ostrel/PacketFilter.h"
+#include "Ostrel/Rules.h"
 #include "Ostrel/Status.h"
 
 #include "wpabuf.h"
@@ -27,6 +29,9 @@ struct Ostrel_InterfaceObj {
     wpabuf* txFrame;                // every outgoing frame is assembled here; owned
     wpabuf* txPayload;              // a BOOTP message before it is framed; owned
     uint32_t mode;                  // role bits
+    const Ostrel_Rules* rules;      // never null
+    std::optional<bool> rfc;        // as the caller asked
+    bool leaseIsHeld;               // by the client, its address checked
     Ostrel_PacketFilter arpFilter;  // shared by the roles
     Ostrel_ClientObj* dhcpClient;   // the roles: owned, null when not run
     Ostrel_ServerObj* dhcpServer;

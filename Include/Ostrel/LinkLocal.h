@@ -23,8 +23,9 @@ enum Ostrel_LinkLocalState : int32_t {
 [[nodiscard]] const char* Ostrel_LinkLocalStateString(Ostrel_LinkLocalState state);
 
 struct Ostrel_LinkLocalObj {
-    Ostrel_InterfaceObj* iface;  // not owned
-    Ostrel_IPv4 IPv4Address;     // probed, announced or held; 0 until the first selection
+    Ostrel_InterfaceObj* iface;          // not owned
+    const Ostrel_LinkLocalRules* rules;  // never null
+    Ostrel_IPv4 IPv4Address;             // probed, announced or held; 0 until the first selection
     Ostrel_LinkLocalState state;
     int32_t numConflicts;    // over the object's life
     int32_t numProbes;       // for the current address
@@ -44,3 +45,7 @@ void Ostrel_LinkLocalFinalize(Ostrel_LinkLocalObj* linkLocal);
 // Every ARP frame of the interface.
 void Ostrel_LinkLocalARPPacketHandler(Ostrel_LinkLocalObj* linkLocal, const Ostrel_EthernetHeader* frame,
                                       const Ostrel_ARPHeader* arpHeader, const Ostrel_ARPAddresses* addresses);
+
+// The interface has lost its link, or has it back; and the client of the interface holds a lease, or not any more.
+void Ostrel_LinkLocalLinkChanged(Ostrel_LinkLocalObj* linkLocal, bool isRunning);
+void Ostrel_LinkLocalLeaseChanged(Ostrel_LinkLocalObj* linkLocal, bool isHeld);

@@ -1,9 +1,10 @@
-// The one call that goes up: a role with news tells the bus's subscribers.
+// The calls that go up: a role with news tells the bus's subscribers, and the other roles of its interface.
 #pragma once
 
 #include "Ostrel/Status.h"
 
 struct Ostrel_ClientObj;
+struct Ostrel_InterfaceObj;
 struct Ostrel_ServerObj;
 struct Ostrel_SystemObj;
 
@@ -14,3 +15,6 @@ struct Ostrel_SystemObj;
 // Posts the server's lease table to the subscribers of "/server" "leaseInformation"; kGenericErr when that fails.
 [[nodiscard]] Ostrel_Status Ostrel_VoroServicePublishServerLeaseInformation(Ostrel_SystemObj* sysObj,
                                                                             Ostrel_ServerObj* server);
+
+// The client holds a lease from now on, its address checked, or does not any more.
+void Ostrel_InterfaceLeaseChanged(Ostrel_InterfaceObj* iface, bool isHeld);

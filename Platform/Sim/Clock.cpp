@@ -1,10 +1,12 @@
 // The simulated device's clocks: both follow the world's virtual time. Local time is UTC unless a test
-// says otherwise, so that traces are the same everywhere.
+// says otherwise, so that traces are the same everywhere. Its entropy comes from the world's seed, by a generator of
+// its own, so that what is drawn from it changes nothing else.
 
 #include <cstring>
 #include <ctime>
 
 #include "Sim.h"
+#include "os_random.h"
 #include "os_time.h"
 
 uint32_t os_monotonic_seconds() noexcept {
@@ -31,4 +33,8 @@ bool os_local_time_text(int64_t wallSeconds, std::span<char> text) noexcept {
     }
     text.front() = '\0';
     return false;
+}
+
+void os_random_bytes(std::span<uint8_t> bytes) noexcept {
+    for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(sim::World::Get().entropy());
 }

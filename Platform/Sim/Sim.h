@@ -169,6 +169,7 @@ public:
     [[nodiscard]] std::string Describe() const;
 
     std::mt19937_64 random;
+    std::mt19937_64 entropy;  // the device's, from the same seed
 
     struct State;  // the platform's side
     [[nodiscard]] State& Internals() { return *state; }

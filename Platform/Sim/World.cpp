@@ -18,7 +18,7 @@ World* currentWorld = nullptr;
 
 }  // namespace
 
-World::World(uint64_t seed) : random(seed), state(std::make_unique<State>()) {
+World::World(uint64_t seed) : random(seed), entropy(~seed), state(std::make_unique<State>()) {
     if (currentWorld != nullptr) Abort("there is a World already");
     currentWorld = this;
     state->seed = seed;

@@ -69,6 +69,7 @@ Ostrel_Status Ostrel_DHCPClientInitialize(Ostrel_InterfaceObj* iface, const Ostr
     os_owner<Ostrel_ClientObj> client(os_new<Ostrel_ClientObj>());
     OSTREL_REQUIRE(client != nullptr, "client", kOutOfMemoryErr);
     client->iface = iface;
+    client->rules = &iface->rules->client;
     OSTREL_REQUIRE_NOERR(Ostrel_BOOTPClientPacketFilterInitialize(client.get()));
 
     client->maxMessageSize = kMaxMessageSize;
@@ -102,7 +103,8 @@ void Ostrel_DHCPClientFinalize(Ostrel_ClientObj* client) {
     os_delete(client);
 }
 
-Ostrel_Status Ostrel_DHCPClientLeaseAction(Ostrel_InterfaceObj* iface, const char* action) {
+Ostrel_Status Ostrel_DHCPClientLeaseAction(Ostrel_InterfaceObj* iface, const char* action,
+                                           const Ostrel_ActionValues& /*values*/) {
     OSTREL_REQUIRE(iface->dhcpClient != nullptr, "iface->dhcpClient", kGenericErr);
     const std::string_view word = action;
     if (word == "init" || word == "renew" || word == "rebind") {
@@ -116,3 +118,9 @@ Ostrel_Status Ostrel_DHCPClientLeaseAction(Ostrel_InterfaceObj* iface, const cha
     DebugPrintF(kDebugLevelInfo, "[%s] DHCP Client unknown action request <%s>.\n", iface->ifname.data(), action);
     return kBadParamErr;
 }
+
+void Ostrel_DHCPClientRelease(Ostrel_ClientObj* /*client*/) {}
+
+void Ostrel_DHCPClientLinkChanged(Ostrel_ClientObj* /*client*/, bool /*isRunning*/) {}
+
+void Ostrel_DHCPClientWokeUp(Ostrel_ClientObj* /*client*/) {}

@@ -13,7 +13,7 @@
 
 #include "Ostrel/Check.h"
 
-#include "os_time.h"
+#include "os_random.h"
 
 namespace {
 
@@ -129,7 +129,9 @@ Ostrel_Status Ostrel_LeaseIndexInitialize(Ostrel_ServerObj* server) {
                            SlotSetInitialize(index.blank, slots);
     OSTREL_REQUIRE(allocated, "server->index", kOutOfMemoryErr);
 
-    index.key = Scramble(reinterpret_cast<uintptr_t>(server)) ^ static_cast<uint64_t>(os_wall_seconds());
+    std::array<uint8_t, sizeof index.key> key{};
+    os_random_bytes(key);
+    index.key = std::bit_cast<uint64_t>(key);
     index.byAge = {.neighbours = &SlotLinks::byAge, .first = kNoSlot, .last = kNoSlot};
     index.offered = {.neighbours = &SlotLinks::offered, .first = kNoSlot, .last = kNoSlot};
     std::fill_n(index.chains.get(), index.numChains, kNoSlot);

@@ -165,6 +165,7 @@ Ostrel_Status Ostrel_DHCPServerInitialize(Ostrel_InterfaceObj* iface, const Ostr
     OwnedServer server(os_new<Ostrel_ServerObj>());
     OSTREL_REQUIRE(server != nullptr, "server", kOutOfMemoryErr);
     server->iface = iface;
+    server->rules = &iface->rules->server;
     OSTREL_REQUIRE_NOERR(Ostrel_BOOTPServerPacketFilterInitialize(server.get()));
     const Ostrel_Status status = TakeOver(server.get(), config);
     if (status != kNoErr) return status;

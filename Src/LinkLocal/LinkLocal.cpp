@@ -190,6 +190,7 @@ Ostrel_Status Ostrel_LinkLocalInitialize(Ostrel_InterfaceObj* iface) {
     auto* linkLocal = os_new<Ostrel_LinkLocalObj>();
     OSTREL_REQUIRE(linkLocal != nullptr, "linkLocal", kOutOfMemoryErr);
     linkLocal->iface = iface;
+    linkLocal->rules = &iface->rules->linkLocal;
     iface->linkLocal = linkLocal;
     return kNoErr;
 }

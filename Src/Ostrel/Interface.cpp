@@ -15,6 +15,7 @@
 #include "Ostrel/DHCPServer.h"
 #include "Ostrel/LinkLocal.h"
 #include "Ostrel/Log.h"
+#include "Ostrel/Publish.h"
 #include "Ostrel/System.h"
 
 #include "eloop.h"
@@ -73,6 +74,8 @@ Ostrel_Status Ostrel_InterfaceInitialize(Ostrel_SystemObj* sysObj, const Ostrel_
     iface->txPayload = wpabuf_alloc(kTransmitBufferSize);
     OSTREL_REQUIRE(iface->txPayload != nullptr, "ifaceRef->txPayload", kOutOfMemoryErr);
     iface->mode = config->mode;
+    iface->rules = Ostrel_RulesOf(*config);
+    iface->rfc = config->rfc;
 
     OSTREL_REQUIRE_NOERR(Ostrel_ARPPacketFilterInitialize(iface.get(), &iface->arpFilter));
     if ((iface->mode & kOstrelModeDHCPClient) != 0) {
@@ -112,4 +115,8 @@ void Ostrel_InterfaceFinalize(Ostrel_InterfaceObj** listHead, Ostrel_InterfaceOb
     os_delete(iface);
 
     if (listHead != nullptr && *listHead == nullptr) Ostrel_SetInactivityTimeout(__func__);
+}
+
+void Ostrel_InterfaceLeaseChanged(Ostrel_InterfaceObj* iface, bool isHeld) {
+    iface->leaseIsHeld = isHeld;
 }
