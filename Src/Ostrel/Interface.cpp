@@ -28,6 +28,16 @@ struct FinaliseUnlisted {
 };
 using HalfBuiltInterface = std::unique_ptr<Ostrel_InterfaceObj, FinaliseUnlisted>;
 
+// The sockets and the roles, as far as they start; the caller reports what fails.
+Ostrel_Status StartRoles(Ostrel_InterfaceObj* iface, const Ostrel_InterfaceConfig* config) {
+    const auto runs = [iface](uint32_t role) { return (iface->mode & role) != 0; };
+    Ostrel_Status status = Ostrel_ARPPacketFilterInitialize(iface, &iface->arpFilter);
+    if (status == kNoErr && runs(kOstrelModeDHCPClient)) status = Ostrel_DHCPClientInitialize(iface, config);
+    if (status == kNoErr && runs(kOstrelModeLinkLocal)) status = Ostrel_LinkLocalInitialize(iface);
+    if (status == kNoErr && runs(kOstrelModeDHCPServer)) status = Ostrel_DHCPServerInitialize(iface, config);
+    return status;
+}
+
 }  // namespace
 
 Ostrel_Status Ostrel_InterfaceFindByName(std::string_view name, Ostrel_InterfaceObj* const* listHead,
@@ -77,17 +87,7 @@ Ostrel_Status Ostrel_InterfaceInitialize(Ostrel_SystemObj* sysObj, const Ostrel_
     iface->rules = Ostrel_RulesOf(*config);
     iface->rfc = config->rfc;
 
-    OSTREL_REQUIRE_NOERR(Ostrel_ARPPacketFilterInitialize(iface.get(), &iface->arpFilter));
-    if ((iface->mode & kOstrelModeDHCPClient) != 0) {
-        OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientInitialize(iface.get(), config));
-    }
-    if ((iface->mode & kOstrelModeLinkLocal) != 0) {
-        OSTREL_REQUIRE_NOERR(Ostrel_LinkLocalInitialize(iface.get()));
-    }
-    if ((iface->mode & kOstrelModeDHCPServer) != 0) {
-        OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerInitialize(iface.get(), config));
-    }
-
+    OSTREL_REQUIRE_NOERR(StartRoles(iface.get(), config));
     DebugPrintF(kDebugLevelNotice, "Adding %p to the interface list, for interface %s <%.6a>\n", iface.get(),
                 iface->ifname.data(), iface->macAddr);
     *tail = iface.release();
