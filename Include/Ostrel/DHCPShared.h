@@ -10,6 +10,7 @@
 #include <span>
 
 #include "Ostrel/Address.h"
+#include "Ostrel/InterfaceConfig.h"
 #include "Ostrel/Status.h"
 #include "Ostrel/Wire.h"
 
@@ -59,6 +60,7 @@ constexpr uint8_t kOptionDomainName = 15;
 constexpr uint8_t kOptionBroadcastAddress = 28;
 constexpr uint8_t kOptionRequestedAddress = 50;
 constexpr uint8_t kOptionLeaseTime = 51;
+constexpr uint8_t kOptionOverload = 52;
 constexpr uint8_t kOptionMessageType = 53;
 constexpr uint8_t kOptionServerIdentifier = 54;
 constexpr uint8_t kOptionParameterRequestList = 55;
@@ -175,6 +177,13 @@ struct Ostrel_ReceivedMessage {
 [[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketProcessOptionAsIPv4Array(std::span<const uint8_t> data,
                                                                        os_array<Ostrel_IPv4>* addresses,
                                                                        uint32_t* count);
+
+// Takes out of a message every option of `codes` that it has, in the order of `codes`, data alone. What was sent in
+// parts is joined (RFC 3396), in the order options field, `file`, `sname`; the latter two are options only where option
+// 52 says so (RFC 2131 section 4.1). The list holds no more bytes than the frame. kOutOfMemoryErr, with the list as it
+// was.
+[[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketCollectOptions(const Ostrel_PreprocessedPacket& packet,
+                                                             std::span<const uint8_t> codes, Ostrel_OptionList* list);
 
 // Appends an option: code, length byte, data; pad and end are the code alone. `data` is at most kOptionMaxData bytes.
 // kTooLongErr, with nothing appended, when the buffer has no room for the whole of it.

@@ -1,8 +1,8 @@
 // The options area: indexing it, reading an option by its type, appending options to a message.
 //
 // An option is a code byte, a length byte and that much data; pad and end are the code byte alone (RFC 2132 section 2).
-// The walk never leaves the area it was given, and hands out only options that lie whole within it. Options overloaded
-// into sname and file are not read.
+// The walk never leaves the area it was given, and hands out only options that lie whole within it. Options in
+// `file` and `sname` are seen only by the one that collects the parts of options.
 #include <algorithm>
 #include <cstring>
 #include <endian.h>

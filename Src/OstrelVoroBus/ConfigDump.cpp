@@ -63,6 +63,7 @@ void DumpInterface(Ostrel_SystemObj* sysObj, Ostrel_InterfaceObj* iface, JValue&
     } else {
         return;
     }
+    if (iface->rfc) object.put("rfc", *iface->rfc);
     list.append(std::move(object));
 }
 

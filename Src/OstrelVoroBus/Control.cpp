@@ -62,7 +62,7 @@ bool Ostrel_VoroMethod_InterfaceFinalize(VSHandle* handle, VSMessage* message, v
     Ostrel_Request request{__func__};
     Ostrel_Status status = Ostrel_VSUtil_ReadRequest(message, context, &request);
     if (status == kNoErr) status = FinalizeInterface(request, sysObj);
-    Ostrel_VSUtil_SendStatusReply(sysObj, handle, message, status);
+    Ostrel_VSUtil_SendStatusReply(request, handle, message, status);
     return true;
 }
 
@@ -70,7 +70,7 @@ bool Ostrel_VoroMethod_SetDebugLevel(VSHandle* handle, VSMessage* message, void*
     Ostrel_Request request{__func__};
     Ostrel_Status status = Ostrel_VSUtil_ReadRequest(message, context, &request);
     if (status == kNoErr) status = SetDebugLevel(request);
-    Ostrel_VSUtil_SendPlainReply(static_cast<Ostrel_SystemObj*>(context), handle, message, status);
+    Ostrel_VSUtil_SendPlainReply(request, handle, message, status);
     return true;
 }
 
@@ -79,7 +79,7 @@ bool Ostrel_VoroMethod_ClientLeaseAction(VSHandle* handle, VSMessage* message, v
     Ostrel_Request request{__func__};
     Ostrel_Status status = Ostrel_VSUtil_ReadRequest(message, context, &request);
     if (status == kNoErr) status = ActOnLease(request, sysObj);
-    Ostrel_VSUtil_SendPlainReply(sysObj, handle, message, status);
+    Ostrel_VSUtil_SendPlainReply(request, handle, message, status);
     return true;
 }
 

@@ -2,8 +2,9 @@
 //
 // The request is read key by key into a configuration record, in the order of the keys in the documentation; the first
 // required key that is missing or unusable ends the call before anything is touched. An optional key that is unusable
-// counts as absent. The four addresses are required for every role, though a client in "dhcp" mode uses none of them.
-// The record lives as long as the call: what it owns is freed here, whatever becomes of the interface.
+// counts as absent, unless it is one of those that are taken strictly (ValueKeys.cpp). The four addresses are required
+// for every role, though a client in "dhcp" mode uses none of them. The record lives as long as the call: what it owns
+// is freed here, whatever becomes of the interface.
 
 #include <cstring>
 
@@ -15,6 +16,7 @@
 
 #include "ConfigWords.h"
 #include "Method.h"
+#include "ValueKeys.h"
 #include "os_memory.h"
 
 namespace {
@@ -115,8 +117,15 @@ Ostrel_Status ReadConfig(const Ostrel_Request& request, Ostrel_InterfaceConfig* 
     return kNoErr;
 }
 
-Ostrel_Status InitializeFrom(const Ostrel_Request& request, Ostrel_SystemObj* sysObj, Ostrel_InterfaceConfig* cfg) {
-    const Ostrel_Status status = ReadConfig(request, cfg);
+Ostrel_Status ReadStrictly(Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
+    const Ostrel_Status status = Ostrel_VSUtil_ReadValueKeys(request.root, cfg, &request.problem);
+    if (status == kBadParamErr) Ostrel_LogPrint(kQxLogError, "%s: %s\n", request.handler, request.problem.data());
+    return status;
+}
+
+Ostrel_Status InitializeFrom(Ostrel_Request& request, Ostrel_SystemObj* sysObj, Ostrel_InterfaceConfig* cfg) {
+    Ostrel_Status status = ReadConfig(request, cfg);
+    if (status == kNoErr) status = ReadStrictly(request, cfg);
     if (status != kNoErr) return status;
     OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_InterfaceInitialize(sysObj, cfg));
     return kNoErr;
@@ -132,6 +141,6 @@ bool Ostrel_VoroMethod_InterfaceInitialize(VSHandle* handle, VSMessage* message,
     if (status == kNoErr) status = InitializeFrom(request, sysObj, &cfg);
     os_free(cfg.domainName);
     os_free(cfg.clientIdentifier);
-    Ostrel_VSUtil_SendStatusReply(sysObj, handle, message, status);
+    Ostrel_VSUtil_SendStatusReply(request, handle, message, status);
     return true;
 }

@@ -39,15 +39,17 @@ Ostrel_Status Ostrel_VSUtil_ReadRequest(VSMessage* message, const void* context,
     return kNoErr;
 }
 
-void Ostrel_VSUtil_SendStatusReply(Ostrel_SystemObj* sysObj, VSHandle* handle, VSMessage* message,
+void Ostrel_VSUtil_SendStatusReply(const Ostrel_Request& request, VSHandle* handle, VSMessage* message,
                                    Ostrel_Status status) {
-    Ostrel_VSUtil_SendJSONReply(sysObj, handle, message, status == kNoErr, Ostrel_GetVoroErrCode(status),
-                                Ostrel_GetVoroErrText(status), nullptr, nullptr);
+    Ostrel_VSUtil_SendTextReply({status == kNoErr, Ostrel_GetVoroErrCode(status), Ostrel_GetVoroErrText(status),
+                                 nullptr, nullptr, request.problem.data()},
+                                handle, message);
 }
 
-void Ostrel_VSUtil_SendPlainReply(Ostrel_SystemObj* sysObj, VSHandle* handle, VSMessage* message,
+void Ostrel_VSUtil_SendPlainReply(const Ostrel_Request& request, VSHandle* handle, VSMessage* message,
                                   Ostrel_Status status) {
-    Ostrel_VSUtil_SendJSONReply(sysObj, handle, message, status == kNoErr, 0, nullptr, nullptr, nullptr);
+    Ostrel_VSUtil_SendTextReply({status == kNoErr, 0, nullptr, nullptr, nullptr, request.problem.data()}, handle,
+                                message);
 }
 
 void Ostrel_VSUtil_AnswerWithList(const Ostrel_ListMethod& method, VSHandle* handle, VSMessage* message,

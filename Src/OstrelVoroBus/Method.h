@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "Ostrel/OstrelJsonUtils.h"
+#include "Ostrel/OstrelJsonUtilsStrict.h"
 #include "Ostrel/Status.h"
 
 #include "VoroBus.h"
@@ -39,6 +40,7 @@ bool Ostrel_VoroMethod_Unsubscribe(VSHandle* handle, VSMessage* message, void* c
 struct Ostrel_Request {
     const char* handler;  // function name: the failed checks of a handler's helpers are reported under it
     valdo::JValue root{};
+    OstrelJsonProblem problem{};  // for the reply to a failed call
 };
 
 // Fills `root`, which is then an object. Logs the call; kGenericErr, reported, without a context or when the payload is
@@ -70,15 +72,18 @@ struct Ostrel_Reply {
     const char* errorText;
     const char* payloadKey;
     const std::string* payload;  // as text; null with a key: it could not be made, and the call goes unanswered
+    const char* problem = "";    // what was wrong with the request; empty: it is left out
 };
 
 // As Ostrel_VSUtil_SendJSONReply, which is the same to whoever reads the log.
 Ostrel_Status Ostrel_VSUtil_SendTextReply(const Ostrel_Reply& content, VSHandle* handle, VSMessage* message);
 
-// Answers with nothing but the outcome: an error code and text on failure, or, in the second form, not even those.
-void Ostrel_VSUtil_SendStatusReply(Ostrel_SystemObj* sysObj, VSHandle* handle, VSMessage* message,
+// Answers with nothing but the outcome, and the problem of a request that has one: on failure with an error code and
+// text, or, in the second form, without.
+void Ostrel_VSUtil_SendStatusReply(const Ostrel_Request& request, VSHandle* handle, VSMessage* message,
                                    Ostrel_Status status);
-void Ostrel_VSUtil_SendPlainReply(Ostrel_SystemObj* sysObj, VSHandle* handle, VSMessage* message, Ostrel_Status status);
+void Ostrel_VSUtil_SendPlainReply(const Ostrel_Request& request, VSHandle* handle, VSMessage* message,
+                                  Ostrel_Status status);
 
 // A whole method that lists something of every interface, or of the one that the request names, as "interfaceList".
 // `selected` is null when the request names no managed interface.

@@ -1,8 +1,9 @@
 // Replies: the envelope that every method answers in.
 //
-// {"returnValue", "errorCode", "errorText", "subscribed", <payload key>}, in this order, each only when it has
-// something to say. Building the envelope is also where a caller that asked for it is enrolled as a subscriber. The
-// status that a method failed with stays in the log: a caller learns only that it failed.
+// {"returnValue", "errorCode", "errorText", "problem", "subscribed", <payload key>}, in this order, each only when it
+// has something to say. Building the envelope is also where a caller that asked for it is enrolled as a subscriber. The
+// status that a method failed with stays in the log; a caller learns that it failed, and of a key that is read strictly
+// what was wrong with it.
 
 #include "Ostrel/Check.h"
 #include "Ostrel/Interface.h"
@@ -44,6 +45,7 @@ bool WriteReply(const Ostrel_Reply& content, bool subscribed, std::string* text)
     reply.put("returnValue", content.returnValue);
     if (!content.returnValue && content.errorCode != 0) reply.put("errorCode", content.errorCode);
     if (!content.returnValue && content.errorText != nullptr) reply.put("errorText", content.errorText);
+    if (!content.returnValue && *content.problem != '\0') reply.put("problem", content.problem);
     if (subscribed) reply.put("subscribed", true);
     if (!Ostrel_VSUtil_ToText(reply, text)) return false;
     if (content.payloadKey == nullptr) return true;
@@ -68,7 +70,7 @@ Ostrel_Status Ostrel_VSUtil_SendTextReply(const Ostrel_Reply& content, VSHandle*
 Ostrel_Status Ostrel_VSUtil_SendJSONReply(Ostrel_SystemObj* /*sysObj*/, VSHandle* handle, VSMessage* message,
                                           bool returnValue, int32_t errorCode, const char* errorText,
                                           const char* payloadKey, const JValue* payload) {
-    Ostrel_Reply content{returnValue, errorCode, errorText, payload == nullptr ? nullptr : payloadKey, nullptr};
+    Ostrel_Reply content{returnValue, errorCode, errorText, payload == nullptr ? nullptr : payloadKey, nullptr, ""};
     std::string text;
     if (content.payloadKey != nullptr && Ostrel_VSUtil_ToText(*payload, &text)) content.payload = &text;
     return Ostrel_VSUtil_SendTextReply(content, handle, message);
