@@ -37,6 +37,20 @@ std::optional<int64_t> TimeoutQueue::NextDeadline() const noexcept {
     return timeouts.back().deadline;
 }
 
+std::optional<int64_t> TimeoutQueue::NextAlarm() const noexcept {
+    const auto isAlarm = [](const PendingTimeout& one) { return !one.alarmName.empty(); };
+    const auto next = std::find_if(timeouts.rbegin(), timeouts.rend(), isAlarm);
+    if (next == timeouts.rend()) return std::nullopt;
+    return next->deadline;
+}
+
+void TimeoutQueue::Postpone(int64_t delay) noexcept {
+    for (PendingTimeout& one : timeouts) one.deadline += one.alarmName.empty() ? delay : 0;
+    std::sort(timeouts.begin(), timeouts.end(), [](const PendingTimeout& one, const PendingTimeout& other) {
+        return one.deadline != other.deadline ? one.deadline > other.deadline : one.sequence > other.sequence;
+    });
+}
+
 void TimeoutQueue::RunPass(int64_t now, const bool& ending) noexcept {
     const uint64_t sequenceLimit = nextSequence;
     while (!ending) {

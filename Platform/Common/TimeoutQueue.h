@@ -35,6 +35,10 @@ public:
     void Clear() noexcept;
     [[nodiscard]] size_t Size() const noexcept { return timeouts.size(); }
     [[nodiscard]] std::optional<int64_t> NextDeadline() const noexcept;
+    [[nodiscard]] std::optional<int64_t> NextAlarm() const noexcept;  // likewise, of those with a name
+
+    // Plain timeouts fire so many microseconds later: the clock of a queue of both kinds went on for alarms alone.
+    void Postpone(int64_t delay) noexcept;
 
     // A pass of the loop: fires what is due at `now` and was registered before the pass, until `ending`. Each timeout
     // leaves the queue before its handler runs, which may register, cancel (also what is due in this pass) and clear.

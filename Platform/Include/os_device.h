@@ -21,9 +21,10 @@ struct os_link {
 
 struct os_device_watcher {
     // Something about the link has changed, and `ifname` is what it is called now: os_link_of tells what it is now.
-    // Called from the event loop; several changes may come as one, and one as several.
+    // Called from the event loop; several changes may come as one, and one as several. Index 0 with an empty name: so
+    // much has changed that the kernel could not keep it, and any link may be concerned.
     void (*linkChanged)(void* context, int32_t index, const char* ifname);
-    // The device was suspended and is awake again; timeouts that were due meanwhile have not fired yet.
+    // The device was suspended and is awake again; alarms that were due meanwhile have not fired yet.
     void (*wokeUp)(void* context);
     void* context;
 };

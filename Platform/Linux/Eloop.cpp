@@ -14,9 +14,11 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include "DeviceWatch.h"
 #include "EventLoop.h"
 #include "TimeoutQueue.h"
 #include "Watchdog.h"
+#include "os_device.h"
 
 namespace {
 
@@ -88,6 +90,7 @@ int ArmAlarmClock() noexcept {
 gboolean DispatchAlarms(gint fd, GIOCondition, gpointer) noexcept {
     uint64_t expirations = 0;
     if (read(fd, &expirations, sizeof expirations) == sizeof expirations) loop.armed = kNever;
+    DeviceWatchTellIfWoken();
     loop.alarms.RunPass(BootTime(), loop.ending);
     if (loop.main != nullptr) ArmAlarmClock();
     return G_SOURCE_CONTINUE;
@@ -173,6 +176,7 @@ void eloop_terminate() noexcept {
 
 void eloop_destroy() noexcept {
     eloop_terminate();
+    os_unwatch_device();
     loop.timeouts.Clear();
     loop.alarms.Clear();
     EventLoopUnwatch(loop.timeoutSource);

@@ -1,6 +1,6 @@
-// The simulated device's clocks: both follow the world's virtual time. Local time is UTC unless a test
-// says otherwise, so that traces are the same everywhere. Its entropy comes from the world's seed, by a generator of
-// its own, so that what is drawn from it changes nothing else.
+// The simulated device's clocks: the wall clock follows the world's virtual time, the monotonic clock while the device
+// is awake. Local time is UTC unless a test says otherwise, so that traces are the same everywhere. Its entropy comes
+// from the world's seed, by a generator of its own, so that what is drawn from it changes nothing else.
 
 #include <cstring>
 #include <ctime>
@@ -15,7 +15,8 @@ uint32_t os_monotonic_seconds() noexcept {
 
 uint64_t os_monotonic_milliseconds() noexcept {
     const sim::World& world = sim::World::Get();
-    return world.monotonicStart * uint64_t{1000} + static_cast<uint64_t>(world.Now() / std::chrono::milliseconds(1));
+    return world.monotonicStart * uint64_t{1000} +
+           static_cast<uint64_t>(world.TimeAwake() / std::chrono::milliseconds(1));
 }
 
 int64_t os_wall_seconds() noexcept {

@@ -18,6 +18,7 @@
 #include "VoroBus.h"
 #include "eloop.h"
 #include "l2_packet.h"
+#include "os_device.h"
 
 namespace sim {
 class Interface;
@@ -39,24 +40,28 @@ namespace sim {
 [[nodiscard]] size_t AllocationsUntilFailure();
 void SetAllocationsUntilFailure(size_t count);
 
+// Loop.cpp: keeps one event in the schedule for the next timeout, and none while the device sleeps.
+void ScheduleWake();
+
 // Log.cpp: debug output as before any DebugInitialize, its lines sent to the current world.
 void ResetLog();
 
 // An interface of the device.
 class Interface : public Station {
 public:
-    Interface(std::string interfaceName, const MAC& address, Segment& wire, uint32_t mtuBytes)
-        : name(std::move(interfaceName)), mac(address), segment(wire), mtu(mtuBytes) {}
+    Interface(std::string interfaceName, const MAC& address, Segment& wire, uint32_t mtuBytes, int32_t number)
+        : name(std::move(interfaceName)), mac(address), segment(wire), mtu(mtuBytes), index(number) {}
     void Receive(std::span<const uint8_t> frame) override;
     [[nodiscard]] bool IsBehind(const MAC& destination) const override;
     // As l2_packet_send.
     int Send(std::span<const uint8_t> frame);
     void Close(const l2_packet_data* socket);
 
-    const std::string name;
-    const MAC mac;
+    std::string name;
+    MAC mac;
     Segment& segment;
     const uint32_t mtu;
+    const int32_t index;
     bool up = true;
     SendFault fault = SendFault::None;
     uint32_t faultySends = 0;              // sends that still fail
@@ -74,9 +79,19 @@ struct EventLoop {
     eloop_signal_handler signalHandler = nullptr;
     void* signalContext = nullptr;
     std::vector<int> pendingSignals;  // raised before there was a handler
-    TimeoutQueue timeouts;            // alarms too: a suspended device is not simulated
+    TimeoutQueue timeouts;            // alarms too: their clock is ahead only while the device sleeps
     uint64_t wake = 0;                // the event that runs a pass of them
     Duration wakeTime{0};             // its moment
+};
+
+// What the device tells its watcher, and when.
+struct DeviceWatch {
+    os_device_watcher watcher{};        // linkChanged null: nobody watches
+    std::vector<int32_t> changedLinks;  // that it has not been told of, in order
+    bool asleep = false;
+    Duration sleepBegan{0};
+    Duration slept{0};    // in all
+    uint64_t wakeUp = 0;  // the event that ends the sleep
 };
 
 // A peer on the bus that does not read.
@@ -105,6 +120,9 @@ struct sim::World::State {
     std::vector<std::unique_ptr<Interface>> removedInterfaces;
     std::vector<std::vector<l2_filter_instruction>> programs;  // each program that was ever installed, once
     size_t openSockets = 0;
+    std::vector<os_port*> heldPorts;
+    int32_t lastIndex = 0;  // of an interface
+    DeviceWatch device;
 
     // What the programs said of the frame that a segment is delivering right now, so that each runs once a frame.
     const Frame* frameOnWire = nullptr;
@@ -122,6 +140,7 @@ struct sim::World::State {
 
     [[nodiscard]] StoppedReader* FindStopped(std::string_view name);
     [[nodiscard]] Interface* FindInterface(std::string_view ifname) const;
+    void LinkChanged(const Interface& interface);  // the watcher is told on the next pass of the loop
     void TraceFrame(const std::shared_ptr<const Frame>& frame, bool inWords);
     void TraceText(std::string_view what, std::string_view text, bool inWords);
 };

@@ -1,7 +1,7 @@
 // The event loop of the simulated device: the device's own queue of timeouts on the world's virtual clock.
 //
-// The schedule holds one event for the queue's next deadline, and each signal is an event. A suspended device is not
-// simulated, so an alarm is a timeout with a name.
+// The schedule holds one event for the queue's next deadline, and each signal is an event. An alarm is a timeout with a
+// name: while the device sleeps (Device.cpp) the other timeouts stand still.
 
 #include <algorithm>
 #include <string>
@@ -19,17 +19,20 @@ EventLoop& Loop() {
 
 void WakeForTimeouts();
 
-// Keeps one event in the schedule for the queue's next deadline.
+}  // namespace
+
 void ScheduleWake() {
     World::State& state = World::Get().Internals();
     EventLoop& loop = state.loop;
     const std::optional<int64_t> next = loop.timeouts.NextDeadline();
-    if (next && loop.wake != 0 && loop.wakeTime == Duration(*next)) return;
+    if (next && loop.wake != 0 && loop.wakeTime == Duration(*next) && !state.device.asleep) return;
     state.schedule.Cancel(std::exchange(loop.wake, 0));
-    if (!next) return;
+    if (!next || state.device.asleep) return;
     loop.wakeTime = std::max(Duration(*next), state.now);
     loop.wake = state.schedule.Add(loop.wakeTime, WakeForTimeouts);
 }
+
+namespace {
 
 void WakeForTimeouts() {
     EventLoop& loop = Loop();
@@ -134,6 +137,7 @@ void eloop_destroy() noexcept {
     World::State& state = World::Get().Internals();
     state.loop.timeouts.Clear();
     sim::ScheduleWake();
+    os_unwatch_device();
     state.loop.exists = false;
     state.loop.signalHandler = nullptr;
 }

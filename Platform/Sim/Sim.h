@@ -112,17 +112,28 @@ public:
     bool RunFor(Duration duration);
     void At(Duration delay, std::function<void()> action);  // a scripted event
     [[nodiscard]] uint32_t MonotonicSeconds() const;        // what the daemon's clock says now
-    int64_t wallStart = 1'780'000'000;                      // wall clock at the beginning; changed: it was set
-    int64_t zoneSeconds = 0;                                // local time is so far ahead of UTC
-    uint32_t monotonicStart = 1000;                         // monotonic clock at the beginning
-    [[nodiscard]] bool Terminated() const;                  // RunFor then does nothing until the loop is made anew
-    void Raise(int signal);                                 // SIGTERM or SIGINT, delivered through the loop
+    [[nodiscard]] Duration TimeAwake() const;               // of the time since the world began
+    // The device sleeps from now on, until that time is over or an alarm is due: its plain timeouts and its monotonic
+    // clock stand still, and what is sent to it is lost.
+    void Suspend(Duration duration);
+    int64_t wallStart = 1'780'000'000;      // wall clock at the beginning; changed: it was set
+    int64_t zoneSeconds = 0;                // local time is so far ahead of UTC
+    uint32_t monotonicStart = 1000;         // monotonic clock at the beginning
+    [[nodiscard]] bool Terminated() const;  // RunFor then does nothing until the loop is made anew
+    void Raise(int signal);                 // SIGTERM or SIGINT, delivered through the loop
 
     // Network.
     Segment& AddSegment();
     Station& AddInterface(const std::string& ifname, const MAC& mac, Segment& segment, uint32_t mtu = 1500);
-    void RemoveInterface(const std::string& ifname);   // open sockets on it stay, dead
+    void RemoveInterface(const std::string& ifname);   // open sockets on it stay, dead; added again it has a new index
     void SetLink(const std::string& ifname, bool up);  // while down sends fail and nothing is received
+    void ChangeMAC(const std::string& ifname, const MAC& mac);  // what sockets have read of it stays
+    void RenameInterface(const std::string& ifname, const std::string& newName);
+    std::vector<MAC> ownAddresses;    // of interfaces that the device has beside those of this world
+    bool interfacesAreHosts = false;  // each interface stands for a device of its own: none knows another's address
+    bool portsMayBeHeld = true;
+    [[nodiscard]] bool IsPortHeld(const std::string& ifname, uint16_t port) const;
+    [[nodiscard]] bool IsWatched() const;  // the daemon is told of links and sleep
     void FailSends(const std::string& ifname, SendFault fault, uint32_t count);  // the next `count` sends of any socket
     bool rawSocketsAllowed = true;
     std::function<void(std::span<const uint8_t> frame)> onSend;  // each frame that an interface puts on its wire

@@ -46,7 +46,7 @@ size_t Judge(size_t program, std::span<const uint8_t> frame) {
 }  // namespace
 
 void Interface::Receive(std::span<const uint8_t> frame) {
-    if (!up || frame.size() > kL2MaxFrame) return;
+    if (!up || World::Get().Internals().device.asleep || frame.size() > kL2MaxFrame) return;
     if (frame.size() < kHeader + kTag || frame[kAddresses] != 0x81 || frame[kAddresses + 1] != 0x00) {
         return Deliver(frame);
     }

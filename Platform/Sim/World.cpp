@@ -32,6 +32,7 @@ World::~World() {
     SetAllocationsUntilFailure(0);
     if (PendingTimeouts() != 0) Fail(std::to_string(PendingTimeouts()) + " timeouts are left");
     if (OpenSockets() != 0) Fail(std::to_string(OpenSockets()) + " sockets are left");
+    if (!state->heldPorts.empty()) Fail(std::to_string(state->heldPorts.size()) + " ports are left");
     if (LiveAllocations() != 0) Fail(std::to_string(LiveAllocations()) + " allocations are left");
     currentWorld = nullptr;
 }
@@ -56,7 +57,7 @@ Duration World::Now() const {
 }
 
 uint32_t World::MonotonicSeconds() const {
-    return monotonicStart + static_cast<uint32_t>(std::chrono::duration_cast<std::chrono::seconds>(Now()).count());
+    return monotonicStart + static_cast<uint32_t>(TimeAwake() / std::chrono::seconds(1));
 }
 
 void World::FailAllocation(size_t nth) {
@@ -81,8 +82,10 @@ Segment& World::AddSegment() {
 
 Station& World::AddInterface(const std::string& ifname, const MAC& mac, Segment& segment, uint32_t mtu) {
     if (state->FindInterface(ifname) != nullptr) Fail("there is an interface " + ifname + " already");
-    Interface& added = *state->interfaces.emplace_back(std::make_unique<Interface>(ifname, mac, segment, mtu));
+    Interface& added =
+        *state->interfaces.emplace_back(std::make_unique<Interface>(ifname, mac, segment, mtu, ++state->lastIndex));
     segment.Attach(added);
+    state->LinkChanged(added);
     return added;
 }
 
@@ -90,6 +93,7 @@ void World::RemoveInterface(const std::string& ifname) {
     Interface* const interface = state->FindInterface(ifname);
     if (interface == nullptr) return Fail("there is no interface " + ifname);
     interface->segment.Detach(*interface);
+    state->LinkChanged(*interface);
     for (l2_packet_data*& socket : interface->sockets) {
         if (socket != nullptr) socket->interface = nullptr;
         socket = nullptr;
@@ -105,6 +109,22 @@ void World::SetLink(const std::string& ifname, bool up) {
     Interface* const interface = state->FindInterface(ifname);
     if (interface == nullptr) return Fail("there is no interface " + ifname);
     interface->up = up;
+    state->LinkChanged(*interface);
+}
+
+void World::ChangeMAC(const std::string& ifname, const MAC& mac) {
+    Interface* const interface = state->FindInterface(ifname);
+    if (interface == nullptr) return Fail("there is no interface " + ifname);
+    interface->mac = mac;
+    state->LinkChanged(*interface);
+}
+
+void World::RenameInterface(const std::string& ifname, const std::string& newName) {
+    Interface* const interface = state->FindInterface(ifname);
+    if (interface == nullptr || state->FindInterface(newName) != nullptr)
+        return Fail(ifname + " cannot be named " + newName);
+    interface->name = newName;
+    state->LinkChanged(*interface);
 }
 
 void World::FailSends(const std::string& ifname, SendFault fault, uint32_t count) {

@@ -11,7 +11,7 @@ METHODS = (("/", "interfaceInitialize"), ("/", "interfaceFinalize"), ("/", "inte
            ("/server", "leaseInformation"))
 HIGHEST_EXPOSURE = 15  # tenths
 LOG_LIMIT = 10 << 20
-CAPABILITIES = 1 << 13 | 1 << 35  # CAP_NET_RAW, CAP_WAKE_ALARM
+CAPABILITIES = 1 << 10 | 1 << 13 | 1 << 35  # CAP_NET_BIND_SERVICE, CAP_NET_RAW, CAP_WAKE_ALARM
 
 
 class Policy(installed.InstalledTest):
