@@ -29,7 +29,7 @@
         if (!lease.hostName && lease.hostNameLength != 0) return faultAt("length of no host name");
         if (isMember(index.free, slot) != isFree) return faultAt("set of free slots");
         if (isMember(index.blank, slot) != isBlank) return faultAt("set of blank slots");
-        const bool isTied = Ostrel_LeaseIndexLowestTied(&server, lease.srcMAC, slot) == slot;
+        const bool isTied = Ostrel_LeaseIndexLowestTied(&server, Ostrel_LeaseIndexKeyOf(&server, slot), slot) == slot;
         if (isTied == isBlank) return faultAt("ties");
         if (isFree && lowestFree == kNoSlot) lowestFree = slot;
         used += !isFree;

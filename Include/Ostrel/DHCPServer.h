@@ -1,7 +1,8 @@
 // The DHCP server of one interface: hands out the addresses of one contiguous range inside the interface's subnet.
 //
-// A client is known by the Ethernet source address of its frames. A slot is offered for kOfferTimeout seconds, then
-// active for leaseTime seconds from the offer; renewals do not move its end. Leases end when the next frame arrives.
+// A slot is offered for kOfferTimeout seconds, then active for leaseTime seconds. By the plain rules a client is known
+// by the Ethernet source address of its frames, and renewals do not move the end of a lease; by the rfc rules they do,
+// and a client is its option 61, or else its hardware address (Rules.h). Leases end when the next frame arrives.
 #pragma once
 
 #include <array>
@@ -21,30 +22,35 @@
 // States of a lease slot.
 enum Ostrel_LeaseState : uint32_t {
     kLeaseStateFree = 1,
-    kLeaseStateReserved2 = 2,  // never set
-    kLeaseStateReserved3 = 3,  // never set
-    kLeaseStateOffered = 4,    // an OFFER was sent
-    kLeaseStateActive = 5,     // an ACK was sent
+    kLeaseStateHeld = 2,     // nobody's: somebody else uses the address, or an operator keeps it
+    kLeaseStateKept = 3,     // free, but for the one client that it is kept for
+    kLeaseStateOffered = 4,  // an OFFER was sent
+    kLeaseStateActive = 5,   // an ACK was sent
 };
 
 constexpr uint32_t kOfferTimeout = 10;          // seconds that an unclaimed offer is held
+constexpr uint32_t kHoldTime = 600;             // seconds that an address in use by somebody else is held
 constexpr uint32_t kDefaultLeaseTime = 86400;   // seconds, for a configuration without one
 constexpr int32_t kMaxLeasesLimit = 1'048'576;  // slots; a larger configuration is refused
 
 // One slot: one address of the range. A free slot has no MAC, no time and no buffers, but for one whose OFFER could not
-// be sent, which keeps its MAC.
+// be sent, which keeps its MAC. A held one has the MAC of whoever declined or uses the address, and when that was.
 struct Ostrel_LeaseInformation {
     Ostrel_IPv4 IPv4Address;  // fixed when the table is built
     Ostrel_LeaseState state;
     Ostrel_MAC srcMAC;
     bool changed;                        // since the bus area last showed it: set by every change of what is shown
-    uint32_t offerTime;                  // monotonic seconds when it was offered or taken over
+    uint32_t offerTime;                  // monotonic seconds when it was offered, taken over, extended or held
+    bool wasLeased;                      // once at least, where the rules remember holders
+    bool holderHadIt;                    // whoever the slot is tied to has had a lease of it
+    bool isHeldForGood;                  // by an operator
+    bool isKept;                         // for one client: its state at rest is kLeaseStateKept
     os_array<uint8_t> clientIdentifier;  // option 61 of the last REQUEST, then a zero byte; null when it had none
     uint32_t clientIdentifierLength;     // without the zero byte
     os_array<uint8_t> hostName;          // option 12 likewise
     uint32_t hostNameLength;
 };
-static_assert(offsetof(Ostrel_LeaseInformation, offerTime) == 16);  // `changed` lies in what was padding
+static_assert(sizeof(Ostrel_LeaseInformation) == 56);  // the flags lie in what would be padding
 
 struct Ostrel_LeaseIndex;  // what makes lookups cheap; private to the lease table
 
@@ -62,8 +68,9 @@ struct Ostrel_ServerObj {
     os_array<char> domainName;                  // NUL-terminated, or null
     uint32_t domainNameLength;                  // without the NUL
     Ostrel_IPv4 IPv4RangeStart;
-    int32_t maxLeases;                           // slots in `leases`
-    os_records<Ostrel_LeaseInformation> leases;  // in address order
+    int32_t maxLeases;                           // addresses in the range
+    uint32_t numSlots;                           // in `leases`
+    os_records<Ostrel_LeaseInformation> leases;  // of the range, in address order
     os_owner<Ostrel_LeaseIndex> index;
 };
 

@@ -68,6 +68,7 @@ constexpr uint8_t kOptionMaximumMessageSize = 57;
 constexpr uint8_t kOptionRenewalTime = 58;
 constexpr uint8_t kOptionRebindingTime = 59;
 constexpr uint8_t kOptionClientIdentifier = 61;
+constexpr uint8_t kOptionRelayAgent = 82;  // RFC 3046
 constexpr uint8_t kOptionEnd = 255;
 constexpr size_t kOptionHeader = 2;     // bytes before an option's data: code and length
 constexpr size_t kOptionMaxData = 255;  // bytes: what one length byte can say

@@ -20,8 +20,30 @@ struct Ostrel_LinkLocalRules {
 };
 
 struct Ostrel_ServerRules {
-    bool knowsByIdentifier;  // a client is its option 61, or else its htype and chaddr, not who sent the frame (RFC
-                             // 2131 section 4.2)
+    bool knowsByIdentifier;   // a client is its option 61, or else its htype and chaddr, not who sent the frame (RFC
+                              // 2131 section 4.2)
+    bool discoverKeepsLease;  // a lease lives on while its client is offered it again (RFC 2131 section 4.3.1)
+    bool remembersHolders;    // a DISCOVER gets the client's own address, its former one, the one that it asks for, one
+                              // never leased, the one free for longest (RFC 2131 section 4.3.1); or else its own and
+                              // the lowest free one
+    bool renewalExtends;      // a granted REQUEST begins the whole time anew (RFC 2131 section 4.3.2)
+    bool serverIsHeeded;      // what names another server in option 54 is left to it (RFC 2131 section 4.3.2)
+    bool refusesUnknown;      // a REQUEST for an address of the subnet that isn't the server's to give is refused, or
+                              // else left to whoever gave it (RFC 2131 section 4.3.2)
+    bool declineHolds;        // a declined address is nobody's for kHoldTime (RFC 2131 section 4.3.3)
+    bool informBinds;         // an INFORM takes a slot; or else it is told what there is (RFC 2131 section 4.3.5)
+    bool timersAreSent;       // options 58 and 59 (RFC 2132 sections 9.11, 9.12)
+    bool emptyIsSent;         // option 6 of length 0, which RFC 2132 section 3.8 has not
+    bool repeatsAreAnswered;  // a code asked for twice is sent twice, which a client may join (RFC 3396 section 7)
+    bool refusalHasOptions;   // what a client asks for is in a DHCPNAK too, where RFC 2131 table 3 has none of it
+    bool identifierIsEchoed;  // option 61 comes back (RFC 6842 section 3)
+    bool relayIsEchoed;       // option 82 comes back, last (RFC 3046 section 2.2)
+    bool sizeIsHeeded;        // a reply is no longer than option 57 allows, or 576 bytes (RFC 2132 section 9.10)
+    uint16_t paddedTo;        // bytes of a BOOTP message (RFC 1542 section 2.1)
+    bool relayIsHeeded;       // a relay of another subnet is left alone, and told to broadcast a DHCPNAK (RFC 2131
+                              // sections 4.1, 4.3.2)
+    uint16_t relayPort;       // where a relay listens (RFC 2131 section 4.1)
+    bool broadcastsOnLink;    // a broadcast is one to the link as well (RFC 1122 section 3.3.6)
 };
 
 struct Ostrel_Rules {
@@ -35,12 +57,48 @@ inline constexpr Ostrel_Rules kPlainRules{
     .name = "plain",
     .client{.randomIsSecret = false},
     .linkLocal{.randomIsSecret = false},
-    .server{.knowsByIdentifier = false},
+    .server{.knowsByIdentifier = false,
+            .discoverKeepsLease = false,
+            .remembersHolders = false,
+            .renewalExtends = false,
+            .serverIsHeeded = false,
+            .refusesUnknown = true,
+            .declineHolds = false,
+            .informBinds = true,
+            .timersAreSent = false,
+            .emptyIsSent = true,
+            .repeatsAreAnswered = true,
+            .refusalHasOptions = true,
+            .identifierIsEchoed = false,
+            .relayIsEchoed = false,
+            .sizeIsHeeded = false,
+            .paddedTo = 0,
+            .relayIsHeeded = false,
+            .relayPort = 68,
+            .broadcastsOnLink = false},
 };
 
 inline constexpr Ostrel_Rules kRFCRules{
     .name = "rfc",
     .client{.randomIsSecret = true},
     .linkLocal{.randomIsSecret = true},
-    .server{.knowsByIdentifier = true},
+    .server{.knowsByIdentifier = true,
+            .discoverKeepsLease = true,
+            .remembersHolders = true,
+            .renewalExtends = true,
+            .serverIsHeeded = true,
+            .refusesUnknown = false,
+            .declineHolds = true,
+            .informBinds = false,
+            .timersAreSent = true,
+            .emptyIsSent = false,
+            .repeatsAreAnswered = false,
+            .refusalHasOptions = false,
+            .identifierIsEchoed = true,
+            .relayIsEchoed = true,
+            .sizeIsHeeded = true,
+            .paddedTo = 300,
+            .relayIsHeeded = true,
+            .relayPort = 67,
+            .broadcastsOnLink = true},
 };

@@ -1,15 +1,16 @@
-// The index of the lease table: two sets, two lists, and the ties of slots to stations.
+// The index of the lease table: sets, lists, and the ties of slots to clients.
 //
-// Ties are found by hash. All slots of one station form a treap, a search tree by slot number whose shape follows
+// Ties are found by hash. All slots of one client form a treap, a search tree by slot number whose shape follows
 // random priorities: whoever sends from the address of all zeros can have any number of slots tied to it, and neither
 // the next such frame nor the expiry of all those slots may become a walk over them. Nearly every tree is a single
 // slot.
 //
-// Both lists stay sorted by offer time without searching, as a slot enters at the end, with the time of now, and keeps
-// its place as long as its offer time.
+// The lists stay sorted by time without searching, as a slot enters at the end, with the time of now, and keeps its
+// place as long as its offer time.
 #include "DHCPServer/LeaseIndex.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "Ostrel/Check.h"
 
@@ -83,20 +84,18 @@ uint32_t WithoutSlot(const Ostrel_LeaseIndex& index, uint32_t tree, uint32_t slo
     return tree;
 }
 
-// The link of the hash chain that holds the MAC's tree, or the chain's end.
-uint32_t* FindTree(const Ostrel_ServerObj* server, const Ostrel_MAC& mac) {
+// The link of the hash chain that holds the client's tree, or the chain's end.
+uint32_t* FindTree(const Ostrel_ServerObj* server, uint64_t key) {
     const Ostrel_LeaseIndex& index = *server->index;
-    uint64_t number = 0;
-    for (const uint8_t byte : mac) number = number << 8 | byte;
-    uint32_t* link = &index.chains[Scramble(index.key ^ number) & (index.numChains - 1)];
-    while (*link != kNoSlot && server->leases[*link].srcMAC != mac) link = &index.links[*link].nextTree;
+    uint32_t* link = &index.chains[Scramble(index.key ^ key) & (index.numChains - 1)];
+    while (*link != kNoSlot && Ostrel_LeaseIndexKeyOf(server, *link) != key) link = &index.links[*link].nextTree;
     return link;
 }
 
-// Ties a slot to its MAC, where it may be the first.
+// Ties a slot to its client, where it may be the first.
 void Tie(Ostrel_ServerObj* server, uint32_t slot) {
     const Ostrel_LeaseIndex& index = *server->index;
-    uint32_t* link = FindTree(server, server->leases[slot].srcMAC);
+    uint32_t* link = FindTree(server, Ostrel_LeaseIndexKeyOf(server, slot));
     const uint32_t following = *link == kNoSlot ? kNoSlot : index.links[*link].nextTree;
     *link = WithSlot(index, *link, slot);
     index.links[*link].nextTree = following;
@@ -104,70 +103,133 @@ void Tie(Ostrel_ServerObj* server, uint32_t slot) {
 
 void Untie(Ostrel_ServerObj* server, uint32_t slot) {
     const Ostrel_LeaseIndex& index = *server->index;
-    uint32_t* link = FindTree(server, server->leases[slot].srcMAC);
+    uint32_t* link = FindTree(server, Ostrel_LeaseIndexKeyOf(server, slot));
     const uint32_t following = index.links[*link].nextTree;
     const uint32_t tree = WithoutSlot(index, *link, slot);
     if (tree != kNoSlot) index.links[tree].nextTree = following;
     *link = tree == kNoSlot ? following : tree;
 }
 
-bool IsBlank(const Ostrel_LeaseInformation& lease) {
-    return lease.state == kLeaseStateFree && lease.srcMAC == Ostrel_MAC{};
+bool IsTied(const Ostrel_ServerObj* server, uint32_t slot) {
+    const Ostrel_LeaseInformation& lease = server->leases[slot];
+    switch (lease.state) {
+        case kLeaseStateFree:
+            return Ostrel_LeaseIndexKeyOf(server, slot) != 0;
+        case kLeaseStateHeld:
+            return !lease.isHeldForGood;
+        case kLeaseStateKept:
+            return false;
+        case kLeaseStateOffered:
+        case kLeaseStateActive:
+            return true;
+    }
+    return false;
+}
+
+bool IsBlank(const Ostrel_ServerObj* server, uint32_t slot) {
+    const Ostrel_LeaseInformation& lease = server->leases[slot];
+    return lease.state == kLeaseStateFree && !lease.wasLeased && !IsTied(server, slot);
+}
+
+bool IsWithheld(const Ostrel_LeaseInformation& lease) {
+    return lease.state == kLeaseStateHeld || lease.state == kLeaseStateKept;
+}
+
+// The list of its times that a slot stands in by its state, or null.
+SlotList* ListOf(const Ostrel_ServerObj* server, uint32_t slot) {
+    Ostrel_LeaseIndex& index = *server->index;
+    const Ostrel_LeaseInformation& lease = server->leases[slot];
+    if (lease.state == kLeaseStateHeld) return lease.isHeldForGood ? nullptr : &index.held;
+    if (lease.state == kLeaseStateOffered) return &index.offered;
+    if (lease.state != kLeaseStateFree || !server->rules->remembersHolders) return nullptr;
+    return IsBlank(server, slot) ? nullptr : &index.rested;
+}
+
+bool SetsInitialize(Ostrel_LeaseIndex& index, uint32_t slots) {
+    return SlotSetInitialize(index.free, slots) && SlotSetInitialize(index.blank, slots) &&
+           SlotSetInitialize(index.withheld, slots);
+}
+
+void ListsInitialize(Ostrel_LeaseIndex& index) {
+    index.byAge = {.neighbours = &SlotLinks::byAge, .first = kNoSlot, .last = kNoSlot};
+    index.offered = {.neighbours = &SlotLinks::offered, .first = kNoSlot, .last = kNoSlot};
+    index.rested = {.neighbours = &SlotLinks::byAge, .first = kNoSlot, .last = kNoSlot};
+    index.held = {.neighbours = &SlotLinks::offered, .first = kNoSlot, .last = kNoSlot};
 }
 
 }  // namespace
 
 Ostrel_Status Ostrel_LeaseIndexInitialize(Ostrel_ServerObj* server) {
-    const auto slots = static_cast<uint32_t>(server->maxLeases);
+    const uint32_t slots = server->numSlots;
     server->index.reset(os_new<Ostrel_LeaseIndex>());
     OSTREL_REQUIRE(server->index != nullptr, "server->index", kOutOfMemoryErr);
     Ostrel_LeaseIndex& index = *server->index;
     index.numChains = std::bit_ceil(slots);
     index.links = os_zalloc_array<SlotLinks>(slots);
     index.chains = os_zalloc_array<uint32_t>(index.numChains);
-    const bool allocated = index.links != nullptr && index.chains != nullptr && SlotSetInitialize(index.free, slots) &&
-                           SlotSetInitialize(index.blank, slots);
+    if (server->rules->knowsByIdentifier) index.keys = os_zalloc_array<uint64_t>(slots);
+    const bool allocated = index.links != nullptr && index.chains != nullptr &&
+                           (index.keys != nullptr || !server->rules->knowsByIdentifier) && SetsInitialize(index, slots);
     OSTREL_REQUIRE(allocated, "server->index", kOutOfMemoryErr);
 
-    std::array<uint8_t, sizeof index.key> key{};
-    os_random_bytes(key);
-    index.key = std::bit_cast<uint64_t>(key);
-    index.byAge = {.neighbours = &SlotLinks::byAge, .first = kNoSlot, .last = kNoSlot};
-    index.offered = {.neighbours = &SlotLinks::offered, .first = kNoSlot, .last = kNoSlot};
+    std::array<uint8_t, sizeof index.key + sizeof index.hashKey> secret{};
+    os_random_bytes(secret);
+    std::memcpy(&index.key, secret.data(), sizeof index.key);
+    std::memcpy(index.hashKey.data(), secret.data() + sizeof index.key, sizeof index.hashKey);
+    ListsInitialize(index);
     std::fill_n(index.chains.get(), index.numChains, kNoSlot);
     for (uint32_t slot = 0; slot < slots; ++slot) Ostrel_LeaseIndexEnter(server, slot, false);
     return kNoErr;
+}
+
+uint64_t Ostrel_LeaseIndexKeyOfMAC(const Ostrel_MAC& mac) {
+    uint64_t number = 0;
+    std::memcpy(&number, mac.data(), mac.size());
+    return number;
+}
+
+uint64_t Ostrel_LeaseIndexKeyOf(const Ostrel_ServerObj* server, uint32_t slot) {
+    const os_array<uint64_t>& keys = server->index->keys;
+    return keys != nullptr ? keys[slot] : Ostrel_LeaseIndexKeyOfMAC(server->leases[slot].srcMAC);
+}
+
+void Ostrel_LeaseIndexSetKey(Ostrel_ServerObj* server, uint32_t slot, uint64_t key) {
+    if (server->index->keys != nullptr) server->index->keys[slot] = key;
+}
+
+void Ostrel_LeaseIndexForget(Ostrel_ServerObj* server, uint32_t slot) {
+    const bool becomesBlank = !server->leases[slot].wasLeased;
+    if (becomesBlank) Remove(*server->index, server->index->rested, slot);
+    Untie(server, slot);
+    server->index->keys[slot] = 0;
+    if (becomesBlank) SlotSetInsert(server->index->blank, slot);
 }
 
 void Ostrel_LeaseIndexLeave(Ostrel_ServerObj* server, uint32_t slot, bool keepsAge) {
     Ostrel_LeaseIndex& index = *server->index;
     const Ostrel_LeaseInformation& lease = server->leases[slot];
     if (lease.state == kLeaseStateFree) SlotSetErase(index.free, slot);
-    if (IsBlank(lease)) {
-        SlotSetErase(index.blank, slot);
-    } else {
-        Untie(server, slot);
-    }
-    if (lease.state == kLeaseStateOffered) Remove(index, index.offered, slot);
-    if (lease.state != kLeaseStateFree && !keepsAge) Remove(index, index.byAge, slot);
+    if (IsBlank(server, slot)) SlotSetErase(index.blank, slot);
+    if (IsWithheld(lease)) SlotSetErase(index.withheld, slot);
+    if (IsTied(server, slot)) Untie(server, slot);
+    if (SlotList* const list = ListOf(server, slot); list != nullptr) Remove(index, *list, slot);
+    if (Ostrel_LeaseIsInUse(lease.state) && !keepsAge) Remove(index, index.byAge, slot);
 }
 
 void Ostrel_LeaseIndexEnter(Ostrel_ServerObj* server, uint32_t slot, bool keepsAge) {
     Ostrel_LeaseIndex& index = *server->index;
     const Ostrel_LeaseInformation& lease = server->leases[slot];
     if (lease.state == kLeaseStateFree) SlotSetInsert(index.free, slot);
-    if (IsBlank(lease)) {
-        SlotSetInsert(index.blank, slot);
-    } else {
-        Tie(server, slot);
-    }
-    if (lease.state == kLeaseStateOffered) Append(index, index.offered, slot);
-    if (lease.state != kLeaseStateFree && !keepsAge) Append(index, index.byAge, slot);
+    if (IsBlank(server, slot)) SlotSetInsert(index.blank, slot);
+    if (IsWithheld(lease)) SlotSetInsert(index.withheld, slot);
+    if (IsTied(server, slot)) Tie(server, slot);
+    if (SlotList* const list = ListOf(server, slot); list != nullptr) Append(index, *list, slot);
+    if (Ostrel_LeaseIsInUse(lease.state) && !keepsAge) Append(index, index.byAge, slot);
 }
 
-uint32_t Ostrel_LeaseIndexLowestTied(const Ostrel_ServerObj* server, const Ostrel_MAC& mac, uint32_t from) {
+uint32_t Ostrel_LeaseIndexLowestTied(const Ostrel_ServerObj* server, uint64_t key, uint32_t from) {
     uint32_t lowest = kNoSlot;
-    for (uint32_t slot = *FindTree(server, mac); slot != kNoSlot;) {
+    for (uint32_t slot = *FindTree(server, key); slot != kNoSlot;) {
         const SlotLinks& links = server->index->links[slot];
         if (slot < from) {
             slot = links.higher;

@@ -1,20 +1,26 @@
-// What makes the lease table's lookups cheap, whatever its size: which slot is free, which are tied to a station, which
-// is the oldest. It knows slots and their books (state, MAC, offer time), not the rules by which they change.
+// What makes the lease table's lookups cheap, whatever its size: which slot is free, which are tied to a client, which
+// is the oldest. It knows slots and their books (state, client, offer time), not the rules by which they change.
 //
-// A slot is blank when it is free and has no MAC; any other slot is tied to its MAC, a free one too when its OFFER
-// could not be sent. A station is tied to two slots at most, but for one without an address (all zero), to which each
-// blank slot looks like its own: it may be tied to any number.
+// A client is a 64-bit key: by the plain rules the Ethernet address, which the slot has anyway, by the rfc rules a hash
+// of its identity, which stands here. Tied to its client are a slot in use, one held because of it, and a free one that
+// it had last, or whose OFFER could not be sent. A client is tied to a few slots at most, but for one without an
+// address (all zero) under the plain rules, to which each blank slot looks like its own: it may be tied to any number.
 //
-//   free, blank   sets of slots
-//   ties          a hash table of trees; the slots tied to one MAC are one tree, ordered by slot number
-//   byAge         the slots in use, by offer time
-//   offered       the offered ones among them, by offer time
+//   free        all free slots
+//   blank       the free ones that were never leased, or, where holders are not remembered, are tied to nobody
+//   withheld    held and kept slots
+//   ties        a hash table of trees; the slots tied to one client are one tree, ordered by slot number
+//   byAge       the slots in use, by offer time
+//   offered     the offered ones among them, by offer time
+//   rested      the other free slots, where holders are remembered: by the time at which they fell free
+//   held        the held slots, but for an operator's, by the time at which the hold began
 #pragma once
 
 #include <cstdint>
 
 #include "Ostrel/DHCPServer.h"
 
+#include "DHCPServer/Client.h"
 #include "DHCPServer/SlotSet.h"
 #include "os_memory.h"
 
@@ -24,15 +30,16 @@ struct SlotNeighbours {
 };
 
 struct SlotLinks {
-    SlotNeighbours byAge;
-    SlotNeighbours offered;
-    uint32_t lower;     // subtrees of the slots tied to the same MAC
-    uint32_t higher;    //
-    uint32_t nextTree;  // at the root of a tree: the next one in the hash chain
+    SlotNeighbours byAge;    // or rested, of a free slot
+    SlotNeighbours offered;  // or held
+    uint32_t lower;          // subtrees of the slots tied to the same client
+    uint32_t higher;         //
+    uint32_t nextTree;       // at the root of a tree: the next one in the hash chain
 };
 
-// What a free slot costs: itself, its links, up to two hash chains, and a bit in each set and the levels above.
-static_assert(sizeof(Ostrel_LeaseInformation) + sizeof(SlotLinks) + 2 * sizeof(uint32_t) + 1 <= 128);
+// What a free slot costs: itself, its links, its key, up to two hash chains, and a bit in each set and the levels
+// above.
+static_assert(sizeof(Ostrel_LeaseInformation) + sizeof(SlotLinks) + sizeof(uint64_t) + 2 * sizeof(uint32_t) + 1 <= 128);
 
 // A list threaded through one member of the links.
 struct SlotList {
@@ -44,12 +51,17 @@ struct SlotList {
 struct Ostrel_LeaseIndex {
     SlotSet free;
     SlotSet blank;
+    SlotSet withheld;
     SlotList byAge;
     SlotList offered;
-    os_array<SlotLinks> links;  // one a slot
-    os_array<uint32_t> chains;  // first tree of each hash chain
-    uint32_t numChains;         // a power of two
-    uint64_t key;               // unknown outside: no station can choose MACs that share a chain
+    SlotList rested;
+    SlotList held;
+    os_array<SlotLinks> links;     // one a slot
+    os_array<uint32_t> chains;     // first tree of each hash chain
+    uint32_t numChains;            // a power of two
+    os_array<uint64_t> keys;       // what each slot is tied by; null where that is its MAC
+    uint64_t key;                  // unknown outside: no station can choose MACs that share a chain
+    Ostrel_ClientHashKey hashKey;  // likewise, of identities that share a key
 };
 
 // Builds the index of a table of blank slots; kOutOfMemoryErr leaves a half-built one, which may only be destroyed.
@@ -60,6 +72,19 @@ struct Ostrel_LeaseIndex {
 void Ostrel_LeaseIndexLeave(Ostrel_ServerObj* server, uint32_t slot, bool keepsAge);
 void Ostrel_LeaseIndexEnter(Ostrel_ServerObj* server, uint32_t slot, bool keepsAge);
 
-// The lowest slot from `from` on that is tied to the MAC, or kNoSlot.
-[[nodiscard]] uint32_t Ostrel_LeaseIndexLowestTied(const Ostrel_ServerObj* server, const Ostrel_MAC& mac,
-                                                   uint32_t from);
+// What a slot is tied by, or 0 when it is tied to nobody, whom only the address of all zeros looks like.
+[[nodiscard]] uint64_t Ostrel_LeaseIndexKeyOfMAC(const Ostrel_MAC& mac);
+[[nodiscard]] uint64_t Ostrel_LeaseIndexKeyOf(const Ostrel_ServerObj* server, uint32_t slot);
+
+// Writes it, between Leave and Enter; nothing where a slot is tied by its MAC.
+void Ostrel_LeaseIndexSetKey(Ostrel_ServerObj* server, uint32_t slot, uint64_t key);
+
+// Unties a free slot from the client that had it last. It keeps its place.
+void Ostrel_LeaseIndexForget(Ostrel_ServerObj* server, uint32_t slot);
+
+// The lowest slot from `from` on that is tied to the client, or kNoSlot.
+[[nodiscard]] uint32_t Ostrel_LeaseIndexLowestTied(const Ostrel_ServerObj* server, uint64_t key, uint32_t from);
+
+[[nodiscard]] inline bool Ostrel_LeaseIsInUse(Ostrel_LeaseState state) {
+    return state == kLeaseStateOffered || state == kLeaseStateActive;
+}

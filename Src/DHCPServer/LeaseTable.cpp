@@ -1,8 +1,7 @@
-// The rules of the lease table.
+// The books of the lease table: how slots change hands, and when their time is over.
 //
-// The rules are those of a walk over the slots in order: the first that fits wins. The walks are here as such, and run
-// when the debug level asks for the lines that they write slot by slot. Otherwise the index (LeaseIndex.h) gives the
-// same slot at once, so that a frame costs the same with any number of slots.
+// Slots end by time in the order in which they began, so that the oldest of each kind tells whether any is over. Where
+// the debug level asks for the lines that a walk over all slots writes, the walk is made.
 #include "DHCPServer/LeaseTable.h"
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 #include "Ostrel/System.h"
 
 #include "DHCPServer/LeaseIndex.h"
+#include "DHCPServer/Slots.h"
 #include "os_time.h"
 
 namespace {
@@ -23,25 +23,8 @@ const char* NameOf(const Ostrel_ServerObj* server) {
     return server->iface->ifname.data();
 }
 
-std::span<Ostrel_LeaseInformation> SlotsOf(const Ostrel_ServerObj* server) {
-    return {server->leases.get(), static_cast<size_t>(server->maxLeases)};
-}
-
-Ostrel_LeaseInformation* SlotAt(const Ostrel_ServerObj* server, uint32_t slot) {
-    return slot == kNoSlot ? nullptr : &server->leases[slot];
-}
-
-uint32_t NumberOf(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation* lease) {
-    return static_cast<uint32_t>(lease - server->leases.get());
-}
-
 std::string_view TextOf(std::span<const uint8_t> bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
-// Whether a line at trace level, that of every walk, would be written.
-bool WalksAreTraced() {
-    return DebugIsWritten(kDebugLevelTrace);
 }
 
 // Addresses count on through the lower three octets; the first never changes.
@@ -52,24 +35,32 @@ Ostrel_IPv4 AddressOfSlot(const Ostrel_ServerObj* server, uint32_t slot) {
     return htobe32((start & ~kCountingBits) | ((start + slot) & kCountingBits));
 }
 
-Ostrel_LeaseInformation* SlotOfAddress(const Ostrel_ServerObj* server, Ostrel_IPv4 address) {
-    const uint32_t slot = (be32toh(address) - be32toh(server->IPv4RangeStart)) & kCountingBits;
-    if (slot >= static_cast<uint32_t>(server->maxLeases)) return nullptr;
-    return AddressOfSlot(server, slot) == address ? &server->leases[slot] : nullptr;
+// What is written of a slot in one go. The key counts where a slot is not tied by its MAC, the time unless it is free.
+struct Books {
+    Ostrel_LeaseState state;
+    Ostrel_MAC mac;
+    uint64_t key;
+    uint32_t offerTime;
+};
+
+// The one place where a slot's books are written.
+void WriteBooks(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Books& books) {
+    const uint32_t slot = Ostrel_LeaseSlotNumber(server, lease);
+    const bool staysInUse = Ostrel_LeaseIsInUse(lease->state) && Ostrel_LeaseIsInUse(books.state);
+    const bool keepsAge = staysInUse && lease->offerTime == books.offerTime;
+    Ostrel_LeaseIndexLeave(server, slot, keepsAge);
+    lease->state = books.state;
+    lease->srcMAC = books.mac;
+    lease->offerTime = books.offerTime;
+    lease->wasLeased |= books.state == kLeaseStateActive && server->rules->remembersHolders;
+    if (books.state == kLeaseStateActive) lease->holderHadIt = true;
+    lease->changed = true;
+    Ostrel_LeaseIndexSetKey(server, slot, books.key);
+    Ostrel_LeaseIndexEnter(server, slot, keepsAge);
 }
 
-// The one place where a slot's books are written. `offerTime` is the slot's own, or now.
-void WriteBooks(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, Ostrel_LeaseState state,
-                const Ostrel_MAC& mac, uint32_t offerTime) {
-    const uint32_t slot = NumberOf(server, lease);
-    const bool staysInUse = lease->state != kLeaseStateFree && state != kLeaseStateFree;
-    const bool keepsAge = staysInUse && lease->offerTime == offerTime;
-    Ostrel_LeaseIndexLeave(server, slot, keepsAge);
-    lease->state = state;
-    lease->srcMAC = mac;
-    lease->offerTime = offerTime;
-    lease->changed = true;
-    Ostrel_LeaseIndexEnter(server, slot, keepsAge);
+uint64_t KeyOf(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation* lease) {
+    return Ostrel_LeaseIndexKeyOf(server, Ostrel_LeaseSlotNumber(server, lease));
 }
 
 // The one place where a slot's buffers are written, each with its length.
@@ -111,109 +102,24 @@ void LogEnd(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease
                 hostName.empty() ? "" : ", host name ", TextOf(hostName));
 }
 
-// Returns a slot to the free state; `reason` is for the end of a lease.
-void Free(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const char* reason) {
-    DebugPrintF(kDebugLevelTrace, "[%s] Free Lease %.4a assigned to %.6a.\n", NameOf(server), &lease->IPv4Address,
-                lease->srcMAC);
-    if (lease->state == kLeaseStateActive) LogEnd(server, *lease, reason);
-    WriteBooks(server, lease, kLeaseStateFree, Ostrel_MAC{}, 0);
+// Whom a slot in use is tied to once it is free: a client that had a lease of it, if it may have the slot again. It had
+// this one last, so that it is forgotten as the former holder of another.
+uint64_t FormerHolder(Ostrel_ServerObj* server, const Ostrel_LeaseInformation* lease) {
+    const bool remembers = server->rules->remembersHolders && !lease->isKept;
+    if (!remembers || !lease->holderHadIt || !Ostrel_LeaseIsInUse(lease->state)) return 0;
+    const uint64_t key = KeyOf(server, lease);
+    for (uint32_t slot = Ostrel_LeaseIndexLowestTied(server, key, 0); slot != kNoSlot;
+         slot = Ostrel_LeaseIndexLowestTied(server, key, slot + 1)) {
+        if (server->leases[slot].state != kLeaseStateFree) continue;
+        Ostrel_LeaseIndexForget(server, slot);
+        break;
+    }
+    return key;
+}
+
+void ClearBuffers(Ostrel_LeaseInformation* lease) {
     (void)Ostrel_DHCPServer_LeaseKeepIdentifier(lease, {});  // nothing: that cannot fail
     (void)Ostrel_DHCPServer_LeaseKeepHostName(lease, {});
-}
-
-// "lease" and "index" of the lines below are the slot and its number.
-void TraceFree(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease) {
-    DebugPrintF(kDebugLevelTrace, "[%s] Lease at index %d, IPv4 <%.4a> free for MAC <%.6a>.\n", NameOf(server),
-                NumberOf(server, &lease), &lease.IPv4Address, lease.srcMAC);
-}
-
-// Frees every slot of the station but the chosen one, so that it holds no more than what it asked for by address.
-void ReleaseByMAC(Ostrel_ServerObj* server, const Ostrel_MAC& mac, const Ostrel_LeaseInformation* chosen) {
-    constexpr char kOtherAddress[] = "its client asks for another address";
-    if (WalksAreTraced()) {
-        for (Ostrel_LeaseInformation& lease : SlotsOf(server)) {
-            if (&lease == chosen || lease.srcMAC != mac) continue;
-            TraceFree(server, lease);
-            Free(server, &lease, kOtherAddress);
-        }
-        return;
-    }
-    // Blank slots match a station whose MAC is all zero, but have nothing to clean.
-    for (uint32_t slot = Ostrel_LeaseIndexLowestTied(server, mac, 0); slot != kNoSlot;
-         slot = Ostrel_LeaseIndexLowestTied(server, mac, slot + 1)) {
-        if (SlotAt(server, slot) != chosen) Free(server, SlotAt(server, slot), kOtherAddress);
-    }
-}
-
-bool GoesByAddress(uint32_t messageType) {
-    return messageType == kDHCPRequest || messageType == kDHCPInform || messageType == kDHCPRelease;
-}
-
-// Whether a slot is in use by the station; one that was claimed for an OFFER that could not be sent is not.
-bool HoldsAny(const Ostrel_ServerObj* server, const Ostrel_MAC& mac) {
-    for (uint32_t slot = Ostrel_LeaseIndexLowestTied(server, mac, 0); slot != kNoSlot;
-         slot = Ostrel_LeaseIndexLowestTied(server, mac, slot + 1)) {
-        if (server->leases[slot].state != kLeaseStateFree) return true;
-    }
-    return false;
-}
-
-// Whether a station may have the slot of the address that it names. INFORM gives nothing back, so that a station which
-// might take more than one by it would have them all.
-bool IsOpenTo(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease, uint32_t messageType,
-              const Ostrel_MAC& mac) {
-    if (lease.state != kLeaseStateFree) return lease.srcMAC == mac;
-    return messageType == kDHCPRequest || (messageType == kDHCPInform && !HoldsAny(server, mac));
-}
-
-Ostrel_LeaseInformation* FindByAddress(Ostrel_ServerObj* server, uint32_t messageType, const Ostrel_MAC& mac,
-                                       Ostrel_IPv4 address) {
-    Ostrel_LeaseInformation* lease = SlotOfAddress(server, address);
-    if (lease != nullptr && !IsOpenTo(server, *lease, messageType, mac)) {
-        DebugPrintF(kDebugLevelTrace,
-                    "[%s] Lease at index %d, IPv4 <%.4a> free for MAC <%.6a>, assigned to MAC <%a>.\n", NameOf(server),
-                    NumberOf(server, lease), &lease->IPv4Address, lease->srcMAC, mac);
-        return nullptr;
-    }
-    if (lease != nullptr) TraceFree(server, *lease);
-    if (messageType == kDHCPRequest) ReleaseByMAC(server, mac, lease);
-    return lease;
-}
-
-// The walk without an address: a DISCOVER gets the first slot of its station, else the first free one.
-Ostrel_LeaseInformation* ScanTraced(const Ostrel_ServerObj* server, uint32_t messageType, const Ostrel_MAC& mac) {
-    Ostrel_LeaseInformation* candidate = nullptr;
-    for (Ostrel_LeaseInformation& lease : SlotsOf(server)) {
-        const uint32_t slot = NumberOf(server, &lease);
-        DebugPrintF(kDebugLevelTrace,
-                    "[%s] Lease at index %d has MAC <%.6a> and IPv4 <%.4a> in state <%d>, lease set to %p.\n",
-                    NameOf(server), slot, lease.srcMAC, &lease.IPv4Address, uint32_t{lease.state},
-                    static_cast<const void*>(candidate));
-        if (messageType != kDHCPDiscover) {
-            DebugPrintF(kDebugLevelTrace, "[%s] msgType mismatch, expected %d, actual %d...continue\n", NameOf(server),
-                        kDHCPDiscover, messageType);
-            continue;
-        }
-        if (lease.state == kLeaseStateFree && candidate == nullptr) {
-            DebugPrintF(kDebugLevelTrace, "[%s] Lease at index %d possible lease candidate for MAC <%.6a>.\n",
-                        NameOf(server), slot, mac);
-            candidate = &lease;
-        }
-        if (lease.srcMAC == mac) {
-            DebugPrintF(kDebugLevelTrace, "[%s] Lease at index %d match for MAC <%.6a>.\n", NameOf(server), slot, mac);
-            return &lease;
-        }
-    }
-    return candidate;
-}
-
-Ostrel_LeaseInformation* Scan(const Ostrel_ServerObj* server, uint32_t messageType, const Ostrel_MAC& mac) {
-    if (WalksAreTraced()) return ScanTraced(server, messageType, mac);
-    if (messageType != kDHCPDiscover) return nullptr;
-
-    uint32_t own = Ostrel_LeaseIndexLowestTied(server, mac, 0);
-    if (mac == Ostrel_MAC{}) own = std::min(own, SlotSetLowest(server->index->blank));
-    return SlotAt(server, own != kNoSlot ? own : SlotSetLowest(server->index->free));
 }
 
 bool IsOver(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease, uint32_t now) {
@@ -228,11 +134,11 @@ void Expire(Ostrel_ServerObj* server, Ostrel_LeaseInformation& lease, uint32_t n
                 "[%s]  ### PRUNE LEASE ### Expire Lease %.4a on %.6a (%s) Now %d, Offered at %d, Lease Time %d.\n",
                 NameOf(server), &lease.IPv4Address, lease.srcMAC, active ? "lease active" : "Offered, never claimed",
                 now, lease.offerTime, active ? server->leaseTime : server->offerTimeout);
-    Free(server, &lease, "expired");
+    Ostrel_LeaseSlotFree(server, &lease, "expired");
 }
 
 void PruneTraced(Ostrel_ServerObj* server, uint32_t now) {
-    for (Ostrel_LeaseInformation& lease : SlotsOf(server)) {
+    for (Ostrel_LeaseInformation& lease : Ostrel_LeaseSlotsOf(server)) {
         DebugPrintF(kDebugLevelChatty,
                     "[%s] ### PRUNE LEASE ### Lease IPv4 <%.4a>, State <%d>, MAC <%.6a>, Offer time <%d>, now <%d>.\n",
                     NameOf(server), &lease.IPv4Address, uint32_t{lease.state}, lease.srcMAC, lease.offerTime, now);
@@ -241,8 +147,8 @@ void PruneTraced(Ostrel_ServerObj* server, uint32_t now) {
                 DebugPrintF(kDebugLevelChatty, "[%s] ### PRUNE LEASE ### Lease %.4a Free - do nothing.\n",
                             NameOf(server), &lease.IPv4Address);
                 break;
-            case kLeaseStateReserved2:
-            case kLeaseStateReserved3:
+            case kLeaseStateHeld:
+            case kLeaseStateKept:
                 DebugPrintF(kDebugLevelChatty, "[%s]  ### PRUNE LEASE ### Lease %.4a reserved - do nothing.\n",
                             NameOf(server), &lease.IPv4Address);
                 break;
@@ -269,7 +175,46 @@ void PruneOldest(Ostrel_ServerObj* server, uint32_t now) {
     }
 }
 
+// Holds end in the order in which they began, as all of them are as long.
+void PruneHeld(Ostrel_ServerObj* server, uint32_t now) {
+    const Ostrel_LeaseIndex& index = *server->index;
+    while (index.held.first != kNoSlot && now - server->leases[index.held.first].offerTime >= kHoldTime) {
+        Ostrel_LeaseSlotFree(server, &server->leases[index.held.first], "");
+    }
+}
+
+// The oldest slot that is held because of a client which has as many of them as it may, or null.
+Ostrel_LeaseInformation* OldestOfTooMany(const Ostrel_ServerObj* server, uint64_t key) {
+    uint32_t count = 0;
+    Ostrel_LeaseInformation* oldest = nullptr;
+    for (uint32_t slot = Ostrel_LeaseIndexLowestTied(server, key, 0); slot != kNoSlot;
+         slot = Ostrel_LeaseIndexLowestTied(server, key, slot + 1)) {
+        Ostrel_LeaseInformation* const lease = &server->leases[slot];
+        if (lease->state != kLeaseStateHeld) continue;
+        ++count;
+        const bool isOlder = oldest == nullptr || static_cast<int32_t>(oldest->offerTime - lease->offerTime) > 0;
+        if (isOlder) oldest = lease;
+    }
+    return count < kHeldForOne ? nullptr : oldest;
+}
+
 }  // namespace
+
+Ostrel_LeaseInformation* Ostrel_LeaseSlotOfAddress(const Ostrel_ServerObj* server, Ostrel_IPv4 address) {
+    const uint32_t slot = (be32toh(address) - be32toh(server->IPv4RangeStart)) & kCountingBits;
+    if (slot >= static_cast<uint32_t>(server->maxLeases)) return nullptr;
+    return AddressOfSlot(server, slot) == address ? &server->leases[slot] : nullptr;
+}
+
+void Ostrel_LeaseSlotFree(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const char* reason) {
+    DebugPrintF(kDebugLevelTrace, "[%s] Free Lease %.4a assigned to %.6a.\n", NameOf(server), &lease->IPv4Address,
+                lease->srcMAC);
+    if (lease->state == kLeaseStateActive) LogEnd(server, *lease, reason);
+    const uint64_t former = FormerHolder(server, lease);
+    WriteBooks(server, lease, {lease->isKept ? kLeaseStateKept : kLeaseStateFree, {}, former, 0});
+    if (former == 0) lease->holderHadIt = false;
+    ClearBuffers(lease);
+}
 
 Ostrel_Status Ostrel_DHCPServer_LeasesInitialize(Ostrel_ServerObj* server) {
     const uint32_t mask = be32toh(server->IPv4SubnetMask);
@@ -277,6 +222,7 @@ Ostrel_Status Ostrel_DHCPServer_LeasesInitialize(Ostrel_ServerObj* server) {
     OSTREL_REQUIRE(~mask > slots, "(~server->IPv4SubnetMask > server->maxLeases)", kBadParamErr);
     OSTREL_REQUIRE((mask & 0xFF) == 0, "(server->IPv4SubnetMask < 0x01000000)", kBadParamErr);
 
+    server->numSlots = slots;
     server->leases = os_new_records<Ostrel_LeaseInformation>(slots);
     OSTREL_REQUIRE(server->leases != nullptr, "server->leases", kOutOfMemoryErr);
     for (uint32_t slot = 0; slot < slots; ++slot) {
@@ -288,38 +234,42 @@ Ostrel_Status Ostrel_DHCPServer_LeasesInitialize(Ostrel_ServerObj* server) {
     return Ostrel_LeaseIndexInitialize(server);
 }
 
-Ostrel_Status Ostrel_DHCPServer_LeaseFindByMACAndIPv4(Ostrel_ServerObj* server, uint32_t messageType,
-                                                      const Ostrel_MAC& mac, Ostrel_IPv4 requested,
-                                                      Ostrel_LeaseInformation** lease) {
-    *lease = nullptr;
-    DebugPrintF(kDebugLevelTrace, "[%s] Find Lease for %.6a, requested IPv4 of %.4a.\n", NameOf(server), mac,
-                &requested);
-    if (requested != kAnyIPv4 && (requested & server->IPv4SubnetMask) != server->IPv4Subnet) {
-        DebugPrintF(kDebugLevelTrace, "[%s] SUBNET MISMATCH: %.6a requested IPv4 of %.4a on subnet %.4a.\n",
-                    NameOf(server), mac, &requested, &server->IPv4Subnet);
-        return kNoFreeResourceErr;
-    }
-    *lease = requested != kAnyIPv4 && GoesByAddress(messageType) ? FindByAddress(server, messageType, mac, requested)
-                                                                 : Scan(server, messageType, mac);
-    return *lease == nullptr ? kNoFreeResourceErr : kNoErr;
-}
-
-void Ostrel_DHCPServer_LeaseClaim(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac) {
+void Ostrel_DHCPServer_LeaseClaim(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
+                                  uint64_t key) {
     if (lease->state != kLeaseStateFree) return;
-    WriteBooks(server, lease, kLeaseStateFree, mac, 0);
+    if (KeyOf(server, lease) != key) lease->holderHadIt = false;
+    WriteBooks(server, lease, {lease->state, mac, key, 0});
 }
 
 void Ostrel_DHCPServer_LeaseOffer(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, uint32_t now) {
-    if (lease->state == kLeaseStateActive) LogEnd(server, *lease, "its client begins anew");
-    WriteBooks(server, lease, kLeaseStateOffered, lease->srcMAC, now);
+    if (lease->state == kLeaseStateActive) {
+        if (server->rules->discoverKeepsLease) return;
+        LogEnd(server, *lease, "its client begins anew");
+    }
+    WriteBooks(server, lease, {kLeaseStateOffered, lease->srcMAC, KeyOf(server, lease), now});
 }
 
 void Ostrel_DHCPServer_LeaseActivate(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
                                      uint32_t now, std::span<const uint8_t> hostName) {
     const bool isNew = lease->state != kLeaseStateActive;
-    const bool startsAnew = lease->state == kLeaseStateFree || lease->offerTime == 0;
-    WriteBooks(server, lease, kLeaseStateActive, startsAnew ? mac : lease->srcMAC, startsAnew ? now : lease->offerTime);
+    const bool startsAnew =
+        !Ostrel_LeaseIsInUse(lease->state) || lease->offerTime == 0 || server->rules->renewalExtends;
+    WriteBooks(server, lease,
+               {kLeaseStateActive, startsAnew ? mac : lease->srcMAC, KeyOf(server, lease),
+                startsAnew ? now : lease->offerTime});
     if (isNew) LogGrant(server, *lease, hostName);
+}
+
+void Ostrel_DHCPServer_LeaseHold(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
+                                 uint64_t key, uint32_t now, const char* reason) {
+    if (Ostrel_LeaseInformation* const oldest = OldestOfTooMany(server, key); oldest != nullptr)
+        Ostrel_LeaseSlotFree(server, oldest, "");
+    if (lease->state == kLeaseStateActive) LogEnd(server, *lease, reason);
+    DebugPrintF(kDebugLevelInfo, "[%s] Address %.4a is held for %d s: %s, %.6a\n", NameOf(server), &lease->IPv4Address,
+                kHoldTime, reason, mac);
+    lease->holderHadIt = false;
+    WriteBooks(server, lease, {kLeaseStateHeld, mac, key, now});
+    ClearBuffers(lease);
 }
 
 bool Ostrel_DHCPServer_LeaseKeepIdentifier(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data) {
@@ -331,12 +281,13 @@ bool Ostrel_DHCPServer_LeaseKeepHostName(Ostrel_LeaseInformation* lease, std::sp
 }
 
 Ostrel_Status Ostrel_DHCPServer_LeaseClean(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease) {
-    Free(server, lease, "released");
+    Ostrel_LeaseSlotFree(server, lease, "released");
     return kNoErr;
 }
 
 void Ostrel_DHCPServer_LeasePrune(Ostrel_ServerObj* server, uint32_t now) {
-    if (WalksAreTraced()) {
+    PruneHeld(server, now);
+    if (Ostrel_LeaseWalksAreTraced()) {
         PruneTraced(server, now);
     } else {
         PruneOldest(server, now);
@@ -345,6 +296,6 @@ void Ostrel_DHCPServer_LeasePrune(Ostrel_ServerObj* server, uint32_t now) {
 
 Ostrel_LeaseInformation* Ostrel_DHCPServer_LeaseNextUsed(const Ostrel_ServerObj* server,
                                                          const Ostrel_LeaseInformation* lease) {
-    const uint32_t from = lease == nullptr ? 0 : NumberOf(server, lease) + 1;
-    return SlotAt(server, SlotSetLowestAbsent(server->index->free, from));
+    const uint32_t from = lease == nullptr ? 0 : Ostrel_LeaseSlotNumber(server, lease) + 1;
+    return Ostrel_LeaseSlotAt(server, SlotSetLowestAbsent(server->index->free, server->index->withheld, from));
 }

@@ -1,8 +1,9 @@
 // The lease table: one slot for each address of the range. Who gets which slot, and when a slot falls free.
 //
-// Slots change only through the functions below. A free slot may be claimed for a station before its OFFER goes out;
-// the OFFER makes it offered, an acknowledged REQUEST or INFORM active. "Now" is the monotonic clock in seconds. Each
-// lease, which is a slot's time of being active, has one line at info where it begins and one where it ends.
+// Slots change only through the functions below. A free slot may be claimed for a client before its OFFER goes out;
+// the OFFER makes it offered, an acknowledged REQUEST or INFORM active, a DECLINE held. "Now" is the monotonic clock in
+// seconds. Each lease, which is a slot's time of being active, has one line at info where it begins and one where it
+// ends.
 #pragma once
 
 #include <cstdint>
@@ -10,41 +11,63 @@
 
 #include "Ostrel/DHCPServer.h"
 
+#include "DHCPServer/Client.h"
+
+// Slots that are held because of one client, or one host that has the address: so many that a host of several addresses
+// is heeded, and so few that nobody gets the range. One more, and the oldest falls free.
+constexpr uint32_t kHeldForOne = 4;
+
 // Checks the mask against the size of the range and builds the table, all slots free. kBadParamErr or kOutOfMemoryErr,
 // after which the server may only be finalised.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPServer_LeasesInitialize(Ostrel_ServerObj* server);
 
-// The slot that a message of this type from this station is about; kNoFreeResourceErr with null when there is none.
+// The slot that a message of this type from this client is about; kNoFreeResourceErr with null when there is none.
 //
-//   DISCOVER                the station's lowest slot, else the lowest free one
-//   REQUEST of an address   that address's slot, unless another station holds it; the station's other slots are freed
-//   INFORM of an address    that address's slot, if the station holds it, or if it is free and the station holds none
-//   RELEASE of an address   that address's slot, if the station holds it
+//   DISCOVER                the client's lowest slot, else the lowest free one; or, where holders are remembered: its
+//   slot
+//                           in use, the free one that it had last, the free one that it asks for, the lowest one that
+//                           was never leased, the one that is free for longest
+//   REQUEST of an address   that address's slot, unless another client holds it; the client's other slots are freed
+//   INFORM of an address    that address's slot, if the client holds it, or if it is free and the client holds none
+//   RELEASE of an address   that address's slot, if the client holds it; DECLINE likewise
 //   any other               none
 //
 // `requested` is the address, or 0. One outside the server's subnet finds nothing and frees nothing.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPServer_LeaseFindByMACAndIPv4(Ostrel_ServerObj* server, uint32_t messageType,
-                                                                    const Ostrel_MAC& mac, Ostrel_IPv4 requested,
+                                                                    const Ostrel_ServerClient& client,
+                                                                    Ostrel_IPv4 requested,
                                                                     Ostrel_LeaseInformation** lease);
 
-// Notes the station that a free slot is about to be offered to; a slot in use stays as it is.
-void Ostrel_DHCPServer_LeaseClaim(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac);
+// Frees what the client was offered and has not claimed: it has chosen another server.
+void Ostrel_DHCPServer_LeaseForgo(Ostrel_ServerObj* server, const Ostrel_ServerClient& client);
 
-// The OFFER went out: the slot is offered from now on, whatever it was.
+// Notes the client that a free slot is about to be offered to; a slot in use stays as it is. `key` counts where clients
+// are not known by their MAC.
+void Ostrel_DHCPServer_LeaseClaim(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
+                                  uint64_t key = 0);
+
+// The OFFER went out: the slot is offered from now on, whatever it was; an active one stays active where leases outlive
+// a DISCOVER.
 void Ostrel_DHCPServer_LeaseOffer(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, uint32_t now);
 
-// The slot is active. Only one that was free, or had no offer time, changes hands and starts its time now. `hostName`,
-// empty when there is none, is for the log: what the client that is granted a lease calls itself.
+// The slot is active. One that was free, or had no offer time, changes hands and starts its time now; others start
+// their time now where renewals extend. `hostName`, empty when there is none, is for the log: what the client that is
+// granted a lease calls itself.
 void Ostrel_DHCPServer_LeaseActivate(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
                                      uint32_t now, std::span<const uint8_t> hostName);
+
+// The slot is nobody's for kHoldTime: the host with this address, which the index knows by the key, has declined it or
+// uses it, as `reason` says in words.
+void Ostrel_DHCPServer_LeaseHold(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
+                                 uint64_t key, uint32_t now, const char* reason);
 
 // A copy of what a REQUEST says of its client, options 61 and 12, with a zero byte behind it; no buffer for an option
 // that is absent, which is one whose span is null. False, with no buffer either, when memory is out.
 [[nodiscard]] bool Ostrel_DHCPServer_LeaseKeepIdentifier(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data);
 [[nodiscard]] bool Ostrel_DHCPServer_LeaseKeepHostName(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data);
 
-// Returns a slot to the free state: its station has no more use for it.
+// Returns a slot to the free state: its client has no more use for it.
 Ostrel_Status Ostrel_DHCPServer_LeaseClean(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease);
 
-// Cleans the offered slots that nobody claimed in time and the active ones that have reached their end.
+// Cleans the offered slots that nobody claimed in time, and the active and held ones that have reached their end.
 void Ostrel_DHCPServer_LeasePrune(Ostrel_ServerObj* server, uint32_t now);

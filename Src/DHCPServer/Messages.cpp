@@ -1,24 +1,37 @@
-// Messages from the network: what the server does with each.
+// Messages from the network: what the server does with each, by the plain rules and, where they differ, by the rfc
+// ones.
 //
 //     DISCOVER   a slot is offered                        DHCPOFFER
 //     REQUEST    the slot asked for becomes active        DHCPACK or DHCPNAK; the lease table is published
-//     RELEASE    the station's slot is freed              no answer
+//       rfc      likewise, and its time begins anew       no answer to what is another server's business
+//     RELEASE    the client's slot is freed               no answer
+//     DECLINE    nothing                                  no answer
+//       rfc      the client's slot is held                no answer
 //     INFORM     the slot asked for becomes active, if    DHCPACK or DHCPNAK
-//                it is free and the station has none
+//                it is free and the client has none
+//       rfc      nothing                                  DHCPACK
 //
-// Everything else is dropped. A client is known by the Ethernet source of its frame, so all clients behind one relay
-// are one client. Leases end here as well: each frame first prunes the table, and without frames nothing expires.
+// Everything else is dropped. Leases end here as well: each frame first prunes the table, and without frames nothing
+// expires.
 #include <span>
 
 #include "Ostrel/Check.h"
 #include "Ostrel/Log.h"
 #include "Ostrel/Publish.h"
 
+#include "DHCPServer/Client.h"
 #include "DHCPServer/LeaseTable.h"
 #include "DHCPServer/Reply.h"
+#include "DHCPServer/Slots.h"
 #include "os_time.h"
 
 namespace {
+
+// A message, and who it is from.
+struct Message {
+    const Ostrel_PreprocessedPacket& packet;
+    Ostrel_ServerClient client;
+};
 
 // What a REQUEST says of its client; the spans lie in the frame, null when the option is absent.
 struct ClientIdentity {
@@ -26,28 +39,57 @@ struct ClientIdentity {
     std::span<const uint8_t> hostName;
 };
 
-Ostrel_Status Ostrel_DHCPServerProcessDiscover(Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& packet) {
-    const Ostrel_MAC station = packet.ethHdr->src;
+bool IsOfSubnet(const Ostrel_ServerObj* server, Ostrel_IPv4 address) {
+    return (address & server->IPv4SubnetMask) == server->IPv4Subnet;
+}
+
+// The address of an option, or 0.
+Ostrel_IPv4 AddressIn(const Ostrel_PreprocessedPacket& packet, uint8_t code) {
+    Ostrel_IPv4 address = kAnyIPv4;
+    (void)Ostrel_BOOTPPacketFindOptionAsIPv4(Ostrel_OptionsOf(packet), code, &address);
+    return address;
+}
+
+// Whether a message is for another server than this one.
+bool IsForAnother(const Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& packet) {
+    if (!server->rules->serverIsHeeded) return false;
+    const Ostrel_IPv4 chosen = AddressIn(packet, kOptionServerIdentifier);
+    return chosen != kAnyIPv4 && chosen != server->IPv4Address;
+}
+
+Ostrel_Status Ostrel_DHCPServerProcessDiscover(Ostrel_ServerObj* server, const Message& message) {
+    const Ostrel_IPv4 wished =
+        server->rules->remembersHolders ? AddressIn(message.packet, kOptionRequestedAddress) : kAnyIPv4;
     Ostrel_LeaseInformation* lease = nullptr;
-    OSTREL_REQUIRE_NOERR(Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPDiscover, station, kAnyIPv4, &lease));
-    Ostrel_DHCPServer_LeaseClaim(server, lease, station);
+    OSTREL_REQUIRE_NOERR(
+        Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPDiscover, message.client, wished, &lease));
+    Ostrel_DHCPServer_LeaseClaim(server, lease, message.client.station, message.client.key);
     const uint32_t now = os_monotonic_seconds();
-    OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerSend_BOOTPReply(server, kDHCPOffer, lease->srcMAC, packet, lease));
+    OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerSend_BOOTPReply(server, kDHCPOffer, message.packet, lease));
     Ostrel_DHCPServer_LeaseOffer(server, lease, now);
     return kNoErr;
 }
 
 // Option 50, or ciaddr for a client that extends a lease (RFC 2131 table 4).
 Ostrel_IPv4 RequestedAddress(const Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& packet) {
-    Ostrel_IPv4 requested = kAnyIPv4;
-    const Ostrel_Status status =
-        Ostrel_BOOTPPacketFindOptionAsIPv4(Ostrel_OptionsOf(packet), kOptionRequestedAddress, &requested);
-    if (status == kNoErr && requested != kAnyIPv4) return requested;
+    const Ostrel_IPv4 requested = AddressIn(packet, kOptionRequestedAddress);
+    if (requested != kAnyIPv4) return requested;
 
     const Ostrel_IPv4 ciaddr = packet.dhcpPkt->ciaddr;
     DebugPrintF(kDebugLevelTrace, "[%s] No requested address, so use ciaddr %.4a.\n", server->iface->ifname.data(),
                 &ciaddr);
     return ciaddr;
+}
+
+// Whether a REQUEST for an address that its client can't have is refused. It is left alone when the address may be
+// another server's to give (RFC 2131 section 4.3.2): Docs/rfc.md has the cases.
+bool IsRefused(const Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& packet, Ostrel_IPv4 requested) {
+    if (server->rules->refusesUnknown) return true;
+    const bool isForUs =
+        packet.ipHdr->dst == server->IPv4Address || AddressIn(packet, kOptionServerIdentifier) != kAnyIPv4;
+    if (isForUs) return true;
+    if (requested == kAnyIPv4) return false;
+    return !IsOfSubnet(server, requested) || Ostrel_LeaseSlotOfAddress(server, requested) != nullptr;
 }
 
 // An absent option leaves its span null; an empty one does not.
@@ -59,68 +101,100 @@ ClientIdentity ReadIdentity(const Ostrel_PreprocessedPacket& packet) {
     return identity;
 }
 
-// The server identifier is not looked at: a REQUEST meant for another server is handled like any other.
-Ostrel_Status Ostrel_DHCPServerProcessRequest(Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& packet) {
-    const Ostrel_MAC station = packet.ethHdr->src;
+Ostrel_Status Ostrel_DHCPServerProcessRequest(Ostrel_ServerObj* server, const Message& message) {
+    const auto& [packet, client] = message;
+    if (IsForAnother(server, packet)) {
+        Ostrel_DHCPServer_LeaseForgo(server, client);
+        return kNoErr;
+    }
     const Ostrel_IPv4 requested = RequestedAddress(server, packet);
     Ostrel_LeaseInformation* lease = nullptr;
     const Ostrel_Status found =
-        Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPRequest, station, requested, &lease);
+        Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPRequest, client, requested, &lease);
     if (found != kNoErr) {
+        if (!IsRefused(server, packet, requested)) return kNoErr;
         OSTREL_REPORT_STATUS(found);
-        OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerSend_BOOTPReply(server, kDHCPNak, station, packet, nullptr));
+        OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerSend_BOOTPReply(server, kDHCPNak, packet, nullptr));
     } else {
         const ClientIdentity identity = ReadIdentity(packet);
-        Ostrel_DHCPServer_LeaseActivate(server, lease, station, os_monotonic_seconds(), identity.hostName);
+        Ostrel_DHCPServer_LeaseClaim(server, lease, client.station, client.key);
+        Ostrel_DHCPServer_LeaseActivate(server, lease, client.station, os_monotonic_seconds(), identity.hostName);
         OSTREL_REQUIRE(Ostrel_DHCPServer_LeaseKeepIdentifier(lease, identity.clientIdentifier),
                        "lease->clientIdentifier", kOutOfMemoryErr);
         OSTREL_REQUIRE(Ostrel_DHCPServer_LeaseKeepHostName(lease, identity.hostName), "lease->hostName",
                        kOutOfMemoryErr);
-        OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerSend_BOOTPReply(server, kDHCPAck, lease->srcMAC, packet, lease));
+        OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerSend_BOOTPReply(server, kDHCPAck, packet, lease));
     }
     OSTREL_REQUIRE_NOERR(Ostrel_VoroServicePublishServerLeaseInformation(server->iface->sysObj, server));
     return kNoErr;
 }
 
-Ostrel_Status Ostrel_DHCPServerProcessRelease(Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& packet) {
-    const Ostrel_MAC station = packet.ethHdr->src;
-    const Ostrel_IPv4 ciaddr = packet.dhcpPkt->ciaddr;
+Ostrel_Status Ostrel_DHCPServerProcessRelease(Ostrel_ServerObj* server, const Message& message) {
+    if (IsForAnother(server, message.packet)) return kNoErr;
     Ostrel_LeaseInformation* lease = nullptr;
-    const Ostrel_Status found = Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPRelease, station, ciaddr, &lease);
+    const Ostrel_Status found = Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPRelease, message.client,
+                                                                        message.packet.dhcpPkt->ciaddr, &lease);
     OSTREL_REQUIRE(found == kNoErr, "lease", kNoSuchItemErr);
-    OSTREL_REQUIRE(lease->srcMAC == station, "( memcmp( preprocessPkt->ethHdr->src, lease->srcMAC, ETH_ALEN ) == 0 )",
-                   kNoSuchItemErr);
-    OSTREL_REQUIRE(lease->IPv4Address == ciaddr, "( preprocessPkt->dhcpPkt->ciaddr == lease->IPv4Address )",
-                   kNoSuchItemErr);
     return Ostrel_DHCPServer_LeaseClean(server, lease);
 }
 
-Ostrel_Status Ostrel_DHCPServerProcessInform(Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& packet) {
-    const Ostrel_MAC station = packet.ethHdr->src;
+// Only the client that has the address can say that somebody else has it too (RFC 2131 section 4.3.3).
+Ostrel_Status Ostrel_DHCPServerProcessDecline(Ostrel_ServerObj* server, const Message& message) {
+    const auto& [packet, client] = message;
+    if (!server->rules->declineHolds || IsForAnother(server, packet)) return kNoErr;
+    const Ostrel_IPv4 declined = AddressIn(packet, kOptionRequestedAddress);
     Ostrel_LeaseInformation* lease = nullptr;
-    const Ostrel_Status found =
-        Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPInform, station, packet.dhcpPkt->ciaddr, &lease);
-    if (found == kNoErr && lease->state == kLeaseStateFree) {
-        Ostrel_DHCPServer_LeaseActivate(server, lease, station, os_monotonic_seconds(), ReadIdentity(packet).hostName);
-    }
-    const uint8_t answer = found == kNoErr ? kDHCPAck : kDHCPNak;
-    OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerSend_BOOTPReply(server, answer, station, packet, lease));
+    const Ostrel_Status found = Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPDecline, client, declined, &lease);
+    OSTREL_REQUIRE(found == kNoErr, "lease", kNoSuchItemErr);
+    Ostrel_DHCPServer_LeaseHold(server, lease, client.station, client.key, os_monotonic_seconds(), "declined");
     return kNoErr;
 }
 
-Ostrel_Status ProcessMessage(Ostrel_ServerObj* server, uint8_t messageType, const Ostrel_PreprocessedPacket& packet) {
+// The slot that the address of an INFORM takes, or null.
+Ostrel_LeaseInformation* BindInformed(Ostrel_ServerObj* server, const Message& message) {
+    Ostrel_LeaseInformation* lease = nullptr;
+    const Ostrel_Status found = Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPInform, message.client,
+                                                                        message.packet.dhcpPkt->ciaddr, &lease);
+    if (found == kNoErr && lease->state == kLeaseStateFree) {
+        Ostrel_DHCPServer_LeaseClaim(server, lease, message.client.station, message.client.key);
+        Ostrel_DHCPServer_LeaseActivate(server, lease, message.client.station, os_monotonic_seconds(),
+                                        ReadIdentity(message.packet).hostName);
+    }
+    return lease;
+}
+
+// By the rfc rules a host of the subnet is told what there is, whoever gave it its address.
+Ostrel_Status Ostrel_DHCPServerProcessInform(Ostrel_ServerObj* server, const Message& message) {
+    const Ostrel_IPv4 ciaddr = message.packet.dhcpPkt->ciaddr;
+    if (!server->rules->informBinds && (ciaddr == kAnyIPv4 || !IsOfSubnet(server, ciaddr))) return kNoErr;
+    const Ostrel_LeaseInformation* lease = server->rules->informBinds ? BindInformed(server, message) : nullptr;
+    const bool isAnswered = lease != nullptr || !server->rules->informBinds;
+    OSTREL_REQUIRE_NOERR(
+        Ostrel_DHCPServerSend_BOOTPReply(server, isAnswered ? kDHCPAck : kDHCPNak, message.packet, lease));
+    return kNoErr;
+}
+
+Ostrel_Status ProcessMessage(Ostrel_ServerObj* server, uint8_t messageType, const Message& message) {
     switch (messageType) {
         case kDHCPDiscover:
-            return Ostrel_DHCPServerProcessDiscover(server, packet);
+            return Ostrel_DHCPServerProcessDiscover(server, message);
         case kDHCPRequest:
-            return Ostrel_DHCPServerProcessRequest(server, packet);
+            return Ostrel_DHCPServerProcessRequest(server, message);
+        case kDHCPDecline:
+            return Ostrel_DHCPServerProcessDecline(server, message);
         case kDHCPRelease:
-            return Ostrel_DHCPServerProcessRelease(server, packet);
+            return Ostrel_DHCPServerProcessRelease(server, message);
         case kDHCPInform:
-            return Ostrel_DHCPServerProcessInform(server, packet);
+            return Ostrel_DHCPServerProcessInform(server, message);
         default:
             return kNoErr;
     }
+}
+
+// A client behind a relay of another subnet could do nothing with an address of this one.
+bool ComesFromElsewhere(const Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& packet) {
+    const Ostrel_IPv4 giaddr = packet.dhcpPkt->giaddr;
+    return server->rules->relayIsHeeded && giaddr != kAnyIPv4 && !IsOfSubnet(server, giaddr);
 }
 
 }  // namespace
@@ -135,7 +209,9 @@ void Ostrel_BOOTPServerPacketFilterHandler(void* context, const uint8_t*, std::s
         OSTREL_REPORT_STATUS(received.typeFound);
         return;
     }
-    const Ostrel_Status status = ProcessMessage(server, received.messageType, received.packet);
+    if (ComesFromElsewhere(server, received.packet)) return;
+    const Message message{received.packet, Ostrel_DHCPServerClientOf(server, received.packet)};
+    const Ostrel_Status status = ProcessMessage(server, received.messageType, message);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
 }
 

@@ -4,13 +4,16 @@
 //     DHCPOFFER   0             the slot   53, 54, 51, then what the client asked for
 //     DHCPACK     the request's the slot   53, 54, 51, then what the client asked for
 //     DHCPNAK     0             0          53, 54, then what the client asked for
+//     with rfc                             58, 59 after 51; 61 as it came; 82 as it came, last; a DHCPNAK has nothing
+//                                          of what was asked for; the DHCPACK to an INFORM has no slot and no times
 //
 // xid, flags, giaddr and chaddr come back as they were sent. A client's parameter request list is answered code by
-// code, in its order and with its repeats, as far as the reply fits a frame: an option that does not fit whole is left
-// out, and later, shorter ones still have their chance.
+// code, in its order, as far as the reply fits a frame: an option that does not fit whole is left out, and later,
+// shorter ones still have their chance.
 #include "DHCPServer/Reply.h"
 
 #include <algorithm>
+#include <bitset>
 #include <endian.h>
 
 #include "Ostrel/Check.h"
@@ -22,11 +25,31 @@ namespace {
 
 constexpr size_t kEndOptionSize = 1;
 
-// The payload that still fits a frame: of the interface's MTU, and of txFrame.
-size_t PayloadLimit(const Ostrel_ServerObj* server) {
-    constexpr size_t kPacketHeaders = sizeof(Ostrel_IPv4Header) + sizeof(Ostrel_UDPHeader);
-    const size_t mtu = l2_packet_get_mtu(server->packetFilter.l2.get());
-    return std::min(mtu - std::min(mtu, kPacketHeaders), kTransmitBufferSize - kFrameHeaderSize);
+constexpr size_t kPacketHeaders = sizeof(Ostrel_IPv4Header) + sizeof(Ostrel_UDPHeader);
+constexpr uint16_t kLeastMessageSize =
+    576;  // bytes with IP and UDP headers that every client takes (RFC 2131 section 2)
+
+// What a reply is made from.
+struct Reply {
+    const Ostrel_ServerObj* server;
+    const Ostrel_PreprocessedPacket& request;
+    const Ostrel_LeaseInformation* lease;  // null for one without an address
+    uint8_t messageType;
+    wpabuf* payload;
+    size_t limit;              // bytes of the payload
+    size_t reserved;           // of them for what comes last
+    std::bitset<256> present;  // codes of the options that it has
+};
+
+// The payload that the client, and a frame, still take: of the interface's MTU, and of txFrame.
+size_t PayloadLimit(const Ostrel_ServerObj* server, const Ostrel_OptionIndex& options) {
+    size_t packet = l2_packet_get_mtu(server->packetFilter.l2.get());
+    if (server->rules->sizeIsHeeded) {
+        uint16_t accepted = kLeastMessageSize;
+        (void)Ostrel_BOOTPPacketFindOptionAsUint16(options, kOptionMaximumMessageSize, &accepted);
+        packet = std::min<size_t>(packet, std::max(accepted, kLeastMessageSize));
+    }
+    return std::min(packet - std::min(packet, kPacketHeaders), kTransmitBufferSize - kFrameHeaderSize);
 }
 
 // The codes that the client asks for; none without the option. A list of options without an end is a failure.
@@ -35,28 +58,33 @@ Ostrel_Status ReadRequestedCodes(const Ostrel_OptionIndex& options, std::span<co
     return status == kEndingErr ? kNoErr : status;
 }
 
-Ostrel_BOOTPMessage Header(const Ostrel_BOOTPMessage& request, uint8_t messageType,
-                           const Ostrel_LeaseInformation* lease) {
-    Ostrel_BOOTPMessage reply{};
-    reply.op = kBOOTPReply;
-    reply.htype = kHardwareTypeEthernet;
-    reply.hlen = sizeof(Ostrel_MAC);
-    reply.xid = request.xid;
-    reply.flags = request.flags;
-    if (messageType == kDHCPAck) reply.ciaddr = request.ciaddr;
-    if (messageType != kDHCPNak && lease != nullptr) reply.yiaddr = lease->IPv4Address;
-    reply.giaddr = request.giaddr;
-    reply.chaddr = request.chaddr;
-    return reply;
+Ostrel_BOOTPMessage Header(const Reply& reply) {
+    const Ostrel_BOOTPMessage& request = *reply.request.dhcpPkt;
+    const bool isNak = reply.messageType == kDHCPNak;
+    Ostrel_BOOTPMessage header{};
+    header.op = kBOOTPReply;
+    header.htype = kHardwareTypeEthernet;
+    header.hlen = sizeof(Ostrel_MAC);
+    header.xid = request.xid;
+    header.flags = request.flags;
+    if (isNak && request.giaddr != kAnyIPv4 && reply.server->rules->relayIsHeeded)
+        header.flags |= htobe16(kBOOTPFlagBroadcast);
+    if (reply.messageType == kDHCPAck) header.ciaddr = request.ciaddr;
+    if (!isNak && reply.lease != nullptr) header.yiaddr = reply.lease->IPv4Address;
+    header.giaddr = request.giaddr;
+    header.chaddr = request.chaddr;
+    return header;
 }
 
-// RFC 2131 section 4.1, by the first rule that applies; a relay, too, is answered on the client's port.
-Ostrel_IPv4 DestinationOf(const Ostrel_BOOTPMessage& reply, uint8_t messageType) {
-    if (reply.giaddr != kAnyIPv4) return reply.giaddr;
-    if (messageType == kDHCPNak) return kBroadcastIPv4;
-    if (reply.ciaddr != kAnyIPv4) return reply.ciaddr;
-    if ((be16toh(reply.flags) & kBOOTPFlagBroadcast) != 0) return kBroadcastIPv4;
-    return reply.yiaddr;
+// RFC 2131 section 4.1, by the first rule that applies. What answers an INFORM has no lease, and goes straight to its
+// host (section 4.3.5).
+Ostrel_IPv4 DestinationOf(const Ostrel_BOOTPMessage& header, const Reply& reply) {
+    const bool isToInform = reply.messageType == kDHCPAck && reply.lease == nullptr;
+    if (header.giaddr != kAnyIPv4 && !isToInform) return header.giaddr;
+    if (reply.messageType == kDHCPNak) return kBroadcastIPv4;
+    if (header.ciaddr != kAnyIPv4) return header.ciaddr;
+    if ((be16toh(header.flags) & kBOOTPFlagBroadcast) != 0) return kBroadcastIPv4;
+    return header.yiaddr;
 }
 
 void LogDestination(const Ostrel_ServerObj* server, const Ostrel_BOOTPMessage& reply, uint8_t messageType,
@@ -98,50 +126,117 @@ bool FindParameter(const Ostrel_ServerObj* server, uint8_t code, std::span<const
     }
 }
 
-Ostrel_Status AppendRequested(wpabuf* payload, const Ostrel_ServerObj* server, std::span<const uint8_t> codes) {
-    const size_t limit = PayloadLimit(server);
+Ostrel_Status Append(Reply& reply, uint8_t code, std::span<const uint8_t> data) {
+    reply.present.set(code);
+    OSTREL_REQUIRE_NOERR(Ostrel_BOOTPPacketAppendOption(reply.payload, code, data));
+    return kNoErr;
+}
+
+// Leaves an option out that doesn't fit whole.
+Ostrel_Status AppendIfItFits(Reply& reply, uint8_t code, std::span<const uint8_t> data) {
+    if (wpabuf_len(reply.payload) + kOptionHeader + data.size() + reply.reserved > reply.limit) return kNoErr;
+    return Append(reply, code, data);
+}
+
+Ostrel_Status AppendNumber(Reply& reply, uint8_t code, uint32_t value) {
+    const uint32_t number = htobe32(value);
+    return Append(reply, code, Ostrel_BytesOf(number));
+}
+
+// RFC 2131 section 4.4.5: T1 is half of the lease, T2 seven eighths.
+Ostrel_Status AppendTimes(Reply& reply) {
+    const uint32_t leaseTime = reply.server->leaseTime;
+    OSTREL_REQUIRE_NOERR(AppendNumber(reply, kOptionLeaseTime, leaseTime));
+    if (!reply.server->rules->timersAreSent) return kNoErr;
+    OSTREL_REQUIRE_NOERR(AppendNumber(reply, kOptionRenewalTime, leaseTime / 2));
+    return AppendNumber(reply, kOptionRebindingTime, static_cast<uint32_t>(uint64_t{leaseTime} * 7 / 8));
+}
+
+Ostrel_Status AppendRequested(Reply& reply, std::span<const uint8_t> codes) {
+    const Ostrel_ServerRules& rules = *reply.server->rules;
     for (const uint8_t code : codes) {
         std::span<const uint8_t> data;
-        if (!FindParameter(server, code, &data)) continue;
-        if (wpabuf_len(payload) + kOptionHeader + data.size() + kEndOptionSize > limit) continue;
-        OSTREL_REQUIRE_NOERR(Ostrel_BOOTPPacketAppendOption(payload, code, data));
+        if (!FindParameter(reply.server, code, &data)) continue;
+        if (data.empty() && !rules.emptyIsSent) continue;
+        if (reply.present[code] && !rules.repeatsAreAnswered) continue;
+        OSTREL_REQUIRE_NOERR(AppendIfItFits(reply, code, data));
     }
     return kNoErr;
 }
 
-Ostrel_Status AppendOptions(wpabuf* payload, const Ostrel_ServerObj* server, uint8_t messageType,
-                            std::span<const uint8_t> codes) {
-    const uint32_t leaseTime = htobe32(server->leaseTime);
-    OSTREL_REQUIRE_NOERR(Ostrel_BOOTPPacketAppendOption(payload, kOptionMessageType, Ostrel_BytesOf(messageType)));
-    OSTREL_REQUIRE_NOERR(
-        Ostrel_BOOTPPacketAppendOption(payload, kOptionServerIdentifier, Ostrel_BytesOf(server->IPv4Address)));
-    if (messageType != kDHCPNak) {
-        OSTREL_REQUIRE_NOERR(Ostrel_BOOTPPacketAppendOption(payload, kOptionLeaseTime, Ostrel_BytesOf(leaseTime)));
-    }
-    OSTREL_REQUIRE_NOERR(AppendRequested(payload, server, codes));
-    OSTREL_REQUIRE_NOERR(Ostrel_BOOTPPacketAppendOption(payload, kOptionEnd, {}));
+// An option of the request, which comes back as it is; null when the rules don't have it, or the request hasn't.
+std::span<const uint8_t> Echoed(const Reply& reply, bool isEchoed, uint8_t code) {
+    std::span<const uint8_t> data;
+    if (isEchoed) (void)Ostrel_BOOTPPacketFindOptionAsString(Ostrel_OptionsOf(reply.request), code, &data);
+    return data;
+}
+
+Ostrel_Status AppendOptions(Reply& reply, std::span<const uint8_t> codes) {
+    const Ostrel_ServerRules& rules = *reply.server->rules;
+    const bool hasTimes = reply.messageType != kDHCPNak && reply.lease != nullptr;
+    OSTREL_REQUIRE_NOERR(Append(reply, kOptionMessageType, Ostrel_BytesOf(reply.messageType)));
+    OSTREL_REQUIRE_NOERR(Append(reply, kOptionServerIdentifier, Ostrel_BytesOf(reply.server->IPv4Address)));
+    if (hasTimes) OSTREL_REQUIRE_NOERR(AppendTimes(reply));
+    const auto identifier = Echoed(reply, rules.identifierIsEchoed, kOptionClientIdentifier);
+    if (!identifier.empty()) OSTREL_REQUIRE_NOERR(AppendIfItFits(reply, kOptionClientIdentifier, identifier));
+    if (reply.messageType == kDHCPNak && !rules.refusalHasOptions) return kNoErr;
+    return AppendRequested(reply, codes);
+}
+
+// The relay's own option, the end, and what makes the message long enough.
+Ostrel_Status AppendLast(Reply& reply, std::span<const uint8_t> relayOption) {
+    if (relayOption.data() != nullptr)
+        OSTREL_REQUIRE_NOERR(Ostrel_BOOTPPacketAppendOption(reply.payload, kOptionRelayAgent, relayOption));
+    OSTREL_REQUIRE_NOERR(Ostrel_BOOTPPacketAppendOption(reply.payload, kOptionEnd, {}));
+    const size_t length = wpabuf_len(reply.payload);
+    if (length >= reply.server->rules->paddedTo) return kNoErr;
+    const std::span<uint8_t> padding = wpabuf_put(reply.payload, reply.server->rules->paddedTo - length);
+    OSTREL_REQUIRE(!padding.empty(), "wpabuf_put", kTooLongErr);
+    std::fill(padding.begin(), padding.end(), kOptionPad);
     return kNoErr;
+}
+
+// A relay listens elsewhere than a client, and a broadcast is for all hosts of the link; or else a reply goes back
+// where its request came from.
+Ostrel_Status Send(const Reply& reply, Ostrel_IPv4 destination) {
+    const Ostrel_ServerObj* const server = reply.server;
+    const bool isToRelay = destination != kAnyIPv4 && destination == reply.request.dhcpPkt->giaddr;
+    const bool isToAll = destination == kBroadcastIPv4 && server->rules->broadcastsOnLink;
+    return Ostrel_SendPacket(server->iface, &server->packetFilter,
+                             isToAll ? kBroadcastMAC : Ostrel_MAC{reply.request.ethHdr->src}, server->IPv4Address,
+                             kBOOTPServerPort, destination, isToRelay ? server->rules->relayPort : kBOOTPClientPort,
+                             wpabuf_bytes(reply.payload));
 }
 
 }  // namespace
 
 Ostrel_Status Ostrel_DHCPServerSend_BOOTPReply(Ostrel_ServerObj* server, uint8_t messageType,
-                                               const Ostrel_MAC& destinationMAC,
                                                const Ostrel_PreprocessedPacket& request,
                                                const Ostrel_LeaseInformation* lease) {
-    wpabuf* const payload = server->iface->txPayload;
-    wpabuf_reset(payload);
+    const Ostrel_OptionIndex& options = Ostrel_OptionsOf(request);
+    Reply reply{.server = server,
+                .request = request,
+                .lease = lease,
+                .messageType = messageType,
+                .payload = server->iface->txPayload,
+                .limit = PayloadLimit(server, options),
+                .reserved = kEndOptionSize,
+                .present = {}};
+    wpabuf_reset(reply.payload);
     std::span<const uint8_t> codes;
-    OSTREL_REQUIRE_NOERR(ReadRequestedCodes(Ostrel_OptionsOf(request), &codes));
+    OSTREL_REQUIRE_NOERR(ReadRequestedCodes(options, &codes));
 
-    const Ostrel_BOOTPMessage reply = Header(*request.dhcpPkt, messageType, lease);
-    const Ostrel_IPv4 destination = DestinationOf(reply, messageType);
-    LogDestination(server, reply, messageType, destination);
+    const Ostrel_BOOTPMessage header = Header(reply);
+    const Ostrel_IPv4 destination = DestinationOf(header, reply);
+    LogDestination(server, header, messageType, destination);
 
-    const bool begun = wpabuf_put_data(payload, Ostrel_BytesOf(reply)) && wpabuf_put_data(payload, kOptionsCookie);
+    const auto relayOption = Echoed(reply, server->rules->relayIsEchoed, kOptionRelayAgent);
+    if (relayOption.data() != nullptr) reply.reserved += kOptionHeader + relayOption.size();
+    const bool begun =
+        wpabuf_put_data(reply.payload, Ostrel_BytesOf(header)) && wpabuf_put_data(reply.payload, kOptionsCookie);
     OSTREL_REQUIRE(begun, "wpabuf_put_data", kTooLongErr);
-    OSTREL_REQUIRE_NOERR(AppendOptions(payload, server, messageType, codes));
-    OSTREL_REQUIRE_NOERR(Ostrel_SendPacket(server->iface, &server->packetFilter, destinationMAC, server->IPv4Address,
-                                           kBOOTPServerPort, destination, kBOOTPClientPort, wpabuf_bytes(payload)));
+    OSTREL_REQUIRE_NOERR(AppendOptions(reply, codes));
+    OSTREL_REQUIRE_NOERR(AppendLast(reply, relayOption));
+    OSTREL_REQUIRE_NOERR(Send(reply, destination));
     return kNoErr;
 }

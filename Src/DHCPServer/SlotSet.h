@@ -56,10 +56,11 @@ inline void SlotSetErase(SlotSet& set, uint32_t slot) {
     return slot;
 }
 
-// The lowest number from `from` on that is not a member, or kNoSlot. Walks the bitmap, 64 slots at a step.
-[[nodiscard]] inline uint32_t SlotSetLowestAbsent(const SlotSet& set, uint32_t from) {
+// The lowest number from `from` on that is a member of neither set, both of one size, or kNoSlot. Walks the bitmaps, 64
+// slots at a step.
+[[nodiscard]] inline uint32_t SlotSetLowestAbsent(const SlotSet& set, const SlotSet& other, uint32_t from) {
     for (uint32_t slot = from; slot < set.slots; slot = (slot / 64 + 1) * 64) {
-        const uint64_t absent = ~set.wordsOf[0][slot / 64] >> (slot % 64);
+        const uint64_t absent = ~(set.wordsOf[0][slot / 64] | other.wordsOf[0][slot / 64]) >> (slot % 64);
         if (absent == 0) continue;
         const uint32_t found = slot + static_cast<uint32_t>(std::countr_zero(absent));
         return found < set.slots ? found : kNoSlot;
