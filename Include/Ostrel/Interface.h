@@ -21,11 +21,22 @@ struct Ostrel_SystemObj;
 
 constexpr size_t kTransmitBufferSize = 2048;  // bytes
 
+// The interface's link, where the rules have it watched.
+struct Ostrel_InterfaceLink {
+    bool isWatched;
+    bool isRunning;         // as the roles were told last; always true where nobody watches
+    bool isSettling;        // it is back, and the roles will be told when it has run for a while
+    int32_t index;          // the kernel's number of the interface, which is still that of one that was taken out
+    uint32_t settlingTime;  // milliseconds that it has to run before the roles are told
+    uint64_t runningSince;  // when they were told that it is back, in milliseconds of the monotonic clock
+};
+
 struct Ostrel_InterfaceObj {
     Ostrel_SystemObj* sysObj;   // not owned
     Ostrel_InterfaceObj* next;  // null at the tail
     std::array<char, kInterfaceNameSize> ifname;
-    Ostrel_MAC macAddr;             // read each time a filter is opened on the interface
+    Ostrel_MAC macAddr;  // read each time a filter is opened on the interface, and when it changes
+    Ostrel_InterfaceLink link;
     wpabuf* txFrame;                // every outgoing frame is assembled here; owned
     wpabuf* txPayload;              // a BOOTP message before it is framed; owned
     uint32_t mode;                  // role bits
@@ -49,6 +60,11 @@ struct Ostrel_InterfaceObj {
 // system's list and cancels the inactivity timeout. On failure nothing is left behind: kAlreadyExistsErr,
 // kOutOfMemoryErr, or the status of the filter or role that could not be started.
 [[nodiscard]] Ostrel_Status Ostrel_InterfaceInitialize(Ostrel_SystemObj* sysObj, const Ostrel_InterfaceConfig* config);
+
+// Begins to follow the interface's link, if its rules say so: the device is watched from the first such interface to
+// the last. Roles whose link does not run are told before it returns.
+void Ostrel_InterfaceWatchLink(Ostrel_InterfaceObj* iface);
+void Ostrel_InterfaceUnwatchLink(Ostrel_InterfaceObj* iface);
 
 // Tears an interface down, half-built or whole, and frees it. With a list head it is first taken off that list, and a
 // list that is then empty arms the inactivity timeout. No role sends a frame.

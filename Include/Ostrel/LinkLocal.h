@@ -35,7 +35,8 @@ struct Ostrel_LinkLocalObj {
 
 // Life. Initialize stores the object in the interface's linkLocal and leaves it idle; Finalize ignores null and does
 // not clear the slot.
-[[nodiscard]] Ostrel_Status Ostrel_LinkLocalInitialize(Ostrel_InterfaceObj* iface);
+[[nodiscard]] Ostrel_Status Ostrel_LinkLocalInitialize(Ostrel_InterfaceObj* iface,
+                                                       const Ostrel_InterfaceConfig* config);
 void Ostrel_LinkLocalFinalize(Ostrel_LinkLocalObj* linkLocal);
 
 // "init", "renew" and "rebind" select a new address on the next pass of the loop; "halt" stops the timeouts.
@@ -46,6 +47,8 @@ void Ostrel_LinkLocalFinalize(Ostrel_LinkLocalObj* linkLocal);
 void Ostrel_LinkLocalARPPacketHandler(Ostrel_LinkLocalObj* linkLocal, const Ostrel_EthernetHeader* frame,
                                       const Ostrel_ARPHeader* arpHeader, const Ostrel_ARPAddresses* addresses);
 
-// The interface has lost its link, or has it back; and the client of the interface holds a lease, or not any more.
+// The interface has lost its link, or has it back; the client of the interface holds a lease, or not any more; and the
+// device was suspended and is awake again.
 void Ostrel_LinkLocalLinkChanged(Ostrel_LinkLocalObj* linkLocal, bool isRunning);
 void Ostrel_LinkLocalLeaseChanged(Ostrel_LinkLocalObj* linkLocal, bool isHeld);
+void Ostrel_LinkLocalWokeUp(Ostrel_LinkLocalObj* linkLocal);

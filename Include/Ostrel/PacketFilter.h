@@ -21,10 +21,8 @@ struct Ostrel_PacketFilter {
     std::unique_ptr<l2_packet_data, Ostrel_L2Closer> l2;  // null when not open
     os_array<l2_filter_instruction> bpf;                  // the program's copy; null when not open
     uint32_t bpfLength;                                   // bytes in it: 8 for each instruction
+    l2_packet_callback callback;                          // called with the interface for each frame that passes it
 };
-
-// Called for each frame that passes the program: the interface, the source address (6 bytes), the frame.
-using Ostrel_PacketCallback = l2_packet_callback;
 
 constexpr size_t kBPFDestinationPortInstruction = 8;  // of gBPF_DHCP
 
@@ -36,7 +34,11 @@ extern std::array<l2_filter_instruction, 11> gBPF_DHCP;       // UDP to one port
 // refuses the program. After a failure the record keeps what was opened; its owner finalises it in any case.
 [[nodiscard]] Ostrel_Status Ostrel_PacketFilterInitialize(Ostrel_InterfaceObj* iface, Ostrel_PacketFilter* filter,
                                                           std::span<const l2_filter_instruction> program,
-                                                          Ostrel_PacketCallback callback, int32_t logLevel);
+                                                          l2_packet_callback callback, int32_t logLevel);
+
+// Opens the filter's socket anew, on the interface that has its name now. After a failure, as above, the filter is what
+// it was. One that is not open stays so.
+[[nodiscard]] Ostrel_Status Ostrel_PacketFilterReopen(Ostrel_InterfaceObj* iface, Ostrel_PacketFilter* filter);
 
 // Closes the socket and frees the program at once, as the record's end does. Harmless on a record never opened or
 // already finalised.
@@ -44,8 +46,7 @@ void Ostrel_PacketFilterFinalize(Ostrel_PacketFilter* filter);
 
 // Opens a filter for UDP to `destinationPort` (host order), as Ostrel_PacketFilterInitialize does.
 [[nodiscard]] Ostrel_Status Ostrel_BOOTPPacketFilterInitialize(Ostrel_InterfaceObj* iface, Ostrel_PacketFilter* filter,
-                                                               uint16_t destinationPort,
-                                                               Ostrel_PacketCallback callback);
+                                                               uint16_t destinationPort, l2_packet_callback callback);
 
 // Sends what the interface's txFrame holds through the filter's socket. True only when fewer bytes went out than it
 // has: a frame that the link layer refuses with an error counts as sent, and is lost as it could be lost on the wire.

@@ -16,5 +16,5 @@ struct Ostrel_SystemObj;
 [[nodiscard]] Ostrel_Status Ostrel_VoroServicePublishServerLeaseInformation(Ostrel_SystemObj* sysObj,
                                                                             Ostrel_ServerObj* server);
 
-// The client holds a lease from now on, its address checked, or does not any more.
+// The client holds a lease from now on, its address checked, or does not any more. Saying it twice is harmless.
 void Ostrel_InterfaceLeaseChanged(Ostrel_InterfaceObj* iface, bool isHeld);

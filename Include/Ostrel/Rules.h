@@ -46,8 +46,14 @@ struct Ostrel_ServerRules {
     bool broadcastsOnLink;    // a broadcast is one to the link as well (RFC 1122 section 3.3.6)
 };
 
+struct Ostrel_InterfaceRules {
+    bool linkIsWatched;  // the roles are told when the link is lost and back, and when the device wakes up; a new MAC
+                         // address or name is noticed, and an interface that is taken out and put back goes on
+};
+
 struct Ostrel_Rules {
     const char* name;
+    Ostrel_InterfaceRules interface;
     Ostrel_ClientRules client;
     Ostrel_LinkLocalRules linkLocal;
     Ostrel_ServerRules server;
@@ -55,6 +61,7 @@ struct Ostrel_Rules {
 
 inline constexpr Ostrel_Rules kPlainRules{
     .name = "plain",
+    .interface{.linkIsWatched = false},
     .client{.randomIsSecret = false},
     .linkLocal{.randomIsSecret = false},
     .server{.knowsByIdentifier = false,
@@ -80,6 +87,7 @@ inline constexpr Ostrel_Rules kPlainRules{
 
 inline constexpr Ostrel_Rules kRFCRules{
     .name = "rfc",
+    .interface{.linkIsWatched = true},
     .client{.randomIsSecret = true},
     .linkLocal{.randomIsSecret = true},
     .server{.knowsByIdentifier = true,

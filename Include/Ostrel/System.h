@@ -21,6 +21,7 @@ struct Ostrel_SystemObj {
     VSHandle* serviceHandle;             // set by Ostrel_VoroServiceInitialize; owned
     Ostrel_WallClock wallClock;          // lease times are shown by it
     Ostrel_Status failure;               // for which the loop was ended; kNoErr otherwise
+    uint32_t numWatchedLinks;            // interfaces that follow their link
     Ostrel_LeaseTexts* leaseTexts;       // the bus area's; Ostrel_VoroServiceFinalize frees them
 };
 

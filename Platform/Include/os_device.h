@@ -10,10 +10,12 @@ struct os_link {
     bool isRunning;  // it is up and has carrier
     int32_t index;   // the kernel's number, which changes when an interface is taken out and put back, not by renaming
     std::array<uint8_t, 6> address;
+    std::array<char, 17> name;  // NUL-terminated
 };
 
-// The link as it is now. A name that no interface has is no failure.
+// The link as it is now, by name or by number. One that no interface has is no failure.
 [[nodiscard]] os_link os_link_of(const char* ifname) noexcept;
+[[nodiscard]] os_link os_link_at(int32_t index) noexcept;
 
 // Whether an Ethernet address is that of one of the device's own interfaces, whatever its state. Asks the kernel each
 // time, so it is for rare moments.

@@ -37,6 +37,7 @@ struct OwnedFd {
 };
 
 bool ReadLink(int fd, ifreq request, os_link& link) noexcept {
+    std::copy_n(request.ifr_name, IFNAMSIZ, link.name.begin());
     if (ioctl(fd, SIOCGIFINDEX, &request) < 0) return false;
     link.index = request.ifr_ifindex;
     if (ioctl(fd, SIOCGIFHWADDR, &request) < 0) return false;
@@ -66,6 +67,13 @@ bool BindTo(int fd, std::string_view ifname, uint16_t port) noexcept {
 }
 
 }  // namespace
+
+os_link os_link_at(int32_t index) noexcept {
+    std::array<char, IFNAMSIZ> name{};
+    if (index <= 0 || if_indextoname(static_cast<unsigned int>(index), name.data()) == nullptr) return {};
+    const os_link link = os_link_of(name.data());
+    return link.index == index ? link : os_link{};
+}
 
 os_link os_link_of(const char* ifname) noexcept {
     const std::string_view name(ifname);

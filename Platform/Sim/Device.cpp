@@ -84,7 +84,16 @@ using sim::World;
 os_link os_link_of(const char* ifname) noexcept {
     const sim::Interface* const interface = World::Get().Internals().FindInterface(ifname);
     if (interface == nullptr) return {};
-    return {.isThere = true, .isRunning = interface->up, .index = interface->index, .address = interface->mac};
+    os_link link{
+        .isThere = true, .isRunning = interface->up, .index = interface->index, .address = interface->mac, .name = {}};
+    interface->name.copy(link.name.data(), link.name.size() - 1);
+    return link;
+}
+
+os_link os_link_at(int32_t index) noexcept {
+    for (const auto& interface : World::Get().Internals().interfaces)
+        if (interface->index == index) return os_link_of(interface->name.c_str());
+    return {};
 }
 
 bool os_is_own_address(const std::array<uint8_t, 6>& address) noexcept {

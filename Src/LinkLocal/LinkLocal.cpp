@@ -186,7 +186,7 @@ const char* Ostrel_LinkLocalStateString(Ostrel_LinkLocalState state) {
     return "UNKNOWN";
 }
 
-Ostrel_Status Ostrel_LinkLocalInitialize(Ostrel_InterfaceObj* iface) {
+Ostrel_Status Ostrel_LinkLocalInitialize(Ostrel_InterfaceObj* iface, const Ostrel_InterfaceConfig*) {
     auto* linkLocal = os_new<Ostrel_LinkLocalObj>();
     OSTREL_REQUIRE(linkLocal != nullptr, "linkLocal", kOutOfMemoryErr);
     linkLocal->iface = iface;
@@ -230,3 +230,9 @@ void Ostrel_LinkLocalARPPacketHandler(Ostrel_LinkLocalObj* linkLocal, const Ostr
     Ostrel_LinkLocalCalculateProbeInterval(linkLocal);
     Arm(linkLocal, kInit, linkLocal->probeInterval);
 }
+
+void Ostrel_LinkLocalLinkChanged(Ostrel_LinkLocalObj*, bool) {}
+
+void Ostrel_LinkLocalLeaseChanged(Ostrel_LinkLocalObj*, bool) {}
+
+void Ostrel_LinkLocalWokeUp(Ostrel_LinkLocalObj*) {}

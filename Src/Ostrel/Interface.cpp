@@ -33,7 +33,7 @@ Ostrel_Status StartRoles(Ostrel_InterfaceObj* iface, const Ostrel_InterfaceConfi
     const auto runs = [iface](uint32_t role) { return (iface->mode & role) != 0; };
     Ostrel_Status status = Ostrel_ARPPacketFilterInitialize(iface, &iface->arpFilter);
     if (status == kNoErr && runs(kOstrelModeDHCPClient)) status = Ostrel_DHCPClientInitialize(iface, config);
-    if (status == kNoErr && runs(kOstrelModeLinkLocal)) status = Ostrel_LinkLocalInitialize(iface);
+    if (status == kNoErr && runs(kOstrelModeLinkLocal)) status = Ostrel_LinkLocalInitialize(iface, config);
     if (status == kNoErr && runs(kOstrelModeDHCPServer)) status = Ostrel_DHCPServerInitialize(iface, config);
     return status;
 }
@@ -86,11 +86,13 @@ Ostrel_Status Ostrel_InterfaceInitialize(Ostrel_SystemObj* sysObj, const Ostrel_
     iface->mode = config->mode;
     iface->rules = Ostrel_RulesOf(*config);
     iface->rfc = config->rfc;
+    iface->link.isRunning = true;
 
     OSTREL_REQUIRE_NOERR(StartRoles(iface.get(), config));
     DebugPrintF(kDebugLevelNotice, "Adding %p to the interface list, for interface %s <%.6a>\n", iface.get(),
                 iface->ifname.data(), iface->macAddr);
     *tail = iface.release();
+    Ostrel_InterfaceWatchLink(*tail);
     eloop_cancel_timeout(Ostrel_InactivityTimeout, nullptr, nullptr);
     DebugPrintF(kDebugLevelNotice, "%s() Cancel Inactivity Timer\n", __func__);
     return kNoErr;
@@ -106,6 +108,7 @@ void Ostrel_InterfaceFinalize(Ostrel_InterfaceObj** listHead, Ostrel_InterfaceOb
         DebugPrintF(kDebugLevelChatty, "### After Remove Interface From List <%s>; new head <%p>\n", ifname, *listHead);
     }
 
+    Ostrel_InterfaceUnwatchLink(iface);
     wpabuf_free(iface->txFrame);
     wpabuf_free(iface->txPayload);
     Ostrel_DHCPServerFinalize(iface->dhcpServer);
@@ -118,5 +121,7 @@ void Ostrel_InterfaceFinalize(Ostrel_InterfaceObj** listHead, Ostrel_InterfaceOb
 }
 
 void Ostrel_InterfaceLeaseChanged(Ostrel_InterfaceObj* iface, bool isHeld) {
+    if (iface->leaseIsHeld == isHeld) return;
     iface->leaseIsHeld = isHeld;
+    if (iface->linkLocal != nullptr) Ostrel_LinkLocalLeaseChanged(iface->linkLocal, isHeld);
 }

@@ -3,6 +3,8 @@
 // A role is woken only for frames that concern it: everything else is dropped before it costs the process anything.
 #include "Ostrel/PacketFilter.h"
 
+#include <utility>
+
 #include "Ostrel/Check.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/Log.h"
@@ -57,8 +59,9 @@ std::array<l2_filter_instruction, 11> gBPF_DHCP{{
 }};
 
 Ostrel_Status Ostrel_PacketFilterInitialize(Ostrel_InterfaceObj* iface, Ostrel_PacketFilter* filter,
-                                            std::span<const l2_filter_instruction> program,
-                                            Ostrel_PacketCallback callback, int32_t logLevel) {
+                                            std::span<const l2_filter_instruction> program, l2_packet_callback callback,
+                                            int32_t logLevel) {
+    filter->callback = callback;
     filter->l2.reset(
         l2_packet_init(iface->ifname.data(), nullptr, kAllEtherTypes, callback, iface, kWithLinkLayerHeader));
     OSTREL_REQUIRE(filter->l2 != nullptr, "inPacketFilter->l2", kOutOfMemoryErr);
@@ -76,12 +79,21 @@ Ostrel_Status Ostrel_PacketFilterInitialize(Ostrel_InterfaceObj* iface, Ostrel_P
     return kNoErr;
 }
 
+Ostrel_Status Ostrel_PacketFilterReopen(Ostrel_InterfaceObj* iface, Ostrel_PacketFilter* filter) {
+    if (filter->l2 == nullptr) return kNoErr;
+    Ostrel_PacketFilter anew{};
+    const std::span program(filter->bpf.get(), filter->bpfLength / sizeof(l2_filter_instruction));
+    OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterInitialize(iface, &anew, program, filter->callback, kDebugLevelInfo));
+    *filter = std::move(anew);
+    return kNoErr;
+}
+
 void Ostrel_PacketFilterFinalize(Ostrel_PacketFilter* filter) {
     *filter = {};
 }
 
 Ostrel_Status Ostrel_BOOTPPacketFilterInitialize(Ostrel_InterfaceObj* iface, Ostrel_PacketFilter* filter,
-                                                 uint16_t destinationPort, Ostrel_PacketCallback callback) {
+                                                 uint16_t destinationPort, l2_packet_callback callback) {
     gBPF_DHCP[kBPFDestinationPortInstruction].k = destinationPort;
     OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterInitialize(iface, filter, gBPF_DHCP, callback, kDebugLevelChatty));
     return kNoErr;

@@ -98,6 +98,8 @@ TEST_F(OsDevice, TellsOfLinksThatChangeAndWhatTheyAre) {
     const int32_t index = os_link_of("here").index;
     Shell("ip link set here name anew");
     EXPECT_TRUE(Until("anew", [index](const os_link& link) { return link.index == index; }));
+    EXPECT_STREQ(os_link_at(index).name.data(), "anew");
+    EXPECT_FALSE(os_link_at(before.index).isThere);
 
     os_unwatch_device();
     told.clear();

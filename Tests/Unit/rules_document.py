@@ -5,7 +5,7 @@ import re
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-ROLES = {"client": "Client", "linkLocal": "Link-local", "server": "Server"}
+ROLES = {"interface": "Interface", "client": "Client", "linkLocal": "Link-local", "server": "Server"}
 
 
 def without_comments(text):

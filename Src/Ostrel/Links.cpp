@@ -1,0 +1,184 @@
+// Interfaces whose rules have their link watched: what the device tells of it goes to their roles.
+//
+// News only say that something has changed; what the link is now is asked for. A link that is lost is told at once, so
+// that no role sends into the void. One that is back is told when it has run for a while: a plug bounces, and each
+// return makes a client ask for its lease. A link that flaps has to run longer each time.
+//
+// A new Ethernet address is to the network a new host: the roles are told that the link was lost and is back. So they
+// are when an interface was taken out of the device and another of its name was put in, whose sockets are then opened
+// anew. An interface that gets another name keeps its roles, and goes by the new name on the bus as well: that is how
+// whoever sets addresses has to call it.
+#include <algorithm>
+#include <cstring>
+#include <string_view>
+
+#include "Ostrel/Check.h"
+#include "Ostrel/DHCPClient.h"
+#include "Ostrel/DHCPServer.h"
+#include "Ostrel/Interface.h"
+#include "Ostrel/LinkLocal.h"
+#include "Ostrel/Log.h"
+#include "Ostrel/Publish.h"
+#include "Ostrel/System.h"
+#include "Ostrel/Timeout.h"
+
+#include "os_device.h"
+#include "os_time.h"
+
+namespace {
+
+constexpr uint32_t kShortestSettling = 250;  // milliseconds: the bounces of a plug, and little of a second
+constexpr uint32_t kLongestSettling = 8000;  // of a link that flaps
+constexpr uint64_t kSteady = 10'000;         // one that ran so long does not flap
+
+void Ostrel_LinkTimeout_Settled(void* iface, void*);
+
+constexpr Ostrel_TimeoutKind kSettlingTimeout{Ostrel_LinkTimeout_Settled, "[Link] SETTLED ", false, kShortestSettling,
+                                              kLongestSettling};
+
+void TellRoles(Ostrel_InterfaceObj* iface, bool isRunning) {
+    iface->link.isRunning = isRunning;
+    DebugPrintF(kDebugLevelNotice, "[%s] The link is %s.\n", iface->ifname.data(), isRunning ? "there" : "lost");
+    if (iface->dhcpClient != nullptr) Ostrel_DHCPClientLinkChanged(iface->dhcpClient, isRunning);
+    if (iface->linkLocal != nullptr) Ostrel_LinkLocalLinkChanged(iface->linkLocal, isRunning);
+}
+
+void NoteLost(Ostrel_InterfaceObj* iface) {
+    Ostrel_InterfaceLink& link = iface->link;
+    if (link.isSettling) Ostrel_DisarmTimeout(iface, iface, kSettlingTimeout);
+    link.isSettling = false;
+    if (!link.isRunning) return;
+    const bool wasSteady = os_monotonic_milliseconds() - link.runningSince >= kSteady;
+    link.settlingTime = wasSteady ? kShortestSettling : std::min(2 * link.settlingTime, kLongestSettling);
+    TellRoles(iface, false);
+}
+
+void NoteRunning(Ostrel_InterfaceObj* iface) {
+    Ostrel_InterfaceLink& link = iface->link;
+    if (link.isRunning || link.isSettling) return;
+    link.isSettling = true;
+    Ostrel_RearmTimeout(iface, iface, kSettlingTimeout, link.settlingTime);
+}
+
+void Ostrel_LinkTimeout_Settled(void* context, void*) {
+    auto* iface = static_cast<Ostrel_InterfaceObj*>(context);
+    iface->link.isSettling = false;
+    iface->link.runningSince = os_monotonic_milliseconds();
+    TellRoles(iface, true);
+}
+
+// All sockets of the interface, on the one that has its name now.
+Ostrel_Status ReopenSockets(Ostrel_InterfaceObj* iface) {
+    OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterReopen(iface, &iface->arpFilter));
+    if (iface->dhcpClient != nullptr)
+        OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterReopen(iface, &iface->dhcpClient->packetFilter));
+    if (iface->dhcpServer != nullptr)
+        OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterReopen(iface, &iface->dhcpServer->packetFilter));
+    return kNoErr;
+}
+
+// An interface of this name was put into the device. Sockets that cannot be had yet are opened with the next news.
+bool TakeIn(Ostrel_InterfaceObj* iface, int32_t index) {
+    NoteLost(iface);
+    if (ReopenSockets(iface) != kNoErr) return false;
+    DebugPrintF(kDebugLevelNotice, "[%s] The interface was put back, as number %d.\n", iface->ifname.data(), index);
+    iface->link.index = index;
+    return true;
+}
+
+void NoteAddress(Ostrel_InterfaceObj* iface, const Ostrel_MAC& address) {
+    if (address == iface->macAddr) return;
+    DebugPrintF(kDebugLevelNotice, "[%s] The Ethernet address was <%.6a>, and is <%.6a>.\n", iface->ifname.data(),
+                iface->macAddr, address);
+    NoteLost(iface);
+    iface->macAddr = address;
+}
+
+// False when the interface cannot go by that name: another one that is managed does.
+bool Rename(Ostrel_InterfaceObj* iface, const char* ifname) {
+    Ostrel_InterfaceObj* namesake = nullptr;
+    const bool isTaken = Ostrel_InterfaceFindByName(ifname, &iface->sysObj->interfaceList, &namesake) == kNoErr;
+    if (isTaken && !(namesake->link.isWatched && os_link_at(namesake->link.index).isThere)) {
+        DebugPrintF(kDebugLevelWarning, "[%s] The interface is called %s now, as another one was before it.\n",
+                    iface->ifname.data(), ifname);
+        return false;
+    }
+    DebugPrintF(kDebugLevelNotice, "[%s] The interface is called %s now.\n", iface->ifname.data(), ifname);
+    iface->ifname = {};
+    std::copy_n(ifname, std::min(std::strlen(ifname), kInterfaceNameSize - 1), iface->ifname.begin());
+    return true;
+}
+
+// The interface that has its name, unless that is managed under another one.
+os_link Namesake(const Ostrel_InterfaceObj* iface) {
+    const os_link link = os_link_of(iface->ifname.data());
+    for (const auto* other = iface->sysObj->interfaceList; other != nullptr; other = other->next)
+        if (other != iface && other->link.isWatched && other->link.index == link.index) return {};
+    return link;
+}
+
+// The interface by its number, whatever it is called now; where that is gone, another one that has its name.
+os_link FindLink(Ostrel_InterfaceObj* iface, bool* wasRenamed) {
+    const os_link link = os_link_at(iface->link.index);
+    if (!link.isThere) return Namesake(iface);
+    if (std::strcmp(link.name.data(), iface->ifname.data()) == 0) return link;
+    *wasRenamed = Rename(iface, link.name.data());
+    return *wasRenamed ? link : os_link{};
+}
+
+void LookAt(Ostrel_InterfaceObj* iface) {
+    bool wasRenamed = false;
+    const os_link now = FindLink(iface, &wasRenamed);
+    if (wasRenamed && iface->dhcpClient != nullptr)
+        (void)Ostrel_VoroServicePublishClientLeaseInformation(iface->sysObj, iface->dhcpClient);
+    if (now.isThere && now.index != iface->link.index && !TakeIn(iface, now.index)) return;
+    if (now.isThere) NoteAddress(iface, now.address);
+    if (now.isRunning)
+        NoteRunning(iface);
+    else
+        NoteLost(iface);
+}
+
+// Index 0: it may be any link. One that is gone keeps its number until another has its name.
+void LinkChanged(void* context, int32_t index, const char* ifname) {
+    const auto* sysObj = static_cast<const Ostrel_SystemObj*>(context);
+    for (Ostrel_InterfaceObj* iface = sysObj->interfaceList; iface != nullptr; iface = iface->next) {
+        if (!iface->link.isWatched) continue;
+        const bool concernsIt =
+            index == 0 || index == iface->link.index || std::string_view(ifname) == iface->ifname.data();
+        if (concernsIt) LookAt(iface);
+    }
+}
+
+void WokeUp(void* context) {
+    const auto* sysObj = static_cast<const Ostrel_SystemObj*>(context);
+    for (const Ostrel_InterfaceObj* iface = sysObj->interfaceList; iface != nullptr; iface = iface->next) {
+        if (!iface->link.isWatched) continue;
+        DebugPrintF(kDebugLevelNotice, "[%s] The device was suspended, and is awake again.\n", iface->ifname.data());
+        if (iface->dhcpClient != nullptr) Ostrel_DHCPClientWokeUp(iface->dhcpClient);
+        if (iface->linkLocal != nullptr) Ostrel_LinkLocalWokeUp(iface->linkLocal);
+    }
+}
+
+}  // namespace
+
+void Ostrel_InterfaceWatchLink(Ostrel_InterfaceObj* iface) {
+    if (!iface->rules->interface.linkIsWatched) return;
+    const os_link now = os_link_of(iface->ifname.data());
+    iface->link = {.isWatched = true,
+                   .isRunning = true,
+                   .isSettling = false,
+                   .index = now.index,
+                   .settlingTime = kShortestSettling,
+                   .runningSince = 0};
+    // What cannot be watched is in the log, and the roles go on as without it.
+    if (iface->sysObj->numWatchedLinks++ == 0) (void)os_watch_device({LinkChanged, WokeUp, iface->sysObj});
+    if (!now.isRunning) TellRoles(iface, false);
+}
+
+void Ostrel_InterfaceUnwatchLink(Ostrel_InterfaceObj* iface) {
+    if (!iface->link.isWatched) return;
+    iface->link.isWatched = false;
+    Ostrel_DisarmTimeout(iface, iface, kSettlingTimeout);
+    if (--iface->sysObj->numWatchedLinks == 0) os_unwatch_device();
+}
