@@ -3,7 +3,6 @@
 
 #include <array>
 #include <cstdint>
-#include <optional>
 #include <string_view>
 
 #include "Ostrel/Address.h"
@@ -41,7 +40,7 @@ struct Ostrel_InterfaceObj {
     wpabuf* txPayload;              // a BOOTP message before it is framed; owned
     uint32_t mode;                  // role bits
     const Ostrel_Rules* rules;      // never null
-    std::optional<bool> rfc;        // as the caller asked
+    os_array<char> valueKeys;       // what the caller gave beside the usual keys, as JSON; null: nothing
     bool leaseIsHeld;               // by the client, its address checked
     Ostrel_PacketFilter arpFilter;  // shared by the roles
     Ostrel_ClientObj* dhcpClient;   // the roles: owned, null when not run

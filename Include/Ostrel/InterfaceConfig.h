@@ -97,6 +97,7 @@ struct Ostrel_InterfaceConfig {
     bool linkLocalFallback;                     // a link-local address only while the client has no lease
     Ostrel_ClientValues client;                 // roles may take what they keep
     Ostrel_ServerValues server;
+    os_array<char> valueKeys;  // the keys beside the usual ones as the caller gave them, a JSON object; null: none
 };
 
 // The rules that a configuration asks for.

@@ -328,6 +328,16 @@ JValue JValue::operator[](size_t index) const noexcept {
     return result;
 }
 
+size_t JValue::objectSize() const noexcept {
+    return isObject() ? ToJson(node)->size() : 0;
+}
+
+std::string_view JValue::memberName(size_t index) const noexcept {
+    if (index >= objectSize()) return "";
+    const JsonObject::Container& members = *ToJson(node)->get_ptr<const JsonObject*>();
+    return members[index].first;
+}
+
 bool JValue::put(std::string_view key, JValue value) noexcept {
     if (!isObject()) return false;
     try {

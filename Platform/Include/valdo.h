@@ -57,6 +57,9 @@ public:
     [[nodiscard]] JValue operator[](std::string_view key) const noexcept;
     [[nodiscard]] size_t arraySize() const noexcept;
     [[nodiscard]] JValue operator[](size_t index) const noexcept;
+    // How many members an object has, and the name of one of them, NUL-terminated; 0 and "" of anything else.
+    [[nodiscard]] size_t objectSize() const noexcept;
+    [[nodiscard]] std::string_view memberName(size_t index) const noexcept;
 
     // Object: stores the value under `key`, at the end, or in the place of an earlier value of that key. Array: appends
     // it. What other handles still share is copied, the last handle's value is moved. False, with nothing changed, when

@@ -38,6 +38,12 @@ Ostrel_Status StartRoles(Ostrel_InterfaceObj* iface, const Ostrel_InterfaceConfi
     return status;
 }
 
+Ostrel_Status KeepValueKeys(const Ostrel_InterfaceConfig& config, Ostrel_InterfaceObj* iface) {
+    if (config.valueKeys == nullptr) return kNoErr;
+    iface->valueKeys = os_copy_array<char>(std::string_view(config.valueKeys.get()), 1);
+    return iface->valueKeys == nullptr ? kOutOfMemoryErr : kNoErr;
+}
+
 }  // namespace
 
 Ostrel_Status Ostrel_InterfaceFindByName(std::string_view name, Ostrel_InterfaceObj* const* listHead,
@@ -85,8 +91,8 @@ Ostrel_Status Ostrel_InterfaceInitialize(Ostrel_SystemObj* sysObj, const Ostrel_
     OSTREL_REQUIRE(iface->txPayload != nullptr, "ifaceRef->txPayload", kOutOfMemoryErr);
     iface->mode = config->mode;
     iface->rules = Ostrel_RulesOf(*config);
-    iface->rfc = config->rfc;
     iface->link.isRunning = true;
+    OSTREL_REQUIRE_NOERR(KeepValueKeys(*config, iface.get()));
 
     OSTREL_REQUIRE_NOERR(StartRoles(iface.get(), config));
     DebugPrintF(kDebugLevelNotice, "Adding %p to the interface list, for interface %s <%.6a>\n", iface.get(),

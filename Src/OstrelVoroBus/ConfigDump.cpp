@@ -16,6 +16,7 @@
 #include "ConfigWords.h"
 #include "LeaseFields.h"
 #include "Method.h"
+#include "ValueKeys.h"
 
 using valdo::JValue;
 
@@ -63,7 +64,7 @@ void DumpInterface(Ostrel_SystemObj* sysObj, Ostrel_InterfaceObj* iface, JValue&
     } else {
         return;
     }
-    if (iface->rfc) object.put("rfc", *iface->rfc);
+    Ostrel_VSUtil_PutValueKeys(iface->valueKeys.get(), object);
     list.append(std::move(object));
 }
 

@@ -22,7 +22,22 @@ const OstrelJsonUtilsUint32StringTableEntry gTblConfigMode[] = {
     {0, nullptr},
 };
 
+// The order is that of the dump. A client's "sendOptions" come last: what they may not repeat has been read by then.
+// The leases that a server was given back are not its configuration.
 const Ostrel_ValueKey gTblValueKeys[] = {
-    {"rfc", kOstrelModeDHCPClient | kOstrelModeDHCPServer, Ostrel_VSUtil_ReadRFC},
-    {nullptr, 0, nullptr},
+    {"rfc", kOstrelModeDHCPClient | kOstrelModeDHCPServer, true, Ostrel_VSUtil_ReadRFC},
+    {"linkLocal", kOstrelModeDHCPClient, true, Ostrel_VSUtil_ReadLinkLocal},
+    {"hostName", kOstrelModeDHCPClient, true, Ostrel_VSUtil_ReadClientHostName},
+    {"vendorClass", kOstrelModeDHCPClient, true, Ostrel_VSUtil_ReadVendorClass},
+    {"userClass", kOstrelModeDHCPClient, true, Ostrel_VSUtil_ReadUserClass},
+    {"clientIdentifierHex", kOstrelModeDHCPClient, true, Ostrel_VSUtil_ReadClientIdentifierHex},
+    {"requestOptions", kOstrelModeDHCPClient, true, Ostrel_VSUtil_ReadRequestOptions},
+    {"sendOptions", kOstrelModeDHCPClient, true, Ostrel_VSUtil_ReadSendOptions},
+    {"broadcast", kOstrelModeDHCPClient, true, Ostrel_VSUtil_ReadBroadcast},
+    {"arpCheck", kOstrelModeDHCPClient, true, Ostrel_VSUtil_ReadARPCheck},
+    {"fixed", kOstrelModeDHCPServer, true, Ostrel_VSUtil_ReadFixed},
+    {"options", kOstrelModeDHCPServer, true, Ostrel_VSUtil_ReadServerOptions},
+    {"leases", kOstrelModeDHCPServer, false, Ostrel_VSUtil_ReadKeptLeases},
+    {"probe", kOstrelModeDHCPServer, true, Ostrel_VSUtil_ReadProbe},
+    {nullptr, 0, false, nullptr},
 };

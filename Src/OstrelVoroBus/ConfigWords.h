@@ -12,6 +12,7 @@ extern const OstrelJsonUtilsUint32StringTableEntry gTblConfigMode[];  // "static
 struct Ostrel_ValueKey {
     const char* name;
     uint32_t roles;  // mode bits of those that have it
+    bool isShown;    // in the configuration dump
     Ostrel_Status (*read)(const OstrelJsonField& field, Ostrel_InterfaceConfig* cfg);
 };
 extern const Ostrel_ValueKey gTblValueKeys[];  // ended by a row without a name
