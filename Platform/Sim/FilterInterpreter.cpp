@@ -40,7 +40,7 @@ bool IsJump(uint16_t code) {
 std::optional<uint32_t> Load(std::span<const uint8_t> frame, uint64_t offset, size_t size) {
     if (offset > frame.size() || size > frame.size() - offset) return std::nullopt;
     uint32_t value = 0;
-    for (const uint8_t byte : frame.subspan(offset, size)) value = (value << 8) | byte;
+    for (const uint8_t byte : frame.subspan(static_cast<size_t>(offset), size)) value = (value << 8) | byte;
     return value;
 }
 

@@ -87,7 +87,7 @@ uint32_t WithoutSlot(const Ostrel_LeaseIndex& index, uint32_t tree, uint32_t slo
 // The link of the hash chain that holds the client's tree, or the chain's end.
 uint32_t* FindTree(const Ostrel_ServerObj* server, uint64_t key) {
     const Ostrel_LeaseIndex& index = *server->index;
-    uint32_t* link = &index.chains[Scramble(index.key ^ key) & (index.numChains - 1)];
+    uint32_t* link = &index.chains[static_cast<uint32_t>(Scramble(index.key ^ key)) & (index.numChains - 1)];
     while (*link != kNoSlot && Ostrel_LeaseIndexKeyOf(server, *link) != key) link = &index.links[*link].nextTree;
     return link;
 }

@@ -53,7 +53,7 @@ void FuzzDevice::Run(const Ostrel_InterfaceConfig& config,
 }
 
 Ostrel_InterfaceConfig FuzzConfig(uint32_t mode, uint32_t configMode) {
-    const auto address = [](std::string_view text) { return __builtin_bswap32(ToIPv4(text)); };
+    const auto address = [](std::string_view text) { return be32toh(ToIPv4(text)); };
     Ostrel_InterfaceConfig config{};
     config.ifname = {"eth0"};
     config.mode = mode;

@@ -45,9 +45,9 @@ TEST(ClientLease, IsRenewedFromT1AndReboundFromT2UntilItsWeekIsOver) {
     EXPECT_EQ(lan.SentAt(kDiscover), (Seconds{0, end}));
     EXPECT_EQ(lan.Lease().address, "0.0.0.0");
 
-    uint32_t xid = __builtin_bswap32(lan.Sent(kRequest)[0].xid);  // of a little-endian machine
+    uint32_t xid = be32toh(lan.Sent(kRequest)[0].xid);  // as it lies in memory
     for (const DHCPMessage& request : lan.Sent(kRequest)) {
-        EXPECT_EQ(__builtin_bswap32(request.xid), xid++);
+        EXPECT_EQ(be32toh(request.xid), xid++);
         if (request.time < std::chrono::seconds(t1)) continue;
         const bool isRenewing = request.time < std::chrono::seconds(t2);  // it asks its server alone
         EXPECT_EQ(request.ethernetDestination, isRenewing ? lan.server.mac : kEveryone);

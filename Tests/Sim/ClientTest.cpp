@@ -358,7 +358,7 @@ TEST(Client, InEachStateHasItsTimeoutsAndGoesWhereEachEventLeads) {
 
             lan.world.log.clear();
             const DHCPMessage request{
-                .ethernetSource = kClientMAC, .xid = __builtin_bswap32(client->transactionID), .chaddr = kClientMAC};
+                .ethernetSource = kClientMAC, .xid = be32toh(client->transactionID), .chaddr = kClientMAC};
             if (event < 2) lan.daemon.LeaseAction("eth0", kEvents[event]);
             if (event == 2) server.Send(server.Answer(request, kOffer));
             if (event == 3) server.Send(server.Answer(request, kAck));

@@ -56,7 +56,7 @@ struct Tables : testing::Test {
         EXPECT_TRUE(valdo::JGenerator::toString(array, valdo::JSchemaFragment("{}"), text));
         return text;
     }
-    size_t Random(size_t end) { return world.random() % end; }
+    size_t Random(size_t end) { return static_cast<size_t>(world.random() % end); }
     std::span<const uint8_t> Letters() {
         for (uint8_t& letter : letters) letter = static_cast<uint8_t>(world.random());
         return std::span(letters).first(Random(letters.size() + 1));

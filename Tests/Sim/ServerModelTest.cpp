@@ -532,7 +532,7 @@ TEST(ServerModel, AgreesFrameByFrame) {
     const char* const wish = std::getenv("OSTREL_MODEL_FRAMES");
     const uint64_t frames = wish == nullptr ? kUsualFrames : std::strtoull(wish, nullptr, 10);
     std::array<uint64_t, 256> answers{};
-    for (uint64_t seed = 1; seed * kFramesOfAGame <= frames; ++seed) {
+    for (size_t seed = 1; seed * kFramesOfAGame <= frames; ++seed) {
         // Clocks from zero on, from anywhere, and across their end.
         Play play(games[seed % std::size(games)], seed, std::array{0U, 1000U, UINT32_MAX - 50}[seed / 9 % 3]);
         for (uint64_t step = 0; step < kFramesOfAGame; ++step)

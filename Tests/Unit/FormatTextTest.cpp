@@ -24,7 +24,7 @@ TEST(FormatText, PrintsWhatFitsMarksTheRestAndCannotBeForged) {
     const std::array<uint8_t, 4> four{};
     const std::pair<std::string, std::string> cases[] = {
         {Formatted("%d|%5d|%-5d|%05d|%d", -7, 42, 42, -42, INT32_MIN), "-7|   42|42   |-0042|-2147483648"},
-        {Formatted("%d %u %lu", uint32_t{4294967295}, -1, SIZE_MAX), "4294967295 -1 18446744073709551615"},
+        {Formatted("%d %u %lu", uint32_t{4294967295}, -1, UINT64_MAX), "4294967295 -1 18446744073709551615"},
         {Formatted("0x%04x %X %x", 0x80, 0xBEEF, -16), "0x0080 BEEF -10"},
         {Formatted("<%s|%8s|%-3s|%.3s|%s>", "eth0", "ab", std::string("c"), std::string_view("abcdef"), none),
          "<eth0|      ab|c  |abc|(null)>"},

@@ -1,0 +1,27 @@
+# Builds for another machine with Debian's cross compilers, against the libraries that Scripts/sysroot has put together,
+# and runs what it builds under QEMU. OSTREL_TARGET is Debian's name of the machine.
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES OSTREL_TARGET)
+
+set(triplet_of_arm64 aarch64-linux-gnu)
+set(triplet_of_armhf arm-linux-gnueabihf)
+set(triplet_of_s390x s390x-linux-gnu)
+set(emulator_of_arm64 qemu-aarch64)
+set(emulator_of_armhf qemu-arm)
+set(emulator_of_s390x qemu-s390x)
+set(triplet ${triplet_of_${OSTREL_TARGET}})
+if(NOT triplet)
+  message(FATAL_ERROR "OSTREL_TARGET is '${OSTREL_TARGET}'; known are arm64, armhf and s390x")
+endif()
+
+set(CMAKE_SYSTEM_NAME Linux)
+string(REGEX MATCH "^[^-]+" CMAKE_SYSTEM_PROCESSOR ${triplet})
+set(CMAKE_LIBRARY_ARCHITECTURE ${triplet})
+set(CMAKE_CXX_COMPILER ${triplet}-g++)
+set(CMAKE_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot/${OSTREL_TARGET})
+set(CMAKE_CROSSCOMPILING_EMULATOR ${emulator_of_${OSTREL_TARGET}} -L ${CMAKE_SYSROOT})
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+set(ENV{PKG_CONFIG_SYSROOT_DIR} ${CMAKE_SYSROOT})
+set(ENV{PKG_CONFIG_LIBDIR} ${CMAKE_SYSROOT}/usr/lib/${triplet}/pkgconfig:${CMAKE_SYSROOT}/usr/share/pkgconfig)
