@@ -14,9 +14,11 @@
 #include "Ostrel/Address.h"
 #include "Ostrel/DHCPShared.h"
 #include "Ostrel/Interface.h"
+#include "Ostrel/InterfaceConfig.h"
 #include "Ostrel/PacketFilter.h"
 #include "Ostrel/Status.h"
 
+#include "os_device.h"
 #include "os_memory.h"
 
 // States of a lease slot.
@@ -52,7 +54,18 @@ struct Ostrel_LeaseInformation {
 };
 static_assert(sizeof(Ostrel_LeaseInformation) == 56);  // the flags lie in what would be padding
 
-struct Ostrel_LeaseIndex;  // what makes lookups cheap; private to the lease table
+// A client that an address is kept for.
+struct Ostrel_FixedClient {
+    uint64_t key;                // of its identifier, or of its MAC, whichever it was given by
+    uint32_t slot;               // in `leases`
+    os_array<uint8_t> hostName;  // null: none
+    uint32_t hostNameLength;
+};
+
+struct Ostrel_LeaseIndex;   // what makes lookups cheap; private to the lease table
+struct Ostrel_ServerProbe;  // an address that is probed before it is offered; private to Probe.cpp
+
+constexpr uint32_t kMaxServerProbes = 32;  // under way at the same time
 
 struct Ostrel_ServerObj {
     Ostrel_InterfaceObj* iface;        // not owned
@@ -64,14 +77,21 @@ struct Ostrel_ServerObj {
     Ostrel_IPv4 IPv4Router;
     std::array<Ostrel_IPv4, 3> IPv4DNSServers;  // 0: empty slot
     uint32_t leaseTime;                         // seconds
-    uint32_t offerTimeout;                      // kOfferTimeout
+    uint32_t offerTimeout;                      // kOfferTimeout, and what there is before it
+    uint32_t probeTime;                         // milliseconds that a free address is probed; 0: not at all
     os_array<char> domainName;                  // NUL-terminated, or null
     uint32_t domainNameLength;                  // without the NUL
     Ostrel_IPv4 IPv4RangeStart;
     int32_t maxLeases;                           // addresses in the range
     uint32_t numSlots;                           // in `leases`
-    os_records<Ostrel_LeaseInformation> leases;  // of the range, in address order
+    os_records<Ostrel_LeaseInformation> leases;  // of the range, then of fixed leases outside it, each in address order
     os_owner<Ostrel_LeaseIndex> index;
+    os_records<Ostrel_FixedClient> fixed;  // by key
+    uint32_t numFixed;
+    Ostrel_OptionList options;              // beside those that stand above
+    os_records<Ostrel_ServerProbe> probes;  // kMaxServerProbes of them; null when nothing is probed
+    uint32_t numProbes;                     // under way, in the order of their ends
+    os_held_port port;                      // UDP port 67, where it is held; or null
 };
 
 // Life. Initialize stores the server in the interface's dhcpServer; on failure nothing is stored and nothing is left:
@@ -85,12 +105,13 @@ void Ostrel_DHCPServerFinalize(Ostrel_ServerObj* server);
 [[nodiscard]] Ostrel_LeaseInformation* Ostrel_DHCPServer_LeaseNextUsed(const Ostrel_ServerObj* server,
                                                                        const Ostrel_LeaseInformation* lease);
 
-// What an operator does to one address of the range: "release" ends its lease, "hold" keeps it from everybody.
+// What an operator does to one address of the table, which is published then: "release" ends its lease, or whatever it
+// is held for; "hold" ends its lease and keeps it from everybody until it is released. Neither tells the client.
 // kBadParamErr for any other word, kNoSuchItemErr for an address that the server does not lease.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPServerLeaseAction(Ostrel_ServerObj* server, Ostrel_IPv4 address,
                                                          const char* action);
 
-// Every ARP frame of the interface; the server has no use for them.
+// Every ARP frame of the interface: one from an address that is probed says that somebody has it.
 void Ostrel_DHCPServerARPPacketHandler(Ostrel_ServerObj* server, const Ostrel_EthernetHeader* frame,
                                        const Ostrel_ARPHeader* arpHeader, const Ostrel_ARPAddresses* addresses);
 

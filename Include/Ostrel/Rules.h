@@ -44,6 +44,11 @@ struct Ostrel_ServerRules {
                               // sections 4.1, 4.3.2)
     uint16_t relayPort;       // where a relay listens (RFC 2131 section 4.1)
     bool broadcastsOnLink;    // a broadcast is one to the link as well (RFC 1122 section 3.3.6)
+    bool subnetIsExact;       // any mask up to /30, and all addresses are of hosts of one subnet; or else up to /24
+    bool routerMayBeAbsent;   // 0.0.0.0: option 3 is not sent
+    uint32_t probe;           // milliseconds that a free address is probed before it is offered, where nothing else is
+                              // configured; 0: not (RFC 2131 section 2.2)
+    bool portIsHeld;          // the device's kernel takes port 67 for bound, and sends no ICMP error before a DHCPACK
 };
 
 struct Ostrel_InterfaceRules {
@@ -82,7 +87,11 @@ inline constexpr Ostrel_Rules kPlainRules{
             .paddedTo = 0,
             .relayIsHeeded = false,
             .relayPort = 68,
-            .broadcastsOnLink = false},
+            .broadcastsOnLink = false,
+            .subnetIsExact = false,
+            .routerMayBeAbsent = false,
+            .probe = 0,
+            .portIsHeld = false},
 };
 
 inline constexpr Ostrel_Rules kRFCRules{
@@ -108,5 +117,9 @@ inline constexpr Ostrel_Rules kRFCRules{
             .paddedTo = 300,
             .relayIsHeeded = true,
             .relayPort = 67,
-            .broadcastsOnLink = true},
+            .broadcastsOnLink = true,
+            .subnetIsExact = true,
+            .routerMayBeAbsent = true,
+            .probe = 250,
+            .portIsHeld = true},
 };

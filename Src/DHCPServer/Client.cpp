@@ -80,13 +80,29 @@ uint64_t Ostrel_DHCPServerKeyOfAddress(const Ostrel_ServerObj* server, const Ost
 }
 
 Ostrel_ServerClient Ostrel_DHCPServerClientOf(const Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& packet) {
-    if (!server->rules->knowsByIdentifier) {
-        const Ostrel_MAC source = packet.ethHdr->src;
-        return {.station = source, .key = Ostrel_LeaseIndexKeyOfMAC(source), .identifier = {}};
+    const bool byIdentifier = server->rules->knowsByIdentifier;
+    Ostrel_ServerClient client{.station = packet.ethHdr->src, .key = 0, .identifier = {}};
+    if (byIdentifier || server->numFixed != 0)
+        (void)Ostrel_BOOTPPacketFindOptionAsString(Ostrel_OptionsOf(packet), kOptionClientIdentifier,
+                                                   &client.identifier);
+    if (!byIdentifier) {
+        client.key = Ostrel_LeaseIndexKeyOfMAC(client.station);
+        return client;
     }
-    Ostrel_ServerClient client{.station = FirstOf(packet.dhcpPkt->chaddr), .key = 0, .identifier = {}};
-    (void)Ostrel_BOOTPPacketFindOptionAsString(Ostrel_OptionsOf(packet), kOptionClientIdentifier, &client.identifier);
+    client.station = FirstOf(packet.dhcpPkt->chaddr);
     client.key = client.identifier.empty() ? KeyOfHardware(server, *packet.dhcpPkt)
                                            : Ostrel_DHCPServerKeyOf(server, client.identifier);
     return client;
+}
+
+const Ostrel_FixedClient* Ostrel_DHCPServerFixedOf(const Ostrel_ServerObj* server, const Ostrel_ServerClient& client) {
+    if (server->numFixed == 0) return nullptr;
+    const std::span<const Ostrel_FixedClient> fixed(server->fixed.get(), server->numFixed);
+    const auto find = [fixed](uint64_t key) {
+        const auto place = std::ranges::lower_bound(fixed, key, {}, &Ostrel_FixedClient::key);
+        return place != fixed.end() && place->key == key ? &*place : nullptr;
+    };
+    const Ostrel_FixedClient* found = nullptr;
+    if (!client.identifier.empty()) found = find(Ostrel_DHCPServerKeyOf(server, client.identifier));
+    return found != nullptr ? found : find(Ostrel_DHCPServerKeyOfAddress(server, client.station));
 }

@@ -14,7 +14,7 @@
 struct Ostrel_ServerClient {
     Ostrel_MAC station;                   // what the table shows: the Ethernet source, or chaddr
     uint64_t key;                         // what the index knows it by
-    std::span<const uint8_t> identifier;  // option 61, in the frame; null when it is absent
+    std::span<const uint8_t> identifier;  // option 61, in the frame; null when it is absent or doesn't count
 };
 
 // A secret of one table.
@@ -26,3 +26,7 @@ using Ostrel_ClientHashKey = std::array<uint64_t, 2>;
 // The key of a client that is known by these bytes, or by an Ethernet address. Never 0.
 [[nodiscard]] uint64_t Ostrel_DHCPServerKeyOf(const Ostrel_ServerObj* server, std::span<const uint8_t> identifier);
 [[nodiscard]] uint64_t Ostrel_DHCPServerKeyOfAddress(const Ostrel_ServerObj* server, const Ostrel_MAC& address);
+
+// The address that is kept for a client, by its identifier or else by its MAC; null when there is none.
+[[nodiscard]] const Ostrel_FixedClient* Ostrel_DHCPServerFixedOf(const Ostrel_ServerObj* server,
+                                                                 const Ostrel_ServerClient& client);

@@ -71,24 +71,31 @@ bool GoesByAddress(uint32_t messageType) {
            messageType == kDHCPDecline;
 }
 
-// Whether a slot is in use by the client; one that was claimed for an OFFER that could not be sent is not.
-bool HoldsAny(const Ostrel_ServerObj* server, const Ostrel_ServerClient& client) {
-    return LowestTied(server, client.key, 0, Ostrel_LeaseIsInUse) != kNoSlot;
+// The slot that is kept for the client, if it can have it now; or null.
+Ostrel_LeaseInformation* AvailableFixed(const Ostrel_ServerObj* server, const Ostrel_ServerClient& client) {
+    const Ostrel_FixedClient* const fixed = Ostrel_DHCPServerFixedOf(server, client);
+    if (fixed == nullptr || server->leases[fixed->slot].state == kLeaseStateHeld) return nullptr;
+    return &server->leases[fixed->slot];
 }
 
 // Whether a client may have the slot of the address that it names. INFORM gives nothing back, so that a client which
 // might take more than one by it would have them all.
 bool IsOpenTo(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease, uint32_t messageType,
               const Ostrel_ServerClient& client) {
+    const bool isTaken =
+        messageType == kDHCPRequest || (messageType == kDHCPInform && !Ostrel_DHCPServer_LeaseIsHolder(server, client));
+    const Ostrel_LeaseInformation* const fixed = AvailableFixed(server, client);
+    if (fixed != nullptr && fixed != &lease && isTaken) return false;
     switch (lease.state) {
         case kLeaseStateFree:
-            return messageType == kDHCPRequest || (messageType == kDHCPInform && !HoldsAny(server, client));
+            return isTaken;
         case kLeaseStateHeld:
-        case kLeaseStateKept:
             return false;
+        case kLeaseStateKept:
+            return isTaken && fixed == &lease;
         case kLeaseStateOffered:
         case kLeaseStateActive:
-            return IsTiedTo(server, lease, client.key);
+            return fixed == &lease || IsTiedTo(server, lease, client.key);
     }
     return false;
 }
@@ -168,9 +175,11 @@ Ostrel_Status Ostrel_DHCPServer_LeaseFindByMACAndIPv4(Ostrel_ServerObj* server, 
     *lease = nullptr;
     DebugPrintF(kDebugLevelTrace, "[%s] Find Lease for %.6a, requested IPv4 of %.4a.\n", NameOf(server), client.station,
                 &requested);
-    if (messageType == kDHCPDiscover && server->rules->remembersHolders) {
-        *lease = ChooseFor(server, client, requested);
-        return *lease == nullptr ? kNoFreeResourceErr : kNoErr;
+    if (messageType == kDHCPDiscover) {
+        *lease = AvailableFixed(server, client);
+        if (*lease == nullptr && server->rules->remembersHolders) *lease = ChooseFor(server, client, requested);
+        if (*lease != nullptr) return kNoErr;
+        if (server->rules->remembersHolders) return kNoFreeResourceErr;
     }
     if (requested != kAnyIPv4 && (requested & server->IPv4SubnetMask) != server->IPv4Subnet) {
         DebugPrintF(kDebugLevelTrace, "[%s] SUBNET MISMATCH: %.6a requested IPv4 of %.4a on subnet %.4a.\n",
@@ -180,6 +189,11 @@ Ostrel_Status Ostrel_DHCPServer_LeaseFindByMACAndIPv4(Ostrel_ServerObj* server, 
     *lease = requested != kAnyIPv4 && GoesByAddress(messageType) ? FindByAddress(server, messageType, client, requested)
                                                                  : Scan(server, messageType, client);
     return *lease == nullptr ? kNoFreeResourceErr : kNoErr;
+}
+
+// One that was claimed for an OFFER that could not be sent is not in use.
+bool Ostrel_DHCPServer_LeaseIsHolder(const Ostrel_ServerObj* server, const Ostrel_ServerClient& client) {
+    return LowestTied(server, client.key, 0, Ostrel_LeaseIsInUse) != kNoSlot;
 }
 
 void Ostrel_DHCPServer_LeaseForgo(Ostrel_ServerObj* server, const Ostrel_ServerClient& client) {

@@ -27,20 +27,13 @@ std::string_view TextOf(std::span<const uint8_t> bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// Addresses count on through the lower three octets; the first never changes.
-constexpr uint32_t kCountingBits = 0x00FFFFFF;
-
-Ostrel_IPv4 AddressOfSlot(const Ostrel_ServerObj* server, uint32_t slot) {
-    const uint32_t start = be32toh(server->IPv4RangeStart);
-    return htobe32((start & ~kCountingBits) | ((start + slot) & kCountingBits));
-}
-
 // What is written of a slot in one go. The key counts where a slot is not tied by its MAC, the time unless it is free.
 struct Books {
     Ostrel_LeaseState state;
     Ostrel_MAC mac;
     uint64_t key;
     uint32_t offerTime;
+    bool isHeldForGood = false;
 };
 
 // The one place where a slot's books are written.
@@ -52,6 +45,7 @@ void WriteBooks(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const 
     lease->state = books.state;
     lease->srcMAC = books.mac;
     lease->offerTime = books.offerTime;
+    lease->isHeldForGood = books.isHeldForGood;
     lease->wasLeased |= books.state == kLeaseStateActive && server->rules->remembersHolders;
     if (books.state == kLeaseStateActive) lease->holderHadIt = true;
     lease->changed = true;
@@ -112,6 +106,8 @@ uint64_t FormerHolder(Ostrel_ServerObj* server, const Ostrel_LeaseInformation* l
          slot = Ostrel_LeaseIndexLowestTied(server, key, slot + 1)) {
         if (server->leases[slot].state != kLeaseStateFree) continue;
         Ostrel_LeaseIndexForget(server, slot);
+        server->leases[slot].srcMAC = {};
+        server->leases[slot].holderHadIt = false;
         break;
     }
     return key;
@@ -183,28 +179,27 @@ void PruneHeld(Ostrel_ServerObj* server, uint32_t now) {
     }
 }
 
-// The oldest slot that is held because of a client which has as many of them as it may, or null.
-Ostrel_LeaseInformation* OldestOfTooMany(const Ostrel_ServerObj* server, uint64_t key) {
-    uint32_t count = 0;
-    Ostrel_LeaseInformation* oldest = nullptr;
+// The slots that are held because of a client.
+struct HeldFor {
+    uint32_t count;
+    Ostrel_LeaseInformation* oldest;
+};
+
+HeldFor FindHeldFor(const Ostrel_ServerObj* server, uint64_t key) {
+    HeldFor held{0, nullptr};
     for (uint32_t slot = Ostrel_LeaseIndexLowestTied(server, key, 0); slot != kNoSlot;
          slot = Ostrel_LeaseIndexLowestTied(server, key, slot + 1)) {
         Ostrel_LeaseInformation* const lease = &server->leases[slot];
         if (lease->state != kLeaseStateHeld) continue;
-        ++count;
-        const bool isOlder = oldest == nullptr || static_cast<int32_t>(oldest->offerTime - lease->offerTime) > 0;
-        if (isOlder) oldest = lease;
+        ++held.count;
+        const bool isOlder =
+            held.oldest == nullptr || static_cast<int32_t>(held.oldest->offerTime - lease->offerTime) > 0;
+        if (isOlder) held.oldest = lease;
     }
-    return count < kHeldForOne ? nullptr : oldest;
+    return held;
 }
 
 }  // namespace
-
-Ostrel_LeaseInformation* Ostrel_LeaseSlotOfAddress(const Ostrel_ServerObj* server, Ostrel_IPv4 address) {
-    const uint32_t slot = (be32toh(address) - be32toh(server->IPv4RangeStart)) & kCountingBits;
-    if (slot >= static_cast<uint32_t>(server->maxLeases)) return nullptr;
-    return AddressOfSlot(server, slot) == address ? &server->leases[slot] : nullptr;
-}
 
 void Ostrel_LeaseSlotFree(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const char* reason) {
     DebugPrintF(kDebugLevelTrace, "[%s] Free Lease %.4a assigned to %.6a.\n", NameOf(server), &lease->IPv4Address,
@@ -216,29 +211,13 @@ void Ostrel_LeaseSlotFree(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lea
     ClearBuffers(lease);
 }
 
-Ostrel_Status Ostrel_DHCPServer_LeasesInitialize(Ostrel_ServerObj* server) {
-    const uint32_t mask = be32toh(server->IPv4SubnetMask);
-    const auto slots = static_cast<uint32_t>(server->maxLeases);
-    OSTREL_REQUIRE(~mask > slots, "(~server->IPv4SubnetMask > server->maxLeases)", kBadParamErr);
-    OSTREL_REQUIRE((mask & 0xFF) == 0, "(server->IPv4SubnetMask < 0x01000000)", kBadParamErr);
-
-    server->numSlots = slots;
-    server->leases = os_new_records<Ostrel_LeaseInformation>(slots);
-    OSTREL_REQUIRE(server->leases != nullptr, "server->leases", kOutOfMemoryErr);
-    for (uint32_t slot = 0; slot < slots; ++slot) {
-        Ostrel_LeaseInformation& lease = server->leases[slot];
-        lease.IPv4Address = AddressOfSlot(server, slot);
-        lease.state = kLeaseStateFree;
-        DebugPrintF(kDebugLevelVerbose, "%s Adding %.4a as an available lease.\n", NameOf(server), &lease.IPv4Address);
-    }
-    return Ostrel_LeaseIndexInitialize(server);
-}
-
 void Ostrel_DHCPServer_LeaseClaim(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
                                   uint64_t key) {
-    if (lease->state != kLeaseStateFree) return;
-    if (KeyOf(server, lease) != key) lease->holderHadIt = false;
-    WriteBooks(server, lease, {lease->state, mac, key, 0});
+    const bool isUsed = Ostrel_LeaseIsInUse(lease->state);
+    const bool isSame = KeyOf(server, lease) == key;
+    if (lease->state == kLeaseStateHeld || (isUsed && (isSame || !lease->isKept))) return;
+    if (!isSame) lease->holderHadIt = false;
+    WriteBooks(server, lease, {lease->state, mac, key, isUsed ? lease->offerTime : 0});
 }
 
 void Ostrel_DHCPServer_LeaseOffer(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, uint32_t now) {
@@ -262,13 +241,26 @@ void Ostrel_DHCPServer_LeaseActivate(Ostrel_ServerObj* server, Ostrel_LeaseInfor
 
 void Ostrel_DHCPServer_LeaseHold(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
                                  uint64_t key, uint32_t now, const char* reason) {
-    if (Ostrel_LeaseInformation* const oldest = OldestOfTooMany(server, key); oldest != nullptr)
-        Ostrel_LeaseSlotFree(server, oldest, "");
+    const HeldFor held = FindHeldFor(server, key);
+    if (held.count >= kHeldForOne) Ostrel_LeaseSlotFree(server, held.oldest, "");
     if (lease->state == kLeaseStateActive) LogEnd(server, *lease, reason);
     DebugPrintF(kDebugLevelInfo, "[%s] Address %.4a is held for %d s: %s, %.6a\n", NameOf(server), &lease->IPv4Address,
                 kHoldTime, reason, mac);
     lease->holderHadIt = false;
     WriteBooks(server, lease, {kLeaseStateHeld, mac, key, now});
+    ClearBuffers(lease);
+}
+
+bool Ostrel_DHCPServer_LeaseMayBeHeldFor(const Ostrel_ServerObj* server, uint64_t key) {
+    return FindHeldFor(server, key).count < kHeldForOne;
+}
+
+void Ostrel_DHCPServer_LeaseHoldForGood(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease) {
+    if (lease->state == kLeaseStateActive) LogEnd(server, *lease, "its address is held");
+    DebugPrintF(kDebugLevelInfo, "[%s] Address %.4a is held until it is released\n", NameOf(server),
+                &lease->IPv4Address);
+    lease->holderHadIt = false;
+    WriteBooks(server, lease, {kLeaseStateHeld, {}, 0, 0, true});
     ClearBuffers(lease);
 }
 

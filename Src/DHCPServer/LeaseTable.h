@@ -17,9 +17,11 @@
 // is heeded, and so few that nobody gets the range. One more, and the oldest falls free.
 constexpr uint32_t kHeldForOne = 4;
 
-// Checks the mask against the size of the range and builds the table, all slots free. kBadParamErr or kOutOfMemoryErr,
-// after which the server may only be finalised.
-[[nodiscard]] Ostrel_Status Ostrel_DHCPServer_LeasesInitialize(Ostrel_ServerObj* server);
+// Checks the mask against the size of the range and builds the table: all slots free, but for those that are kept for a
+// client, and the leases that are given back. One of these that doesn't fit is left out, with a line in the log.
+// kBadParamErr or kOutOfMemoryErr, after which the server may only be finalised.
+[[nodiscard]] Ostrel_Status Ostrel_DHCPServer_LeasesInitialize(Ostrel_ServerObj* server,
+                                                               const Ostrel_ServerValues& values);
 
 // The slot that a message of this type from this client is about; kNoFreeResourceErr with null when there is none.
 //
@@ -32,17 +34,22 @@ constexpr uint32_t kHeldForOne = 4;
 //   RELEASE of an address   that address's slot, if the client holds it; DECLINE likewise
 //   any other               none
 //
-// `requested` is the address, or 0. One outside the server's subnet finds nothing and frees nothing.
+// A client that an address is kept for gets that one and no other, unless it is held. `requested` is the address, or 0.
+// One outside the server's subnet finds nothing and frees nothing.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPServer_LeaseFindByMACAndIPv4(Ostrel_ServerObj* server, uint32_t messageType,
                                                                     const Ostrel_ServerClient& client,
                                                                     Ostrel_IPv4 requested,
                                                                     Ostrel_LeaseInformation** lease);
 
+// Whether the client has a slot in use.
+[[nodiscard]] bool Ostrel_DHCPServer_LeaseIsHolder(const Ostrel_ServerObj* server, const Ostrel_ServerClient& client);
+
 // Frees what the client was offered and has not claimed: it has chosen another server.
 void Ostrel_DHCPServer_LeaseForgo(Ostrel_ServerObj* server, const Ostrel_ServerClient& client);
 
-// Notes the client that a free slot is about to be offered to; a slot in use stays as it is. `key` counts where clients
-// are not known by their MAC.
+// Notes the client that a free or kept slot is about to be offered to. A slot in use stays as it is, but for one whose
+// client comes under another name than the one that it had it by. `key` counts where clients are not known by their
+// MAC.
 void Ostrel_DHCPServer_LeaseClaim(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
                                   uint64_t key = 0);
 
@@ -60,6 +67,12 @@ void Ostrel_DHCPServer_LeaseActivate(Ostrel_ServerObj* server, Ostrel_LeaseInfor
 // uses it, as `reason` says in words.
 void Ostrel_DHCPServer_LeaseHold(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
                                  uint64_t key, uint32_t now, const char* reason);
+
+// Whether one more slot may be held because of this host without another falling free.
+[[nodiscard]] bool Ostrel_DHCPServer_LeaseMayBeHeldFor(const Ostrel_ServerObj* server, uint64_t key);
+
+// The slot is nobody's until it is cleaned; a lease of it ends.
+void Ostrel_DHCPServer_LeaseHoldForGood(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease);
 
 // A copy of what a REQUEST says of its client, options 61 and 12, with a zero byte behind it; no buffer for an option
 // that is absent, which is one whose span is null. False, with no buffer either, when memory is out.

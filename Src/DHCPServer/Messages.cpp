@@ -1,7 +1,7 @@
 // Messages from the network: what the server does with each, by the plain rules and, where they differ, by the rfc
 // ones.
 //
-//     DISCOVER   a slot is offered                        DHCPOFFER
+//     DISCOVER   a slot is offered                        DHCPOFFER, after the slot was probed where that is done
 //     REQUEST    the slot asked for becomes active        DHCPACK or DHCPNAK; the lease table is published
 //       rfc      likewise, and its time begins anew       no answer to what is another server's business
 //     RELEASE    the client's slot is freed               no answer
@@ -13,6 +13,8 @@
 //
 // Everything else is dropped. Leases end here as well: each frame first prunes the table, and without frames nothing
 // expires.
+#include "DHCPServer/Messages.h"
+
 #include <span>
 
 #include "Ostrel/Check.h"
@@ -21,17 +23,12 @@
 
 #include "DHCPServer/Client.h"
 #include "DHCPServer/LeaseTable.h"
+#include "DHCPServer/Probe.h"
 #include "DHCPServer/Reply.h"
 #include "DHCPServer/Slots.h"
 #include "os_time.h"
 
 namespace {
-
-// A message, and who it is from.
-struct Message {
-    const Ostrel_PreprocessedPacket& packet;
-    Ostrel_ServerClient client;
-};
 
 // What a REQUEST says of its client; the spans lie in the frame, null when the option is absent.
 struct ClientIdentity {
@@ -55,19 +52,6 @@ bool IsForAnother(const Ostrel_ServerObj* server, const Ostrel_PreprocessedPacke
     if (!server->rules->serverIsHeeded) return false;
     const Ostrel_IPv4 chosen = AddressIn(packet, kOptionServerIdentifier);
     return chosen != kAnyIPv4 && chosen != server->IPv4Address;
-}
-
-Ostrel_Status Ostrel_DHCPServerProcessDiscover(Ostrel_ServerObj* server, const Message& message) {
-    const Ostrel_IPv4 wished =
-        server->rules->remembersHolders ? AddressIn(message.packet, kOptionRequestedAddress) : kAnyIPv4;
-    Ostrel_LeaseInformation* lease = nullptr;
-    OSTREL_REQUIRE_NOERR(
-        Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPDiscover, message.client, wished, &lease));
-    Ostrel_DHCPServer_LeaseClaim(server, lease, message.client.station, message.client.key);
-    const uint32_t now = os_monotonic_seconds();
-    OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerSend_BOOTPReply(server, kDHCPOffer, message.packet, lease));
-    Ostrel_DHCPServer_LeaseOffer(server, lease, now);
-    return kNoErr;
 }
 
 // Option 50, or ciaddr for a client that extends a lease (RFC 2131 table 4).
@@ -101,7 +85,7 @@ ClientIdentity ReadIdentity(const Ostrel_PreprocessedPacket& packet) {
     return identity;
 }
 
-Ostrel_Status Ostrel_DHCPServerProcessRequest(Ostrel_ServerObj* server, const Message& message) {
+Ostrel_Status Ostrel_DHCPServerProcessRequest(Ostrel_ServerObj* server, const Ostrel_ServerMessage& message) {
     const auto& [packet, client] = message;
     if (IsForAnother(server, packet)) {
         Ostrel_DHCPServer_LeaseForgo(server, client);
@@ -129,7 +113,7 @@ Ostrel_Status Ostrel_DHCPServerProcessRequest(Ostrel_ServerObj* server, const Me
     return kNoErr;
 }
 
-Ostrel_Status Ostrel_DHCPServerProcessRelease(Ostrel_ServerObj* server, const Message& message) {
+Ostrel_Status Ostrel_DHCPServerProcessRelease(Ostrel_ServerObj* server, const Ostrel_ServerMessage& message) {
     if (IsForAnother(server, message.packet)) return kNoErr;
     Ostrel_LeaseInformation* lease = nullptr;
     const Ostrel_Status found = Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPRelease, message.client,
@@ -139,7 +123,7 @@ Ostrel_Status Ostrel_DHCPServerProcessRelease(Ostrel_ServerObj* server, const Me
 }
 
 // Only the client that has the address can say that somebody else has it too (RFC 2131 section 4.3.3).
-Ostrel_Status Ostrel_DHCPServerProcessDecline(Ostrel_ServerObj* server, const Message& message) {
+Ostrel_Status Ostrel_DHCPServerProcessDecline(Ostrel_ServerObj* server, const Ostrel_ServerMessage& message) {
     const auto& [packet, client] = message;
     if (!server->rules->declineHolds || IsForAnother(server, packet)) return kNoErr;
     const Ostrel_IPv4 declined = AddressIn(packet, kOptionRequestedAddress);
@@ -151,11 +135,11 @@ Ostrel_Status Ostrel_DHCPServerProcessDecline(Ostrel_ServerObj* server, const Me
 }
 
 // The slot that the address of an INFORM takes, or null.
-Ostrel_LeaseInformation* BindInformed(Ostrel_ServerObj* server, const Message& message) {
+Ostrel_LeaseInformation* BindInformed(Ostrel_ServerObj* server, const Ostrel_ServerMessage& message) {
     Ostrel_LeaseInformation* lease = nullptr;
     const Ostrel_Status found = Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPInform, message.client,
                                                                         message.packet.dhcpPkt->ciaddr, &lease);
-    if (found == kNoErr && lease->state == kLeaseStateFree) {
+    if (found == kNoErr && !Ostrel_LeaseIsInUse(lease->state)) {
         Ostrel_DHCPServer_LeaseClaim(server, lease, message.client.station, message.client.key);
         Ostrel_DHCPServer_LeaseActivate(server, lease, message.client.station, os_monotonic_seconds(),
                                         ReadIdentity(message.packet).hostName);
@@ -164,7 +148,7 @@ Ostrel_LeaseInformation* BindInformed(Ostrel_ServerObj* server, const Message& m
 }
 
 // By the rfc rules a host of the subnet is told what there is, whoever gave it its address.
-Ostrel_Status Ostrel_DHCPServerProcessInform(Ostrel_ServerObj* server, const Message& message) {
+Ostrel_Status Ostrel_DHCPServerProcessInform(Ostrel_ServerObj* server, const Ostrel_ServerMessage& message) {
     const Ostrel_IPv4 ciaddr = message.packet.dhcpPkt->ciaddr;
     if (!server->rules->informBinds && (ciaddr == kAnyIPv4 || !IsOfSubnet(server, ciaddr))) return kNoErr;
     const Ostrel_LeaseInformation* lease = server->rules->informBinds ? BindInformed(server, message) : nullptr;
@@ -174,7 +158,7 @@ Ostrel_Status Ostrel_DHCPServerProcessInform(Ostrel_ServerObj* server, const Mes
     return kNoErr;
 }
 
-Ostrel_Status ProcessMessage(Ostrel_ServerObj* server, uint8_t messageType, const Message& message) {
+Ostrel_Status ProcessMessage(Ostrel_ServerObj* server, uint8_t messageType, const Ostrel_ServerMessage& message) {
     switch (messageType) {
         case kDHCPDiscover:
             return Ostrel_DHCPServerProcessDiscover(server, message);
@@ -199,6 +183,30 @@ bool ComesFromElsewhere(const Ostrel_ServerObj* server, const Ostrel_Preprocesse
 
 }  // namespace
 
+Ostrel_Status Ostrel_DHCPServerOffer(Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& discover,
+                                     Ostrel_LeaseInformation* lease) {
+    const uint32_t now = os_monotonic_seconds();
+    const Ostrel_Status status = Ostrel_DHCPServerSend_BOOTPReply(server, kDHCPOffer, discover, lease);
+    if (status == kNoErr) Ostrel_DHCPServer_LeaseOffer(server, lease, now);
+    return status;
+}
+
+Ostrel_Status Ostrel_DHCPServerProcessDiscover(Ostrel_ServerObj* server, const Ostrel_ServerMessage& message) {
+    const auto& [packet, client] = message;
+    const Ostrel_IPv4 wished = server->rules->remembersHolders ? AddressIn(packet, kOptionRequestedAddress) : kAnyIPv4;
+    Ostrel_LeaseInformation* lease = nullptr;
+    OSTREL_REQUIRE_NOERR(Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPDiscover, client, wished, &lease));
+    if (Ostrel_DHCPServerProbeIsUnderWay(server, lease, client, packet)) return kNoErr;
+    const bool isProbed = Ostrel_DHCPServerProbeIsWanted(server, lease, client);
+    Ostrel_DHCPServer_LeaseClaim(server, lease, client.station, client.key);
+    if (isProbed && Ostrel_DHCPServerProbeBegin(server, lease, client, packet)) {
+        Ostrel_DHCPServer_LeaseOffer(server, lease, os_monotonic_seconds());
+        return kNoErr;
+    }
+    OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerOffer(server, packet, lease));
+    return kNoErr;
+}
+
 void Ostrel_BOOTPServerPacketFilterHandler(void* context, const uint8_t*, std::span<const uint8_t> frame) {
     const auto* iface = static_cast<const Ostrel_InterfaceObj*>(context);
     Ostrel_ServerObj* const server = iface->dhcpServer;
@@ -210,12 +218,7 @@ void Ostrel_BOOTPServerPacketFilterHandler(void* context, const uint8_t*, std::s
         return;
     }
     if (ComesFromElsewhere(server, received.packet)) return;
-    const Message message{received.packet, Ostrel_DHCPServerClientOf(server, received.packet)};
+    const Ostrel_ServerMessage message{received.packet, Ostrel_DHCPServerClientOf(server, received.packet)};
     const Ostrel_Status status = ProcessMessage(server, received.messageType, message);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
-}
-
-void Ostrel_DHCPServerARPPacketHandler(Ostrel_ServerObj* server, const Ostrel_EthernetHeader*, const Ostrel_ARPHeader*,
-                                       const Ostrel_ARPAddresses*) {
-    OSTREL_REQUIRE(server != nullptr, "server", );
 }

@@ -4,6 +4,7 @@
 //     DHCPOFFER   0             the slot   53, 54, 51, then what the client asked for
 //     DHCPACK     the request's the slot   53, 54, 51, then what the client asked for
 //     DHCPNAK     0             0          53, 54, then what the client asked for
+//     with options configured              each after the others when it is asked for, or at the end when it is forced
 //     with rfc                             58, 59 after 51; 61 as it came; 82 as it came, last; a DHCPNAK has nothing
 //                                          of what was asked for; the DHCPACK to an INFORM has no slot and no times
 //
@@ -19,6 +20,7 @@
 #include "Ostrel/Check.h"
 #include "Ostrel/Log.h"
 
+#include "DHCPServer/Client.h"
 #include "wpabuf.h"
 
 namespace {
@@ -106,24 +108,49 @@ std::span<const uint8_t> DNSServersOf(const Ostrel_ServerObj* server) {
     return Ostrel_BytesOf(slots).first(static_cast<size_t>(slots.rend() - last) * sizeof(Ostrel_IPv4));
 }
 
-// What the server knows under a code that a client asks for; false when that is nothing.
-bool FindParameter(const Ostrel_ServerObj* server, uint8_t code, std::span<const uint8_t>* data) {
+// The host name that goes with the address which is kept for the client.
+std::span<const uint8_t> HostNameOf(const Reply& reply) {
+    if (reply.lease == nullptr || !reply.lease->isKept) return {};
+    const Ostrel_FixedClient* const fixed =
+        Ostrel_DHCPServerFixedOf(reply.server, Ostrel_DHCPServerClientOf(reply.server, reply.request));
+    if (fixed == nullptr) return {};
+    return {fixed->hostName.get(), fixed->hostNameLength};
+}
+
+// What was configured for a code; null when nothing was.
+std::span<const uint8_t> ConfiguredOf(const Ostrel_ServerObj* server, uint8_t code) {
+    const std::span<const Ostrel_OptionValue> options(server->options.values.get(), server->options.count);
+    const auto place = std::ranges::find(options, code, &Ostrel_OptionValue::code);
+    if (place == options.end()) return {};
+    return {place->data.get(), place->length};
+}
+
+// What the server knows by itself under a code.
+std::span<const uint8_t> OwnOf(const Reply& reply, uint8_t code) {
+    const Ostrel_ServerObj* const server = reply.server;
     switch (code) {
         case kOptionSubnetMask:
-            *data = Ostrel_BytesOf(server->IPv4SubnetMask);
-            return true;
+            return Ostrel_BytesOf(server->IPv4SubnetMask);
         case kOptionRouter:
-            *data = Ostrel_BytesOf(server->IPv4Router);
-            return true;
+            if (server->IPv4Router == kAnyIPv4 && server->rules->routerMayBeAbsent) return {};
+            return Ostrel_BytesOf(server->IPv4Router);
         case kOptionDomainNameServer:
-            *data = DNSServersOf(server);
-            return true;
+            return DNSServersOf(server);
+        case kOptionHostName:
+            return HostNameOf(reply);
         case kOptionDomainName:
-            *data = {reinterpret_cast<const uint8_t*>(server->domainName.get()), server->domainNameLength};
-            return !data->empty();
+            return {reinterpret_cast<const uint8_t*>(server->domainName.get()), server->domainNameLength};
         default:
-            return false;
+            return {};
     }
+}
+
+// What there is under a code that a client asks for; false when that is nothing. By the plain rules there always are
+// DNS servers, if only none.
+bool FindParameter(const Reply& reply, uint8_t code, std::span<const uint8_t>* data) {
+    *data = OwnOf(reply, code);
+    if (data->empty()) *data = ConfiguredOf(reply.server, code);
+    return !data->empty() || (code == kOptionDomainNameServer && reply.server->rules->emptyIsSent);
 }
 
 Ostrel_Status Append(Reply& reply, uint8_t code, std::span<const uint8_t> data) {
@@ -132,10 +159,16 @@ Ostrel_Status Append(Reply& reply, uint8_t code, std::span<const uint8_t> data) 
     return kNoErr;
 }
 
-// Leaves an option out that doesn't fit whole.
+// Leaves an option out that doesn't fit whole. One that is longer than an option may be goes in parts (RFC 3396).
 Ostrel_Status AppendIfItFits(Reply& reply, uint8_t code, std::span<const uint8_t> data) {
-    if (wpabuf_len(reply.payload) + kOptionHeader + data.size() + reply.reserved > reply.limit) return kNoErr;
-    return Append(reply, code, data);
+    const size_t parts = data.empty() ? 1 : (data.size() + kOptionMaxData - 1) / kOptionMaxData;
+    const size_t size = parts * kOptionHeader + data.size();
+    if (wpabuf_len(reply.payload) + size + reply.reserved > reply.limit) return kNoErr;
+    for (size_t part = 0; part < parts; ++part) {
+        const std::span<const uint8_t> rest = data.subspan(part * kOptionMaxData);
+        OSTREL_REQUIRE_NOERR(Append(reply, code, rest.first(std::min(rest.size(), kOptionMaxData))));
+    }
+    return kNoErr;
 }
 
 Ostrel_Status AppendNumber(Reply& reply, uint8_t code, uint32_t value) {
@@ -156,10 +189,19 @@ Ostrel_Status AppendRequested(Reply& reply, std::span<const uint8_t> codes) {
     const Ostrel_ServerRules& rules = *reply.server->rules;
     for (const uint8_t code : codes) {
         std::span<const uint8_t> data;
-        if (!FindParameter(reply.server, code, &data)) continue;
-        if (data.empty() && !rules.emptyIsSent) continue;
+        if (!FindParameter(reply, code, &data)) continue;
         if (reply.present[code] && !rules.repeatsAreAnswered) continue;
         OSTREL_REQUIRE_NOERR(AppendIfItFits(reply, code, data));
+    }
+    return kNoErr;
+}
+
+// What was configured to be sent to everybody.
+Ostrel_Status AppendForced(Reply& reply) {
+    for (const Ostrel_OptionValue& option :
+         std::span(reply.server->options.values.get(), reply.server->options.count)) {
+        if (!option.forced || reply.present[option.code]) continue;
+        OSTREL_REQUIRE_NOERR(AppendIfItFits(reply, option.code, {option.data.get(), option.length}));
     }
     return kNoErr;
 }
@@ -180,7 +222,8 @@ Ostrel_Status AppendOptions(Reply& reply, std::span<const uint8_t> codes) {
     const auto identifier = Echoed(reply, rules.identifierIsEchoed, kOptionClientIdentifier);
     if (!identifier.empty()) OSTREL_REQUIRE_NOERR(AppendIfItFits(reply, kOptionClientIdentifier, identifier));
     if (reply.messageType == kDHCPNak && !rules.refusalHasOptions) return kNoErr;
-    return AppendRequested(reply, codes);
+    OSTREL_REQUIRE_NOERR(AppendRequested(reply, codes));
+    return reply.messageType == kDHCPNak ? kNoErr : AppendForced(reply);
 }
 
 // The relay's own option, the end, and what makes the message long enough.

@@ -1,9 +1,9 @@
 // The server's life: its configuration is checked, taken over, and printed to the system log; then the lease table is
 // built. What fails leaves nothing behind.
 //
-// The rules of the check keep the range, and the address after it, in the router's subnet, and the server out of the
-// range. They do not say that the server's own address is in that subnet too, or the router out of the range: such
-// configurations are taken, with a warning.
+// The plain rules of the check keep the range, and the address after it, in the router's subnet, and the server out of
+// the range. They do not say that the server's own address is in that subnet too, or the router out of the range: such
+// configurations are taken, with a warning. The rfc rules are those of the subnet: all are hosts of it.
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -14,9 +14,12 @@
 #include "Ostrel/DHCPServer.h"
 #include "Ostrel/InterfaceConfig.h"
 #include "Ostrel/Log.h"
+#include "Ostrel/Publish.h"
 
 #include "DHCPServer/LeaseIndex.h"  // which a server owns
 #include "DHCPServer/LeaseTable.h"
+#include "DHCPServer/Probe.h"
+#include "DHCPServer/Slots.h"
 
 namespace {
 
@@ -88,6 +91,31 @@ bool SizesAreUsable(const Ostrel_InterfaceConfig* config) {
     return config->maxLeases <= kMaxLeasesLimit && config->leaseTime >= 0 && nameFits;
 }
 
+bool IsHostOf(const Ostrel_InterfaceConfig* config, Ostrel_IPv4 address) {
+    const Ostrel_IPv4 mask = config->IPv4SubnetMask;
+    const Ostrel_IPv4 network = config->IPv4Address & mask;
+    return (address & mask) == network && address != network && address != (network | ~mask);
+}
+
+// The mask is ones, then at least two zeros; addresses count on in the lower three octets.
+bool SubnetIsUsable(const Ostrel_InterfaceConfig* config, const Derived& derived) {
+    const uint32_t hosts = ~be32toh(config->IPv4SubnetMask);
+    const bool isMask = (hosts & (hosts + 1)) == 0 && hosts >= 3;
+    const bool counts = (be32toh(config->IPv4RangeStart) ^ be32toh(derived.rangeEnd)) <= 0x00FFFFFF &&
+                        be32toh(config->IPv4RangeStart) <= be32toh(derived.rangeEnd);
+    const bool hasRouter = config->IPv4Router != kAnyIPv4;
+    return isMask && config->maxLeases > 0 && counts && IsHostOf(config, config->IPv4Address) &&
+           IsHostOf(config, config->IPv4RangeStart) && IsHostOf(config, derived.rangeEnd) &&
+           (!hasRouter || IsHostOf(config, config->IPv4Router)) && !IsInRange(config, derived, config->IPv4Address);
+}
+
+bool FixedAreUsable(const Ostrel_InterfaceConfig* config) {
+    const std::span<const Ostrel_FixedLease> fixed(config->server.fixed.get(), config->server.numFixed);
+    return std::ranges::all_of(fixed, [config](const Ostrel_FixedLease& lease) {
+        return IsHostOf(config, lease.IPv4Address) && lease.IPv4Address != config->IPv4Address;
+    });
+}
+
 void WarnOfMisfits(const Ostrel_InterfaceConfig* config, const Derived& derived) {
     if (derived.network != derived.rangeStartBase) {
         DebugPrintF(kDebugLevelWarning,
@@ -101,10 +129,11 @@ void WarnOfMisfits(const Ostrel_InterfaceConfig* config, const Derived& derived)
     }
 }
 
-Ostrel_Status CheckConfig(const Ostrel_InterfaceConfig* config) {
+Ostrel_Status CheckConfig(const Ostrel_InterfaceConfig* config, const Ostrel_ServerRules& rules) {
     const Derived derived = Derive(config);
     LogDerived(config, derived);
-    if (!AddressesAreUsable(config, derived) || !SizesAreUsable(config)) return kBadParamErr;
+    const bool isUsable = rules.subnetIsExact ? SubnetIsUsable(config, derived) : AddressesAreUsable(config, derived);
+    if (!isUsable || !SizesAreUsable(config) || !FixedAreUsable(config)) return kBadParamErr;
     WarnOfMisfits(config, derived);
     return kNoErr;
 }
@@ -115,6 +144,18 @@ Ostrel_Status CopyDomainName(Ostrel_ServerObj* server, const char* name) {
     server->domainName = os_copy_array<char>(text, 1);
     OSTREL_REQUIRE(server->domainName != nullptr, "server->domainName", kOutOfMemoryErr);
     server->domainNameLength = static_cast<uint32_t>(text.size());
+    return kNoErr;
+}
+
+Ostrel_Status CopyOptions(Ostrel_ServerObj* server, const Ostrel_OptionList& options) {
+    if (options.count == 0) return kNoErr;
+    server->options.values = os_new_records<Ostrel_OptionValue>(options.count);
+    OSTREL_REQUIRE(server->options.values != nullptr, "server->options", kOutOfMemoryErr);
+    for (const Ostrel_OptionValue& option : std::span(options.values.get(), options.count)) {
+        os_array<uint8_t> data = os_copy_array<uint8_t>({option.data.get(), option.length});
+        OSTREL_REQUIRE(data != nullptr, "server->options", kOutOfMemoryErr);
+        server->options.values[server->options.count++] = {option.code, option.forced, std::move(data), option.length};
+    }
     return kNoErr;
 }
 
@@ -147,9 +188,10 @@ Ostrel_Status TakeOver(Ostrel_ServerObj* server, const Ostrel_InterfaceConfig* c
     if (status != kNoErr) return status;
     server->IPv4RangeStart = config->IPv4RangeStart;
     server->maxLeases = config->maxLeases;
-    server->offerTimeout = kOfferTimeout;
+    server->probeTime = config->server.probe.value_or(server->rules->probe);
+    server->offerTimeout = kOfferTimeout + server->probeTime / 1000;
     LogServer(server);
-    return kNoErr;
+    return CopyOptions(server, config->server.options);
 }
 
 Ostrel_Status Ostrel_BOOTPServerPacketFilterInitialize(Ostrel_ServerObj* server) {
@@ -161,7 +203,7 @@ Ostrel_Status Ostrel_BOOTPServerPacketFilterInitialize(Ostrel_ServerObj* server)
 }  // namespace
 
 Ostrel_Status Ostrel_DHCPServerInitialize(Ostrel_InterfaceObj* iface, const Ostrel_InterfaceConfig* config) {
-    OSTREL_REQUIRE_NOERR(CheckConfig(config));
+    OSTREL_REQUIRE_NOERR(CheckConfig(config, iface->rules->server));
     OwnedServer server(os_new<Ostrel_ServerObj>());
     OSTREL_REQUIRE(server != nullptr, "server", kOutOfMemoryErr);
     server->iface = iface;
@@ -169,13 +211,29 @@ Ostrel_Status Ostrel_DHCPServerInitialize(Ostrel_InterfaceObj* iface, const Ostr
     OSTREL_REQUIRE_NOERR(Ostrel_BOOTPServerPacketFilterInitialize(server.get()));
     const Ostrel_Status status = TakeOver(server.get(), config);
     if (status != kNoErr) return status;
-    OSTREL_REQUIRE_NOERR(Ostrel_DHCPServer_LeasesInitialize(server.get()));
+    OSTREL_REQUIRE_NOERR(Ostrel_DHCPServer_LeasesInitialize(server.get(), config->server));
+    OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerProbesInitialize(server.get()));
+    if (server->rules->portIsHeld) server->port.reset(os_hold_port(iface->ifname.data(), kBOOTPServerPort));
     iface->dhcpServer = server.release();
     return kNoErr;
 }
 
+Ostrel_Status Ostrel_DHCPServerLeaseAction(Ostrel_ServerObj* server, Ostrel_IPv4 address, const char* action) {
+    const bool isHold = std::strcmp(action, "hold") == 0;
+    OSTREL_REQUIRE(isHold || std::strcmp(action, "release") == 0, "action", kBadParamErr);
+    Ostrel_LeaseInformation* const lease = Ostrel_LeaseSlotOfAddress(server, address);
+    OSTREL_REQUIRE(lease != nullptr, "lease", kNoSuchItemErr);
+    if (isHold) {
+        Ostrel_DHCPServer_LeaseHoldForGood(server, lease);
+    } else if (lease->state == kLeaseStateHeld || Ostrel_LeaseIsInUse(lease->state)) {
+        OSTREL_REQUIRE_NOERR(Ostrel_DHCPServer_LeaseClean(server, lease));
+    }
+    return Ostrel_VoroServicePublishServerLeaseInformation(server->iface->sysObj, server);
+}
+
 void Ostrel_DHCPServerFinalize(Ostrel_ServerObj* server) {
     if (server == nullptr) return;
+    Ostrel_DHCPServerProbesFinalize(server);
     Ostrel_PacketFilterFinalize(&server->packetFilter);
     os_delete(server);
 }

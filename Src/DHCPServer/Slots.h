@@ -21,6 +21,9 @@
     return static_cast<uint32_t>(lease - server->leases.get());
 }
 
+// The address of a slot of the range: addresses count on through the lower three octets; the first never changes.
+[[nodiscard]] Ostrel_IPv4 Ostrel_LeaseAddressOfSlot(const Ostrel_ServerObj* server, uint32_t slot);
+
 // The slot of an address, or null.
 [[nodiscard]] Ostrel_LeaseInformation* Ostrel_LeaseSlotOfAddress(const Ostrel_ServerObj* server, Ostrel_IPv4 address);
 

@@ -1,0 +1,20 @@
+// The steps of the server that others than a frame may cause. Private to the server.
+#pragma once
+
+#include "Ostrel/DHCPServer.h"
+
+#include "DHCPServer/Client.h"
+
+// A message, and who it is from.
+struct Ostrel_ServerMessage {
+    const Ostrel_PreprocessedPacket& packet;
+    Ostrel_ServerClient client;
+};
+
+// Chooses a slot for the client of a DISCOVER, and offers it, or probes it first.
+[[nodiscard]] Ostrel_Status Ostrel_DHCPServerProcessDiscover(Ostrel_ServerObj* server,
+                                                             const Ostrel_ServerMessage& message);
+
+// Sends the OFFER of a slot that was claimed for the client.
+[[nodiscard]] Ostrel_Status Ostrel_DHCPServerOffer(Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& discover,
+                                                   Ostrel_LeaseInformation* lease);
