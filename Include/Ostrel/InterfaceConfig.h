@@ -36,6 +36,12 @@ struct Ostrel_OptionList {
     uint32_t count;
 };
 
+[[nodiscard]] inline const Ostrel_OptionValue* Ostrel_FindOptionValue(const Ostrel_OptionList& list, uint8_t code) {
+    for (uint32_t i = 0; i < list.count; ++i)
+        if (list.values[i].code == code) return &list.values[i];
+    return nullptr;
+}
+
 // Who a client is to a server: its MAC, or, when there is one, its identifier (option 61, type byte included).
 struct Ostrel_ClientKey {
     Ostrel_MAC mac;

@@ -3,7 +3,11 @@
 //
 // Each handler reads its request with a function of its own that returns a status, and answers with that; what fails
 // there is reported under the handler's name. Only "interfaceFinalize" gives an error code and text with a failure; the
-// other two give the bare outcome.
+// other two give the bare outcome. The keys beside the usual ones are taken strictly: one that can't be used, or that
+// does not go with the word, fails the call before anything is done, and the reply says why.
+
+#include <optional>
+#include <string_view>
 
 #include "Ostrel/Check.h"
 #include "Ostrel/DHCPClient.h"
@@ -22,9 +26,33 @@ const char* WordOf(const std::string& text) {
     return text.find('\0') == std::string::npos ? text.c_str() : "";
 }
 
-Ostrel_Status FinalizeInterface(const Ostrel_Request& request, Ostrel_SystemObj* sysObj) {
+// Null when the request has no such key.
+using Value = std::optional<OstrelJsonField>;
+
+Value FindValue(Ostrel_Request& request, const char* key) {
+    if (!request.root.hasKey(key)) return std::nullopt;
+    return OstrelJsonFieldOf(request.root, key, &request.problem);
+}
+
+Ostrel_Status ReadActionValues(Ostrel_Request& request, std::string_view action, Ostrel_ActionValues* values) {
+    const Value address = FindValue(request, "address");
+    const Value release = FindValue(request, "release");
+    Ostrel_Status status = kNoErr;
+    if (address && action != "init") status = OstrelJsonRefuse(*address, "only \"init\" takes it");
+    if (release && action != "halt") status = OstrelJsonRefuse(*release, "only \"halt\" takes it");
+    if (status == kNoErr && address) status = OstrelJsonReadHostIPv4(*address, &values->address);
+    if (status == kNoErr && release) status = OstrelJsonReadBoolean(*release, &values->release);
+    return status;
+}
+
+Ostrel_Status FinalizeInterface(Ostrel_Request& request, Ostrel_SystemObj* sysObj) {
     Ostrel_InterfaceObj* iface = nullptr;
     OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_VSUtil_ResolveInterfaceObj(sysObj, request.root, &iface));
+    bool isReleased = false;
+    if (const Value release = FindValue(request, "release")) {
+        OSTREL_REQUIRE_NOERR_IN(request.handler, OstrelJsonReadBoolean(*release, &isReleased));
+    }
+    if (isReleased && iface->dhcpClient != nullptr) Ostrel_DHCPClientRelease(iface->dhcpClient);
     Ostrel_LeaseTextsForget(sysObj, iface->dhcpServer);
     Ostrel_InterfaceFinalize(&sysObj->interfaceList, iface);
     return kNoErr;
@@ -39,15 +67,17 @@ Ostrel_Status SetDebugLevel(const Ostrel_Request& request) {
 }
 
 // The client is asked first; when it refuses the word the selector is not asked. A server has no lease to act on.
-Ostrel_Status ActOnLease(const Ostrel_Request& request, Ostrel_SystemObj* sysObj) {
+Ostrel_Status ActOnLease(Ostrel_Request& request, Ostrel_SystemObj* sysObj) {
     Ostrel_InterfaceObj* iface = nullptr;
     OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_VSUtil_ResolveInterfaceObj(sysObj, request.root, &iface));
     std::string action;
     const bool success = GetJsonString(request.root, "leaseAction", &action, false, nullptr);
     OSTREL_REQUIRE_IN(request.handler, success, "success", kGenericErr);
+    Ostrel_ActionValues values{};
+    OSTREL_REQUIRE_NOERR_IN(request.handler, ReadActionValues(request, action, &values));
 
     if ((iface->mode & kOstrelModeDHCPClient) != 0) {
-        OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_DHCPClientLeaseAction(iface, WordOf(action)));
+        OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_DHCPClientLeaseAction(iface, WordOf(action), values));
     }
     if ((iface->mode & kOstrelModeLinkLocal) != 0) {
         OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_LinkLocalAction(iface, WordOf(action)));

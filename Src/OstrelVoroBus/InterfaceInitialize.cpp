@@ -117,15 +117,9 @@ Ostrel_Status ReadConfig(const Ostrel_Request& request, Ostrel_InterfaceConfig* 
     return kNoErr;
 }
 
-Ostrel_Status ReadStrictly(Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
-    const Ostrel_Status status = Ostrel_VSUtil_ReadValueKeys(request.root, cfg, &request.problem);
-    if (status == kBadParamErr) Ostrel_LogPrint(kQxLogError, "%s: %s\n", request.handler, request.problem.data());
-    return status;
-}
-
 Ostrel_Status InitializeFrom(Ostrel_Request& request, Ostrel_SystemObj* sysObj, Ostrel_InterfaceConfig* cfg) {
     Ostrel_Status status = ReadConfig(request, cfg);
-    if (status == kNoErr) status = ReadStrictly(request, cfg);
+    if (status == kNoErr) status = Ostrel_VSUtil_ReadValueKeys(request.root, cfg, &request.problem);
     if (status != kNoErr) return status;
     OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_InterfaceInitialize(sysObj, cfg));
     return kNoErr;

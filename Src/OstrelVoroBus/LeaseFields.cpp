@@ -13,6 +13,7 @@
 
 #include "Ostrel/DHCPClient.h"
 #include "Ostrel/Log.h"
+#include "Ostrel/OstrelJsonUtilsOptions.h"
 #include "Ostrel/System.h"
 
 #include "Method.h"
@@ -57,13 +58,8 @@ void Ostrel_VSUtil_PutLeaseTimes(Ostrel_SystemObj* sysObj, uint32_t began, uint3
     object.put("leaseTime", leaseTime);
 }
 
-std::string_view Ostrel_VSUtil_TextOf(std::span<const uint8_t> bytes) {
-    const auto length = std::find(bytes.begin(), bytes.end(), uint8_t{0}) - bytes.begin();
-    return {reinterpret_cast<const char*>(bytes.data()), static_cast<size_t>(length)};
-}
-
 std::string_view Ostrel_VSUtil_IdentifierText(std::span<const uint8_t> identifier) {
-    return identifier.empty() ? std::string_view{} : Ostrel_VSUtil_TextOf(identifier.subspan(1));
+    return identifier.empty() ? std::string_view{} : OstrelJsonUtilsTextOf(identifier.subspan(1));
 }
 
 std::optional<Ostrel_MAC> Ostrel_VSUtil_IdentifierAddress(std::span<const uint8_t> identifier) {

@@ -24,9 +24,6 @@ void Ostrel_VSUtil_PutLeaseTimes(Ostrel_SystemObj* sysObj, uint32_t began, uint3
 // The line of every slot of a server's table that is shown.
 void Ostrel_VSUtil_LogServerTime(uint32_t leaseTime);
 
-// Bytes from the network as text: what comes before the first zero byte.
-[[nodiscard]] std::string_view Ostrel_VSUtil_TextOf(std::span<const uint8_t> bytes);
-
 // A client identifier, type byte included, as the text after its type byte.
 [[nodiscard]] std::string_view Ostrel_VSUtil_IdentifierText(std::span<const uint8_t> identifier);
 

@@ -21,6 +21,10 @@ constexpr char kLeaseMethod[] = "leaseInformation";
 constexpr char kListKey[] = "interfaceList";
 const valdo::JSchemaFragment kAnything("{}");
 
+void LogProblem(const Ostrel_Request& request) {
+    if (request.problem[0] != '\0') Ostrel_LogPrint(kQxLogError, "%s: %s\n", request.handler, request.problem.data());
+}
+
 }  // namespace
 
 Ostrel_Status Ostrel_VSUtil_BusFailure(const char* function, int line, VSError* error) {
@@ -41,6 +45,7 @@ Ostrel_Status Ostrel_VSUtil_ReadRequest(VSMessage* message, const void* context,
 
 void Ostrel_VSUtil_SendStatusReply(const Ostrel_Request& request, VSHandle* handle, VSMessage* message,
                                    Ostrel_Status status) {
+    LogProblem(request);
     Ostrel_VSUtil_SendTextReply({status == kNoErr, Ostrel_GetVoroErrCode(status), Ostrel_GetVoroErrText(status),
                                  nullptr, nullptr, request.problem.data()},
                                 handle, message);
@@ -48,6 +53,7 @@ void Ostrel_VSUtil_SendStatusReply(const Ostrel_Request& request, VSHandle* hand
 
 void Ostrel_VSUtil_SendPlainReply(const Ostrel_Request& request, VSHandle* handle, VSMessage* message,
                                   Ostrel_Status status) {
+    LogProblem(request);
     Ostrel_VSUtil_SendTextReply({status == kNoErr, 0, nullptr, nullptr, nullptr, request.problem.data()}, handle,
                                 message);
 }

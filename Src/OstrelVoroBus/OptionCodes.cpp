@@ -64,12 +64,6 @@ Ostrel_Status Ostrel_VSUtil_ReadCode(const OstrelJsonField& field, Ostrel_CodeUs
     return status;
 }
 
-const Ostrel_OptionValue* Ostrel_VSUtil_FindOption(const Ostrel_OptionList& list, uint8_t code) {
-    for (uint32_t i = 0; i < list.count; ++i)
-        if (list.values[i].code == code) return &list.values[i];
-    return nullptr;
-}
-
 size_t Ostrel_VSUtil_SizeOf(const Ostrel_OptionList& list) {
     size_t size = 0;
     for (uint32_t i = 0; i < list.count; ++i) {
@@ -81,7 +75,7 @@ size_t Ostrel_VSUtil_SizeOf(const Ostrel_OptionList& list) {
 
 Ostrel_Status Ostrel_VSUtil_AddOption(const OstrelJsonField& field, Ostrel_OptionValue&& value,
                                       Ostrel_OptionList* list) {
-    if (Ostrel_VSUtil_FindOption(*list, value.code) != nullptr)
+    if (Ostrel_FindOptionValue(*list, value.code) != nullptr)
         return OstrelJsonRefuse(field, "this option was given already");
     if (list->count == kMaxOptionValues) return OstrelJsonRefuse(field, "these are more than 64 options");
     if (list->values == nullptr) list->values = os_new_records<Ostrel_OptionValue>(kMaxOptionValues);

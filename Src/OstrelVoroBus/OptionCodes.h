@@ -16,8 +16,6 @@ enum class Ostrel_CodeUse { kAsk, kSend, kServe };
 [[nodiscard]] Ostrel_Status Ostrel_VSUtil_CheckCode(const OstrelJsonField& field, Ostrel_CodeUse use, uint8_t code);
 [[nodiscard]] Ostrel_Status Ostrel_VSUtil_ReadCode(const OstrelJsonField& field, Ostrel_CodeUse use, uint8_t* code);
 
-[[nodiscard]] const Ostrel_OptionValue* Ostrel_VSUtil_FindOption(const Ostrel_OptionList& list, uint8_t code);
-
 // Bytes that the options of a list take in a message, in parts where they are long.
 [[nodiscard]] size_t Ostrel_VSUtil_SizeOf(const Ostrel_OptionList& list);
 

@@ -11,6 +11,7 @@
 #include "Ostrel/DHCPServer.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/Log.h"
+#include "Ostrel/OstrelJsonUtilsOptions.h"
 #include "Ostrel/Publish.h"
 #include "Ostrel/System.h"
 
@@ -24,7 +25,7 @@ namespace {
 
 void PutIdentity(const Ostrel_LeaseInformation& lease, JValue& object) {
     if (lease.hostName != nullptr)
-        object.put("hostName", Ostrel_VSUtil_TextOf({lease.hostName.get(), lease.hostNameLength}));
+        object.put("hostName", OstrelJsonUtilsTextOf({lease.hostName.get(), lease.hostNameLength}));
     if (lease.clientIdentifier == nullptr) return;
 
     const std::span<const uint8_t> identifier{lease.clientIdentifier.get(), lease.clientIdentifierLength};

@@ -398,5 +398,36 @@ TEST_F(ValueKeys, NothingIsLeftWhenMemoryIsOut) {
     }
 }
 
+// Of the other methods.
+TEST_F(ValueKeys, AnActionsValuesGoWithTheirWords) {
+    EXPECT_EQ(Initialize("client", R"("rfc":true)"), R"({"returnValue":true})");
+    const struct {
+        const char *category, *method, *members, *problem;
+    } cases[] = {
+        {"/client", "leaseAction", R"("leaseAction":"renew","address":"192.0.2.7")",
+         R"("address": only "init" takes it)"},
+        {"/client", "leaseAction", R"("leaseAction":"init","address":"0.0.0.0")",
+         R"("address": no host can have this address)"},
+        {"/client", "leaseAction", R"("leaseAction":"init","address":7)",
+         R"("address": an IPv4 address such as 192.0.2.1 is wanted)"},
+        {"/client", "leaseAction", R"("leaseAction":"init","release":false)", R"("release": only "halt" takes it)"},
+        {"/client", "leaseAction", R"("leaseAction":"halt","release":1)", R"("release": true or false is wanted)"},
+        {"/", "interfaceFinalize", R"("release":"true")", R"("release": true or false is wanted)"},
+    };
+    for (const auto& c : cases) {
+        const std::string code = c.category[1] == '\0' ? R"("errorCode":-1,"errorText":"Failed",)" : "";
+        EXPECT_EQ(world.Call(c.category, c.method, std::string(R"({"interface":"eth0",)") + c.members + "}"),
+                  R"({"returnValue":false,)" + code + R"("problem":")" + Quoted(c.problem) + "\"}");
+        EXPECT_TRUE(world.Logged(c.problem));
+        EXPECT_NE(daemon.system.interfaceList, nullptr);
+    }
+    for (const char* members :
+         {R"("leaseAction":"init","address":"192.0.2.7")", R"("leaseAction":"halt","release":true)"})
+        EXPECT_EQ(world.Call("/client", "leaseAction", std::string(R"({"interface":"eth0",)") + members + "}"),
+                  R"({"returnValue":true})");
+    EXPECT_EQ(world.Call("/", "interfaceFinalize", R"({"interface":"eth0","release":true})"),
+              R"({"returnValue":true})");
+}
+
 }  // namespace
 }  // namespace sim
