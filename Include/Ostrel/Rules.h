@@ -16,7 +16,22 @@ struct Ostrel_ClientRules {
 };
 
 struct Ostrel_LinkLocalRules {
-    bool randomIsSecret;  // likewise, of the address and the waits
+    bool randomIsSecret;        // likewise, of the waits
+    bool addressFollowsMAC;     // the same device chooses the same addresses in the same order (RFC 3927 section 2.1)
+    uint32_t probeWait;         // before the first probe, at most (RFC 3927 section 9, PROBE_WAIT)
+    uint32_t probeMin;          // between two probes (PROBE_MIN)
+    uint32_t probeMax;          // likewise, at most (PROBE_MAX)
+    bool announceWaitIsLonger;  // ANNOUNCE_WAIT begins as long after the last probe as another one would come
+    uint32_t conflictPause;     // until another address is chosen, at most
+    bool slowProbes;            // after MAX_CONFLICTS probes too are RATE_LIMIT_INTERVAL apart, not only addresses
+    bool probesCount;           // of others for the same address, while it is probed; frames of the device's own
+                                // interfaces never do (RFC 3927 section 2.2.1)
+    uint32_t defendInterval;   // in which an address is defended once; 0: never (RFC 3927 section 2.5, DEFEND_INTERVAL)
+    uint32_t forgetConflicts;  // when an address was held so long; 0: never (RFC 3927 section 2.2.1)
+    bool endsAtOnce;           // with a conflict or "halt" the address is none any more, and no frame counts
+    bool onlyHeldIsShown;      // an address is told once it is announced, and posted then and when it is given up
+    uint32_t mostPerSecond;    // frames; 0: any number
+    uint32_t mostPerMinute;    // likewise
 };
 
 struct Ostrel_ServerRules {
@@ -68,7 +83,21 @@ inline constexpr Ostrel_Rules kPlainRules{
     .name = "plain",
     .interface{.linkIsWatched = false},
     .client{.randomIsSecret = false},
-    .linkLocal{.randomIsSecret = false},
+    .linkLocal{.randomIsSecret = false,
+               .addressFollowsMAC = false,
+               .probeWait = 0,
+               .probeMin = 0,
+               .probeMax = 1000,
+               .announceWaitIsLonger = true,
+               .conflictPause = 1000,
+               .slowProbes = true,
+               .probesCount = false,
+               .defendInterval = 0,
+               .forgetConflicts = 0,
+               .endsAtOnce = false,
+               .onlyHeldIsShown = false,
+               .mostPerSecond = 0,
+               .mostPerMinute = 0},
     .server{.knowsByIdentifier = false,
             .discoverKeepsLease = false,
             .remembersHolders = false,
@@ -98,7 +127,21 @@ inline constexpr Ostrel_Rules kRFCRules{
     .name = "rfc",
     .interface{.linkIsWatched = true},
     .client{.randomIsSecret = true},
-    .linkLocal{.randomIsSecret = true},
+    .linkLocal{.randomIsSecret = true,
+               .addressFollowsMAC = true,
+               .probeWait = 1000,
+               .probeMin = 1000,
+               .probeMax = 2000,
+               .announceWaitIsLonger = false,
+               .conflictPause = 0,
+               .slowProbes = false,
+               .probesCount = true,
+               .defendInterval = 10'000,
+               .forgetConflicts = 60'000,
+               .endsAtOnce = true,
+               .onlyHeldIsShown = true,
+               .mostPerSecond = 4,
+               .mostPerMinute = 30},
     .server{.knowsByIdentifier = true,
             .discoverKeepsLease = true,
             .remembersHolders = true,

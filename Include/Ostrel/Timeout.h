@@ -44,3 +44,6 @@ void Ostrel_CancelTimeout(Ostrel_InterfaceObj* iface, void* role, eloop_timeout_
 // Draws a delay from `minimum` up to but excluding `maximum`, or `minimum` when the maximum is not above it. From the C
 // library's generator, which is never seeded: the sequence is the same in every run.
 void Ostrel_RandomizeTimeout(uint32_t minimum, uint32_t maximum, uint32_t* result);
+
+// The same by a role's rules: from the device's entropy where it is secret.
+[[nodiscard]] uint32_t Ostrel_DrawTimeout(bool isSecret, uint32_t minimum, uint32_t maximum);

@@ -6,11 +6,15 @@
 #include "Ostrel/Timeout.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cstdlib>
 
 #include "Ostrel/Interface.h"
 #include "Ostrel/Log.h"
 #include "Ostrel/System.h"
+
+#include "os_random.h"
 
 namespace {
 
@@ -102,4 +106,16 @@ void Ostrel_RandomizeTimeout(uint32_t minimum, uint32_t maximum, uint32_t* resul
     }
     DebugPrintF(kDebugLevelTrace, "Randomized min (%d msecs) and max (%d msecs) to %d msecs\n", minimum, maximum,
                 *result);
+}
+
+uint32_t Ostrel_DrawTimeout(bool isSecret, uint32_t minimum, uint32_t maximum) {
+    uint32_t drawn = minimum;
+    if (!isSecret) {
+        Ostrel_RandomizeTimeout(minimum, maximum, &drawn);
+        return drawn;
+    }
+    std::array<uint8_t, sizeof(uint32_t)> bytes{};
+    os_random_bytes(bytes);
+    if (maximum > minimum) drawn += std::bit_cast<uint32_t>(bytes) % (maximum - minimum);
+    return drawn;
 }

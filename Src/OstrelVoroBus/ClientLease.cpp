@@ -27,7 +27,7 @@ constexpr auto kLinkLocalMask = std::bit_cast<Ostrel_IPv4>(std::array<uint8_t, 4
 
 void PutAddressWithoutLease(const Ostrel_InterfaceObj* iface, JValue& object) {
     const bool selects = (iface->mode & kOstrelModeLinkLocal) != 0 && iface->linkLocal != nullptr;
-    const Ostrel_IPv4 address = selects ? iface->linkLocal->IPv4Address : kAnyIPv4;
+    const Ostrel_IPv4 address = selects ? Ostrel_LinkLocalShownAddress(iface->linkLocal) : kAnyIPv4;
     OstrelJsonUtilsIPv4Put(object, "ipv4Address", address);
     if (address != kAnyIPv4) OstrelJsonUtilsIPv4Put(object, "ipv4Subnet", kLinkLocalMask);
 }
