@@ -68,6 +68,9 @@ Ostrel_Status OstrelJsonUtilsIPv4ArrayPut(valdo::JValue& object, const char* key
 // "00:1a:2b:3c:4d:5e".
 Ostrel_Status OstrelJsonUtilsMACPut(valdo::JValue& object, const char* key, const Ostrel_MAC& address);
 
+// Two lower-case hexadecimal digits for each byte. Nothing is put when memory is out.
+void OstrelJsonUtilsHexPut(valdo::JValue& object, std::string_view key, std::span<const uint8_t> bytes);
+
 // Replaces the string that *value owns (from os_zalloc, or null) by a copy of the text; the caller frees it with
 // os_free. kGenericErr when the key is absent or no string, kOutOfMemoryErr with *value null.
 [[nodiscard]] Ostrel_Status OstrelJsonUtilsStringDup(const valdo::JValue& object, const char* key, char** value);

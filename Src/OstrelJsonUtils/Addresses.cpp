@@ -1,4 +1,4 @@
-// Addresses in JSON.
+// Addresses in JSON, and bytes that are no address.
 //
 // An IPv4 address is a dotted quad, read with inet_aton and written with inet_ntop, and held in network byte order; an
 // Ethernet address is six pairs of lower-case hexadecimal digits. An address of 0 means "none" in every record, so
@@ -13,6 +13,8 @@
 #include "Ostrel/Check.h"
 #include "Ostrel/Log.h"
 #include "Ostrel/OstrelJsonUtils.h"
+
+#include "os_memory.h"
 
 using valdo::JValue;
 
@@ -92,4 +94,15 @@ Ostrel_Status OstrelJsonUtilsMACPut(JValue& object, const char* key, const Ostre
                   address[3], address[4], address[5]);
     object.put(key, text.data());
     return kNoErr;
+}
+
+void OstrelJsonUtilsHexPut(JValue& object, std::string_view key, std::span<const uint8_t> bytes) {
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    const os_array<char> text = os_zalloc_array<char>(2 * bytes.size() + 1);
+    if (text == nullptr) return;
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        text[2 * i] = kDigits[bytes[i] >> 4];
+        text[2 * i + 1] = kDigits[bytes[i] & 0xF];
+    }
+    object.put(key, text.get());
 }

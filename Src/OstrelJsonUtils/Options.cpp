@@ -150,17 +150,6 @@ JValue DecodeDomains(Data data) {
     return data.empty() ? JValue() : domains;
 }
 
-// Null when memory is out.
-os_array<char> HexOf(Data data) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    os_array<char> text = os_zalloc_array<char>(2 * data.size() + 1);
-    for (size_t i = 0; text != nullptr && i < data.size(); ++i) {
-        text[2 * i] = kDigits[data[i] >> 4];
-        text[2 * i + 1] = kDigits[data[i] & 0xF];
-    }
-    return text;
-}
-
 Data DataOf(const Ostrel_OptionValue& option) {
     return {option.data.get(), option.length};
 }
@@ -193,10 +182,8 @@ const OstrelJsonOption gOstrelJsonOptions[] = {
 
 void OstrelJsonUtilsOptionsPut(JValue& object, const Ostrel_OptionList& options) {
     JValue bytes = valdo::Object();
-    for (uint32_t i = 0; i < options.count; ++i) {
-        const os_array<char> text = HexOf(DataOf(options.values[i]));
-        if (text != nullptr) bytes.put(std::to_string(options.values[i].code), text.get());
-    }
+    for (uint32_t i = 0; i < options.count; ++i)
+        OstrelJsonUtilsHexPut(bytes, std::to_string(options.values[i].code), DataOf(options.values[i]));
     object.put("options", std::move(bytes));
     for (const OstrelJsonOption* known = gOstrelJsonOptions; known->key != nullptr; ++known)
         PutDecoded(*known, options, object);

@@ -1,9 +1,9 @@
-// Methods that act on what is managed already: "/" "interfaceFinalize", "/" "setDebugLevel", "/client" "leaseAction",
-// and what happens when a subscription ends.
+// Methods that act on what is managed already: "/" "interfaceFinalize", "/" "setDebugLevel", "/client" and "/server"
+// "leaseAction", and what happens when a subscription ends.
 //
 // Each handler reads its request with a function of its own that returns a status, and answers with that; what fails
 // there is reported under the handler's name. Only "interfaceFinalize" gives an error code and text with a failure; the
-// other two give the bare outcome. The keys beside the usual ones are taken strictly: one that can't be used, or that
+// others give the bare outcome. The keys beside the usual ones are taken strictly: one that can't be used, or that
 // does not go with the word, fails the call before anything is done, and the reply says why.
 
 #include <optional>
@@ -11,6 +11,7 @@
 
 #include "Ostrel/Check.h"
 #include "Ostrel/DHCPClient.h"
+#include "Ostrel/DHCPServer.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/LinkLocal.h"
 #include "Ostrel/Log.h"
@@ -85,6 +86,33 @@ Ostrel_Status ActOnLease(Ostrel_Request& request, Ostrel_SystemObj* sysObj) {
     return kNoErr;
 }
 
+Ostrel_Status FindServer(Ostrel_Request& request, const Ostrel_SystemObj* sysObj, Ostrel_ServerObj** server) {
+    const OstrelJsonField field = OstrelJsonFieldOf(request.root, "interface", &request.problem);
+    std::string name;
+    const Ostrel_Status status = OstrelJsonReadText(field, {1, kInterfaceNameSize - 1}, &name);
+    if (status != kNoErr) return status;
+    const Ostrel_InterfaceObj* iface = Ostrel_VSUtil_FindInterface(sysObj, name);
+    if (iface == nullptr || iface->dhcpServer == nullptr) return OstrelJsonRefuse(field, "runs no server");
+    *server = iface->dhcpServer;
+    return kNoErr;
+}
+
+// Unlike the client's, this action has no caller that a strict reading could surprise.
+Ostrel_Status ActOnAddress(Ostrel_Request& request, const Ostrel_SystemObj* sysObj) {
+    const OstrelJsonField place = OstrelJsonFieldOf(request.root, "ipv4Address", &request.problem);
+    const OstrelJsonField word = OstrelJsonFieldOf(request.root, "leaseAction", &request.problem);
+    Ostrel_ServerObj* server = nullptr;
+    Ostrel_IPv4 address = kAnyIPv4;
+    std::string action;
+    Ostrel_Status status = FindServer(request, sysObj, &server);
+    if (status == kNoErr) status = OstrelJsonReadHostIPv4(place, &address);
+    if (status != kNoErr) return status;
+    if (word.value.asString(action) != valdo::CONV_OK || (action != "release" && action != "hold"))
+        return OstrelJsonRefuse(word, "\"release\" or \"hold\" is wanted");
+    status = Ostrel_DHCPServerLeaseAction(server, address, action.c_str());
+    return status == kNoSuchItemErr ? OstrelJsonRefuse(place, "is not the server's to give") : status;
+}
+
 }  // namespace
 
 bool Ostrel_VoroMethod_InterfaceFinalize(VSHandle* handle, VSMessage* message, void* context) {
@@ -109,6 +137,14 @@ bool Ostrel_VoroMethod_ClientLeaseAction(VSHandle* handle, VSMessage* message, v
     Ostrel_Request request{__func__};
     Ostrel_Status status = Ostrel_VSUtil_ReadRequest(message, context, &request);
     if (status == kNoErr) status = ActOnLease(request, sysObj);
+    Ostrel_VSUtil_SendPlainReply(request, handle, message, status);
+    return true;
+}
+
+bool Ostrel_VoroMethod_ServerLeaseAction(VSHandle* handle, VSMessage* message, void* context) {
+    Ostrel_Request request{__func__};
+    Ostrel_Status status = Ostrel_VSUtil_ReadRequest(message, context, &request);
+    if (status == kNoErr) status = ActOnAddress(request, static_cast<const Ostrel_SystemObj*>(context));
     Ostrel_VSUtil_SendPlainReply(request, handle, message, status);
     return true;
 }

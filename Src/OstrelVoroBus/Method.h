@@ -33,6 +33,7 @@ bool Ostrel_VoroMethod_InterfaceFinalize(VSHandle* handle, VSMessage* message, v
 bool Ostrel_VoroMethod_InterfaceConfigDump(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_ClientLeaseAction(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_ClientLeaseInformation(VSHandle* handle, VSMessage* message, void* context);
+bool Ostrel_VoroMethod_ServerLeaseAction(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_ServerLeaseInformation(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_Unsubscribe(VSHandle* handle, VSMessage* message, void* context);
 

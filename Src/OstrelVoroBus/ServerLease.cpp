@@ -3,7 +3,9 @@
 //
 // Every slot that is not free is listed, one that was merely offered included. A reply holds its entries under
 // "interfaceList", a post under "leases". A client that identifies itself by an Ethernet address is listed under that
-// address, which need not be the one its frames came from. What is sent is put together in LeaseTexts.cpp.
+// address, which need not be the one its frames came from. Where identifiers count, they are shown byte for byte as
+// well, so that a table that is given back after a restart knows its clients. What is sent is put together in
+// LeaseTexts.cpp.
 
 #include <utility>
 
@@ -23,7 +25,7 @@ using valdo::JValue;
 
 namespace {
 
-void PutIdentity(const Ostrel_LeaseInformation& lease, JValue& object) {
+void PutIdentity(const Ostrel_ServerObj& server, const Ostrel_LeaseInformation& lease, JValue& object) {
     if (lease.hostName != nullptr)
         object.put("hostName", OstrelJsonUtilsTextOf({lease.hostName.get(), lease.hostNameLength}));
     if (lease.clientIdentifier == nullptr) return;
@@ -33,6 +35,8 @@ void PutIdentity(const Ostrel_LeaseInformation& lease, JValue& object) {
         object.put("clientIdentifier", Ostrel_VSUtil_IdentifierText(identifier));
     else if (const auto address = Ostrel_VSUtil_IdentifierAddress(identifier))
         OstrelJsonUtilsMACPut(object, "mac", *address);
+    if (server.rules->knowsByIdentifier && identifier.size() > 1)
+        OstrelJsonUtilsHexPut(object, "clientIdentifierHex", identifier);
 }
 
 JValue LeasesOf(Ostrel_SystemObj* sysObj, Ostrel_ServerObj* server) {
@@ -68,7 +72,7 @@ Ostrel_Status Ostrel_VoroServiceCreateServerLeaseInformationObject(Ostrel_System
     OstrelJsonUtilsMACPut(object, "mac", lease->srcMAC);
     Ostrel_VSUtil_LogServerTime(server->leaseTime);
     Ostrel_VSUtil_PutLeaseTimes(sysObj, lease->offerTime, server->leaseTime, object);
-    PutIdentity(*lease, object);
+    PutIdentity(*server, *lease, object);
     return kNoErr;
 }
 

@@ -26,6 +26,7 @@ const VSMethod gOstrelServiceMethodsClient[] = {
 };
 
 const VSMethod gOstrelServiceMethodsServer[] = {
+    {"leaseAction", Ostrel_VoroMethod_ServerLeaseAction, 0},
     {"leaseInformation", Ostrel_VoroMethod_ServerLeaseInformation, 0},
     {nullptr, nullptr, 0},
 };

@@ -45,7 +45,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     constexpr std::pair<const char*, const char*> kMethods[] = {
         {"/", "interfaceInitialize"}, {"/client", "leaseInformation"}, {"/server", "leaseInformation"},
         {"/client", "leaseAction"},   {"/", "interfaceFinalize"},      {"/", "setDebugLevel"},
-        {"/", "interfaceConfigDump"},
+        {"/", "interfaceConfigDump"}, {"/server", "leaseAction"},
     };
     static FuzzDevice device;
     if (size == 0) return 0;

@@ -23,6 +23,7 @@ METHODS = {
     ("/", "interfaceConfigDump"): {"returnValue": False, "interfaceList": []},
     ("/client", "leaseAction"): REFUSED,
     ("/client", "leaseInformation"): {**FAILED, "interfaceList": []},
+    ("/server", "leaseAction"): REFUSED,
     ("/server", "leaseInformation"): {**FAILED, "interfaceList": []},
 }
 NO_OBJECTS = ["", " ", "not JSON at all", "{", "{}}", "[]", '["interface", "eth0"]', "42", "null", '"interface"',
@@ -183,7 +184,7 @@ class Requests(lab.LabTest):
             with self.assertRaises(BusError):
                 daemon.bus.raw_call(lab.SERVICE, "/", lab.SERVICE, "interfaceConfigDump", *texts)
         with self.assertRaises(BusError) as unknown:
-            daemon.bus.call("/server", "leaseAction", "{}")
+            daemon.bus.call("/server", "interfaceFinalize", "{}")
         self.assertEqual(unknown.exception.name, "org.freedesktop.DBus.Error.UnknownMethod")
         self.assertEqual(daemon.request("/", "interfaceConfigDump"), {"returnValue": True, "interfaceList": []})
 
@@ -195,7 +196,7 @@ class Requests(lab.LabTest):
             "/": {".setDebugLevel": text, ".interfaceInitialize": text, ".interfaceFinalize": text,
                   ".interfaceConfigDump": text},
             "/client": {".leaseAction": text, ".leaseInformation": text, ".leaseInformationUpdate": signal},
-            "/server": {".leaseInformation": text, ".leaseInformationUpdate": signal},
+            "/server": {".leaseAction": text, ".leaseInformation": text, ".leaseInformationUpdate": signal},
         }
         for path, members in expected.items():
             interface = lab.SERVICE if path == "/" else f"{lab.SERVICE}.{path[1:]}"
