@@ -15,11 +15,11 @@
 #include "os_memory.h"
 
 // Client states (RFC 2131 section 4.4). BOUND begins with the DHCPACK, but its lease counts, and is published, only
-// when the ARP check of the address has ended, kARPCheckSeconds later.
+// when the ARP check of the address has ended.
 enum Ostrel_ClientState : uint32_t {
     kClientStateUnknown = 0,  // a static client that no lease action has touched
     kClientStateInit = 1,
-    kClientStateRebooting = 2,  // never entered
+    kClientStateRebooting = 2,  // an address that the client had is asked for, or a lease that it holds confirmed
     kClientStateSelecting = 3,
     kClientStateRebinding = 4,
     kClientStateRequesting = 5,
@@ -31,8 +31,10 @@ enum Ostrel_ClientState : uint32_t {
 // "INIT", "INIT-REBOOT" and so on; "UNKNOWN" for any other value.
 [[nodiscard]] const char* Ostrel_ClientStateString(Ostrel_ClientState state);
 
-// How long the address of a new lease is checked with ARP before the lease counts and is published.
+// How long the address of a new lease is checked with ARP before the lease counts and is published, by the plain rules
+// and where no caller says otherwise.
 constexpr uint32_t kARPCheckSeconds = 2;
+static_assert(kPlainRules.client.arpCheck == kARPCheckSeconds * 1000);
 
 struct Ostrel_LeaseOffer {
     Ostrel_IPv4 address;
@@ -51,7 +53,7 @@ struct Ostrel_ClientLease {
     int32_t numIPv4Routers;
     os_array<Ostrel_IPv4> IPv4DNSServers;
     int32_t numIPv4DNSServers;
-    uint32_t renewalTime;       // T1, from the end of the ARP check
+    uint32_t renewalTime;       // T1, from the end of the ARP check or from the REQUEST, as the rules say
     uint32_t rebindingTime;     // T2
     uint32_t leaseTime;         // kInfiniteLease: for ever
     uint32_t leaseAcquired;     // monotonic clock when the DHCPACK was taken
@@ -59,6 +61,7 @@ struct Ostrel_ClientLease {
     uint32_t domainNameLen;     // without the NUL
     uint32_t renewRetryTime;    // of the RENEWING period, what retransmissions have not used yet; starts as T2 - T1
     uint32_t rebindRetryTime;   // likewise for REBINDING; starts as lease time - T2
+    Ostrel_OptionList options;  // what the caller asked for beside the usual, as it came
 };
 
 // What keeps a refused or contested client from asking at wire speed: of any ten seconds the first ten messages of a
@@ -69,24 +72,54 @@ struct Ostrel_StormBreaker {
     bool holds;                     // whether further ones are held back
 };
 
+// When the latest frames of a client went out, in milliseconds of the monotonic clock: a ring.
+struct Ostrel_FrameRecord {
+    std::array<uint64_t, 30> sent;
+    uint32_t count;  // of them so far
+};
+
+// Moments are in milliseconds of the monotonic clock.
 struct Ostrel_ClientObj {
     Ostrel_InterfaceObj* iface;        // not owned
     const Ostrel_ClientRules* rules;   // never null
     Ostrel_PacketFilter packetFilter;  // UDP port 68; owned
     Ostrel_ClientState state;
-    uint32_t transactionID;              // its bytes in memory are the xid on the wire
-    uint16_t maxMessageSize;             // bytes; option 57
+    uint32_t transactionID;     // its bytes in memory are the xid on the wire
+    uint64_t transactionStart;  // from which secs counts
+    uint16_t secs;              // of the latest DISCOVER or REQUEST
+    uint16_t maxMessageSize;    // bytes; option 57
+    Ostrel_MAC macAddr;         // the interface's, as the client last saw it
+    bool identifierIsAddress;   // the identifier is made of macAddr
+    bool broadcast;             // replies are asked for by broadcast
+    bool linkIsLost;
+    bool isChecking;                     // the address, with ARP; in BOUND
+    uint32_t configMode;                 // kOstrelConfig bits
     os_array<uint8_t> clientIdentifier;  // option 61: a type byte, then the identifier
     uint32_t clientIdentifierLen;        // type byte included
-    os_array<uint8_t> requestedOptions;  // option 55: one code a byte
     uint32_t numRequestedOptions;
-    uint32_t selectingTime;  // seconds that a first offer is waited for after a DISCOVER
-    uint32_t initDelayMin;   // seconds; bounds of the random delay before a DISCOVER
+    os_array<uint8_t> requestedOptions;  // option 55: one code a byte
+    os_array<uint8_t> wantedOptions;     // the caller's of them, kept with the lease
+    uint32_t numWantedOptions;
+    uint32_t sentOptionsLen;        // bytes
+    os_array<uint8_t> sentOptions;  // of the caller's, for DISCOVERs and REQUESTs, as they stand on the wire
+    uint32_t arpCheck;              // milliseconds; 0: addresses are not checked
+    uint32_t selectingTime;         // milliseconds that an offer is waited for after the next DISCOVER
+    uint32_t initDelayMin;          // seconds; bounds of the random delay before a DISCOVER
     uint32_t initDelayMax;
     os_owner<Ostrel_LeaseOffer> leaseOffers;  // in the order of arrival
-    uint32_t configMode;                      // kOstrelConfig bits
     Ostrel_ClientLease lease;
-    uint32_t requestRetries;  // retransmissions of the REQUEST in REQUESTING so far
+    uint64_t requestSent;         // when the lease was asked for
+    uint64_t heldSince;           // when it began to count; meaningless unless the interface's leaseIsHeld
+    uint32_t requestRetries;      // retransmissions of the REQUEST in REQUESTING or REBOOTING so far
+    Ostrel_IPv4 rebootAddress;    // asked for in REBOOTING
+    uint32_t setbacks;            // refusals and conflicts since a lease lasted
+    uint32_t probesLeft;          // of the check under way
+    uint32_t announcementsLeft;   // when it is over
+    uint32_t defences;            // of the lease's address so far
+    uint64_t lastDefence;         // meaningless without one
+    Ostrel_IPv4 declinedAddress;  // of the DECLINE that waits to be sent
+    Ostrel_IPv4 declinedServer;   // likewise
+    Ostrel_FrameRecord frames;
     Ostrel_StormBreaker discovers;
     Ostrel_StormBreaker declines;
 };
@@ -104,12 +137,13 @@ struct Ostrel_ActionValues {
     bool release;         // of "halt": the server is told that the lease is not needed any more
 };
 
-// "init", "renew" and "rebind" drop what the client holds and acquire anew; "halt" drops it and idles. kBadParamErr for
-// any other word, kGenericErr without a client.
+// "init" drops what the client holds and acquires anew; so do "renew" and "rebind", unless the rules have them extend
+// the lease that is held. "halt" drops it and idles. kBadParamErr for any other word, kGenericErr without a client.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPClientLeaseAction(Ostrel_InterfaceObj* iface, const char* action,
                                                          const Ostrel_ActionValues& values = {});
 
-// Every ARP frame of the interface: a reply from another host for the leased address takes the lease away.
+// Every ARP frame of the interface: one of another host that has the leased address takes the lease away. The rules say
+// which frames count, and whether the lease is defended first.
 void Ostrel_DHCPClientARPPacketHandler(Ostrel_ClientObj* client, const Ostrel_EthernetHeader* frame,
                                        const Ostrel_ARPHeader* arpHeader, const Ostrel_ARPAddresses* addresses);
 

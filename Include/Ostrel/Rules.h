@@ -11,8 +11,36 @@
 
 // Milliseconds unless a field says otherwise.
 struct Ostrel_ClientRules {
-    bool randomIsSecret;  // transaction ids and waits are drawn from the device's entropy, not the C library (RFC 2131
-                          // section 4.1)
+    bool randomIsSecret;         // transaction ids and waits are drawn from the device's entropy, not the C library
+                                 // (RFC 2131 section 4.1)
+    uint32_t jitter;             // a wait is longer or shorter by up to so much (RFC 2131 section 4.1)
+    uint32_t leaseFuzz;          // per cent by which T1 and T2 come earlier, at most (RFC 2131 section 4.4.5)
+    bool discoverIsRepeated;     // where nobody offers: in the same transaction, for ever, rather than in a new one
+                                 // after 2 to 512 s (RFC 2131 section 4.1)
+    uint32_t firstRetry;         // how long an offer is waited for after the first DISCOVER (RFC 2131 section 4.1)
+    uint32_t longestRetry;       // and, doubled each time, after later ones
+    bool answersAreMatched;      // a DHCPACK to a chosen offer and a DHCPNAK count from the server asked, a DHCPNAK
+                                 // also by its xid, and only where one is awaited (RFC 2131 sections 3.1, 4.4.5)
+    uint32_t firstPause;         // after a DHCPNAK, or a lease that was over at once
+    uint32_t longestPause;       // and, doubled each time until a lease has lasted, after later ones
+    uint32_t declinePause;       // after a conflict, at least (RFC 2131 section 3.1, RFC 5227 section 2.1.1)
+    bool malformedAckEndsLease;  // while it is extended
+    bool valuesAreChecked;       // of a DHCPACK; what can be done without is left out (RFC 2131 section 4.4.5)
+    bool messagesFollowTable5;   // secs is counted; renewals have ciaddr and go to option 54, DECLINEs are broadcast
+                                 // and name address and server (RFC 2131 sections 4.3.6, 4.4.4, table 5)
+    uint32_t leastMessage;       // bytes that a message is padded to (RFC 1542 section 2.1)
+    bool actionsExtend;          // "renew" and "rebind" extend the lease that is held, rather than drop it
+    uint32_t arpCheck;           // how long an address is checked before its lease counts, unless a caller says
+    uint32_t probes;             // in that time (RFC 5227 section 1.1, PROBE_NUM)
+    uint32_t announcements;      // after it (ANNOUNCE_NUM)
+    bool extensionIsChecked;     // with ARP; RFC 5227 section 2.1 has it that a host must not
+    bool anyARPFrameCounts;      // as a conflict, whose sender has the address, and probes of others; not those of the
+                                 // device's own interfaces (RFC 5227 section 2.1.1)
+    uint32_t defendInterval;     // in which a lease is defended once; 0: never (RFC 5227 section 2.4)
+    bool timesAreTheServers;     // the lease's times count from the REQUEST, and while the device sleeps (RFC 2131
+                                 // section 4.4.1)
+    uint32_t mostPerSecond;      // frames, DHCP and ARP; 0: any number
+    uint32_t mostPerMinute;      // likewise
 };
 
 struct Ostrel_LinkLocalRules {
@@ -82,7 +110,30 @@ struct Ostrel_Rules {
 inline constexpr Ostrel_Rules kPlainRules{
     .name = "plain",
     .interface{.linkIsWatched = false},
-    .client{.randomIsSecret = false},
+    .client{.randomIsSecret = false,
+            .jitter = 0,
+            .leaseFuzz = 0,
+            .discoverIsRepeated = false,
+            .firstRetry = 3000,
+            .longestRetry = 3000,
+            .answersAreMatched = false,
+            .firstPause = 0,
+            .longestPause = 0,
+            .declinePause = 0,
+            .malformedAckEndsLease = true,
+            .valuesAreChecked = false,
+            .messagesFollowTable5 = false,
+            .leastMessage = 0,
+            .actionsExtend = false,
+            .arpCheck = 2000,
+            .probes = 1,
+            .announcements = 0,
+            .extensionIsChecked = true,
+            .anyARPFrameCounts = false,
+            .defendInterval = 0,
+            .timesAreTheServers = false,
+            .mostPerSecond = 0,
+            .mostPerMinute = 0},
     .linkLocal{.randomIsSecret = false,
                .addressFollowsMAC = false,
                .probeWait = 0,
@@ -126,7 +177,30 @@ inline constexpr Ostrel_Rules kPlainRules{
 inline constexpr Ostrel_Rules kRFCRules{
     .name = "rfc",
     .interface{.linkIsWatched = true},
-    .client{.randomIsSecret = true},
+    .client{.randomIsSecret = true,
+            .jitter = 1000,
+            .leaseFuzz = 5,
+            .discoverIsRepeated = true,
+            .firstRetry = 4000,
+            .longestRetry = 64'000,
+            .answersAreMatched = true,
+            .firstPause = 1000,
+            .longestPause = 64'000,
+            .declinePause = 10'000,
+            .malformedAckEndsLease = false,
+            .valuesAreChecked = true,
+            .messagesFollowTable5 = true,
+            .leastMessage = 300,
+            .actionsExtend = true,
+            .arpCheck = 500,
+            .probes = 3,
+            .announcements = 2,
+            .extensionIsChecked = false,
+            .anyARPFrameCounts = true,
+            .defendInterval = 10'000,
+            .timesAreTheServers = true,
+            .mostPerSecond = 4,
+            .mostPerMinute = 30},
     .linkLocal{.randomIsSecret = true,
                .addressFollowsMAC = true,
                .probeWait = 1000,

@@ -1,4 +1,4 @@
-// The client object: made from a configuration, started and stopped by lease actions, finalised with its interface.
+// The client object: made from a configuration, finalised with its interface.
 //
 // A dhcp client is born idle, in INIT-REBOOT, and sends nothing before a lease action. A static client never talks
 // DHCP: its lease is the configuration, published once at birth and again at each lease action but "halt".
@@ -56,11 +56,42 @@ void FillStaticLease(Ostrel_ClientObj* client, const Ostrel_InterfaceConfig* con
 }
 
 Ostrel_Status SetupIdentifierFrom(Ostrel_ClientObj* client, const Ostrel_InterfaceConfig* config) {
-    if (config->clientIdentifier == nullptr) {
+    const Ostrel_ClientValues& values = config->client;
+    if (values.clientIdentifierLength != 0) {
+        const std::span<const uint8_t> identifier{values.clientIdentifier.get(), values.clientIdentifierLength};
+        return Ostrel_DHCPSetupClientIdentifier(client, identifier[0], identifier.subspan(1));
+    }
+    client->identifierIsAddress = config->clientIdentifier == nullptr;
+    if (client->identifierIsAddress) {
         return Ostrel_DHCPSetupClientIdentifier(client, kIdentifierTypeEthernet, client->iface->macAddr);
     }
     const auto* text = reinterpret_cast<const uint8_t*>(config->clientIdentifier);
     return Ostrel_DHCPSetupClientIdentifier(client, kIdentifierTypeText, {text, std::strlen(config->clientIdentifier)});
+}
+
+// The usual options, then those of the caller that are not among them; what comes under the caller's is kept.
+Ostrel_Status SetupRequestedOptions(Ostrel_ClientObj* client, std::span<const uint8_t> wanted) {
+    for (const std::span<const uint8_t> codes : {std::span<const uint8_t>{kRequestedOptions}, wanted}) {
+        for (const uint8_t code : codes) {
+            const std::span<const uint8_t> known{client->requestedOptions.get(), client->numRequestedOptions};
+            if (std::find(known.begin(), known.end(), code) != known.end()) continue;
+            const Ostrel_Status status = Ostrel_DHCPAddRequestedOption(client, code);
+            if (status != kNoErr) return status;
+        }
+    }
+    if (wanted.empty()) return kNoErr;
+    client->wantedOptions = os_copy_array<uint8_t>(wanted);
+    OSTREL_REQUIRE(client->wantedOptions != nullptr, "client->wantedOptions", kOutOfMemoryErr);
+    client->numWantedOptions = static_cast<uint32_t>(wanted.size());
+    return kNoErr;
+}
+
+// What a caller gave beside the usual values.
+Ostrel_Status TakeValues(Ostrel_ClientObj* client, const Ostrel_ClientValues& values) {
+    client->broadcast = values.broadcast;
+    client->arpCheck = values.arpCheck.value_or(client->rules->arpCheck);
+    const Ostrel_Status status = SetupRequestedOptions(client, {values.requested.get(), values.numRequested});
+    return status == kNoErr ? Ostrel_DHCPClientKeepSentOptions(client, values.sent) : status;
 }
 
 }  // namespace
@@ -72,10 +103,10 @@ Ostrel_Status Ostrel_DHCPClientInitialize(Ostrel_InterfaceObj* iface, const Ostr
     client->rules = &iface->rules->client;
     OSTREL_REQUIRE_NOERR(Ostrel_BOOTPClientPacketFilterInitialize(client.get()));
 
+    client->macAddr = iface->macAddr;
     client->maxMessageSize = kMaxMessageSize;
     client->initDelayMin = kClientTimeouts[kClientTimeoutInit].shortest / 1000;
     client->initDelayMax = kClientTimeouts[kClientTimeoutInit].longest / 1000;
-    client->selectingTime = kClientTimeouts[kClientTimeoutSelecting].longest / 1000;
     client->configMode = config->configMode;
     const bool isStatic = Ostrel_DHCPClientIsStatic(client.get());
     const bool manualAddress = (client->configMode & kOstrelConfigDHCPManualAddress) != 0;
@@ -83,9 +114,7 @@ Ostrel_Status Ostrel_DHCPClientInitialize(Ostrel_InterfaceObj* iface, const Ostr
     if (isStatic) FillStaticLease(client.get(), config);
 
     OSTREL_REQUIRE_NOERR(SetupIdentifierFrom(client.get(), config));
-    for (const uint8_t code : kRequestedOptions) {
-        OSTREL_REQUIRE_NOERR(Ostrel_DHCPAddRequestedOption(client.get(), code));
-    }
+    OSTREL_REQUIRE_NOERR(TakeValues(client.get(), config->client));
 
     iface->dhcpClient = client.release();
     if (isStatic) {
@@ -102,25 +131,3 @@ void Ostrel_DHCPClientFinalize(Ostrel_ClientObj* client) {
     Ostrel_DHCPClientFreeLeaseOffers(client);
     os_delete(client);
 }
-
-Ostrel_Status Ostrel_DHCPClientLeaseAction(Ostrel_InterfaceObj* iface, const char* action,
-                                           const Ostrel_ActionValues& /*values*/) {
-    OSTREL_REQUIRE(iface->dhcpClient != nullptr, "iface->dhcpClient", kGenericErr);
-    const std::string_view word = action;
-    if (word == "init" || word == "renew" || word == "rebind") {
-        Ostrel_DHCPClientStateTransition_Init(iface->dhcpClient);
-        return kNoErr;
-    }
-    if (word == "halt") {
-        Ostrel_DHCPClientStateTransition_InitReboot(iface->dhcpClient);
-        return kNoErr;
-    }
-    DebugPrintF(kDebugLevelInfo, "[%s] DHCP Client unknown action request <%s>.\n", iface->ifname.data(), action);
-    return kBadParamErr;
-}
-
-void Ostrel_DHCPClientRelease(Ostrel_ClientObj* /*client*/) {}
-
-void Ostrel_DHCPClientLinkChanged(Ostrel_ClientObj* /*client*/, bool /*isRunning*/) {}
-
-void Ostrel_DHCPClientWokeUp(Ostrel_ClientObj* /*client*/) {}

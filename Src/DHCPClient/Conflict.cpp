@@ -1,38 +1,123 @@
-// The ARP check of the leased address (RFC 2131 section 4.4.1, RFC 5227 section 2.1).
+// The ARP check of the leased address, and its defence (RFC 2131 section 4.4.1, RFC 5227).
 //
-// A reply from another host for the leased address means that the address is taken: the server is told with a DECLINE
-// and the client starts over. That holds for the two seconds before a lease is published and for as long as it lives.
+// While a new address is checked, and for as long as its lease lives, a frame of another host that has the address
+// means that it is taken: the server is told with a DECLINE and the client starts over. By the plain rules only a reply
+// counts, at any time. By the rfc rules any frame counts whose sender has the address, under the check also a probe for
+// it, and an address in use is defended first.
 #include <endian.h>
 
 #include "Ostrel/Check.h"
 #include "Ostrel/Log.h"
 
 #include "DHCPClient/Machine.h"
+#include "os_device.h"
+#include "os_time.h"
 
 namespace {
 
+// Of the check's length. Probes are one or two ninths apart, at random, and four are left for the last answer: with
+// 9000 ms as PROBE_MIN, PROBE_MAX and ANNOUNCE_WAIT of RFC 5227 section 1.1 have it.
+constexpr uint32_t kCheckParts = 9;
+
+// Whoever calls it reports its failure; likewise below.
+Ostrel_Status Probe(Ostrel_ClientObj* client) {
+    const Ostrel_Status status = Ostrel_DHCPClientAskARP(client, kAnyIPv4);
+    if (status != kNoErr) return status;
+    --client->probesLeft;
+    const uint32_t part = client->arpCheck / kCheckParts;
+    if (client->probesLeft == 0) return kNoErr;
+    Ostrel_DHCPClientArm(client, kClientTimeoutProbing, Ostrel_DHCPClientDraw(client, part, 2 * part));
+    return kNoErr;
+}
+
+// Whether the frame, of another, says that its sender has the address, or is about to take it.
+bool Claims(const Ostrel_ClientObj* client, const Ostrel_ARPHeader* arp, const Ostrel_ARPAddresses* addresses) {
+    const Ostrel_IPv4 ours = client->lease.IPv4Address;
+    if (!client->rules->anyARPFrameCounts) return be16toh(arp->operation) == kARPReply && addresses->senderIPv4 == ours;
+
+    const bool isProbe = be16toh(arp->operation) == kARPRequest && addresses->senderIPv4 == kAnyIPv4;
+    if (client->isChecking && isProbe && addresses->targetIPv4 == ours) return true;
+    return addresses->senderIPv4 == ours && (client->isChecking || client->iface->leaseIsHeld);
+}
+
 bool IsConflict(const Ostrel_ClientObj* client, const Ostrel_ARPHeader* arp, const Ostrel_ARPAddresses* addresses) {
-    return be16toh(arp->operation) == kARPReply && client->lease.IPv4Address != kAnyIPv4 &&
-           addresses->senderIPv4 == client->lease.IPv4Address && addresses->senderMAC != client->iface->macAddr;
+    if (client->lease.IPv4Address == kAnyIPv4 || addresses->senderMAC == client->iface->macAddr) return false;
+    if (!Claims(client, arp, addresses)) return false;
+    return !client->rules->anyARPFrameCounts || !os_is_own_address(addresses->senderMAC);
+}
+
+// Whether an address in use is kept, which one announcement in an interval tells the other host (RFC 5227 section 2.4
+// b). A static address is kept in any case, by the rules that defend at all (2.4 c).
+bool Defends(Ostrel_ClientObj* client) {
+    const uint32_t interval = client->rules->defendInterval;
+    if (interval == 0 || client->isChecking || !client->iface->leaseIsHeld) return false;
+    const uint64_t now = os_monotonic_milliseconds();
+    if (client->defences != 0 && now - client->lastDefence < interval) return Ostrel_DHCPClientIsStatic(client);
+    ++client->defences;
+    client->lastDefence = now;
+    const Ostrel_Status status = Ostrel_DHCPClientAskARP(client, client->lease.IPv4Address);
+    if (status != kNoErr) OSTREL_REPORT_STATUS(status);
+    return true;
+}
+
+// Tells the server, at once or, where there is no room among the frames of a second, a little later, and starts over.
+void Decline(Ostrel_ClientObj* client, bool isHeldBack) {
+    client->declinedAddress = client->lease.IPv4Address;
+    client->declinedServer = client->lease.serverIdentifier;
+    const uint32_t rest = Ostrel_DHCPClientFrameRest(client, 1);
+    if (!isHeldBack && rest == 0) {
+        const Ostrel_Status status = Ostrel_DHCPClientSend(client, Ostrel_DHCPClientDeclineOf(client));
+        if (status != kNoErr) OSTREL_REPORT_STATUS(status);
+    }
+    Ostrel_DHCPClientStateTransition_Init(client, kClientSetbackConflict);
+    if (!isHeldBack && rest != 0) Ostrel_DHCPClientArm(client, kClientTimeoutDeclining, rest);
 }
 
 }  // namespace
 
+Ostrel_Status Ostrel_DHCPClientBeginCheck(Ostrel_ClientObj* client, uint32_t milliseconds) {
+    client->isChecking = milliseconds != 0;
+    client->probesLeft = client->rules->probes;
+    const Ostrel_Status status = client->isChecking ? Probe(client) : kNoErr;
+    if (status != kNoErr) return status;
+    Ostrel_DHCPClientArm(client, kClientTimeoutArping, milliseconds);
+    return kNoErr;
+}
+
+void Ostrel_DHCPClientTimeout_Probing(void* context, void* /*iface*/) {
+    const Ostrel_Status status = Probe(Ostrel_DHCPClientEnterHandler(context, __func__));
+    if (status != kNoErr) OSTREL_REPORT_STATUS(status);
+}
+
+void Ostrel_DHCPClientTimeout_Announcing(void* context, void* /*iface*/) {
+    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
+    if (const uint32_t rest = Ostrel_DHCPClientFrameRest(client, 1); rest != 0) {
+        Ostrel_DHCPClientArm(client, kClientTimeoutAnnouncing, rest);
+        return;
+    }
+    const Ostrel_Status status = Ostrel_DHCPClientAskARP(client, client->lease.IPv4Address);
+    if (status != kNoErr) OSTREL_REPORT_STATUS(status);
+    if (--client->announcementsLeft == 0) return;
+    Ostrel_DHCPClientArm(client, kClientTimeoutAnnouncing, kClientTimeouts[kClientTimeoutAnnouncing].longest);
+}
+
+void Ostrel_DHCPClientTimeout_Declining(void* context, void* /*iface*/) {
+    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
+    const Ostrel_ClientMessage decline = Ostrel_DHCPClientDeclineOf(client->declinedAddress, client->declinedServer);
+    const Ostrel_Status status = Ostrel_DHCPClientSend(client, decline);
+    if (status != kNoErr) OSTREL_REPORT_STATUS(status);
+}
+
 void Ostrel_DHCPClientARPPacketHandler(Ostrel_ClientObj* client, const Ostrel_EthernetHeader* /*frame*/,
                                        const Ostrel_ARPHeader* arpHeader, const Ostrel_ARPAddresses* addresses) {
     OSTREL_REQUIRE(client != nullptr, "client", );
-    if (!IsConflict(client, arpHeader, addresses)) return;
+    if (!IsConflict(client, arpHeader, addresses) || Defends(client)) return;
     const bool isHeldBack = Ostrel_DHCPClientStormAsk(client, client->declines, "DECLINE") != 0;
     if (isHeldBack && client->state == kClientStateInit) return;  // the restart from the last one still waits
 
-    const Ostrel_ClientLease& lease = client->lease;
-    Ostrel_DisarmTimeout(client->iface, client, kClientTimeouts[kClientTimeoutArping]);
-    DebugPrintF(kDebugLevelInfo, "[%s] DHCP Client RX'd ARP REPLY from %.6a for lease offer of %.4a.\n",
-                client->iface->ifname.data(), addresses->senderMAC, &lease.IPv4Address);
-
-    if (!isHeldBack) {
-        const Ostrel_Status status = Ostrel_DHCPClientSend(client, Ostrel_DHCPClientDeclineOf(lease));
-        if (status != kNoErr) OSTREL_REPORT_STATUS(status);
-    }
-    Ostrel_DHCPClientStateTransition_Init(client);
+    Ostrel_DHCPClientDisarm(client, kClientTimeoutArping);
+    DebugPrintF(kDebugLevelInfo, "[%s] DHCP Client RX'd ARP %s from %.6a for lease offer of %.4a.\n",
+                client->iface->ifname.data(), be16toh(arpHeader->operation) == kARPReply ? "REPLY" : "REQUEST",
+                addresses->senderMAC, &client->lease.IPv4Address);
+    Decline(client, isHeldBack);
 }

@@ -44,6 +44,7 @@ void Ostrel_DHCPClientFreeLeaseInfo(Ostrel_ClientObj* client) {
 
 void Ostrel_DHCPClientResetLeaseInfo(Ostrel_ClientObj* client) {
     if (Ostrel_DHCPClientIsStatic(client)) return;
+    Ostrel_DHCPClientSetHeld(client, false);
     const Ostrel_IPv4 manualAddress = client->lease.IPv4Address;
     Ostrel_DHCPClientFreeLeaseInfo(client);
     if ((client->configMode & kOstrelConfigDHCPManualAddress) != 0) client->lease.IPv4Address = manualAddress;

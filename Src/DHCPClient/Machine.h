@@ -17,6 +17,10 @@ void Ostrel_DHCPClientTimeout_Bound(void* client, void* iface);
 void Ostrel_DHCPClientTimeout_Renewing(void* client, void* iface);
 void Ostrel_DHCPClientTimeout_Rebinding(void* client, void* iface);
 void Ostrel_DHCPClientTimeout_Expiry(void* client, void* iface);
+void Ostrel_DHCPClientTimeout_Rebooting(void* client, void* iface);
+void Ostrel_DHCPClientTimeout_Probing(void* client, void* iface);
+void Ostrel_DHCPClientTimeout_Announcing(void* client, void* iface);
+void Ostrel_DHCPClientTimeout_Declining(void* client, void* iface);
 
 // Rows of kClientTimeouts.
 enum Ostrel_ClientTimeout : uint8_t {
@@ -27,26 +31,45 @@ enum Ostrel_ClientTimeout : uint8_t {
     kClientTimeoutExpiry,
     kClientTimeoutArping,
     kClientTimeoutRequesting,
+    kClientTimeoutRebooting,
+    kClientTimeoutProbing,
+    kClientTimeoutAnnouncing,
+    kClientTimeoutDeclining,
+    kClientTimeoutRenewingAlarm,  // of rules that count T1 and T2 while the device sleeps
+    kClientTimeoutRebindingAlarm,
 };
 
-// Milliseconds. The delay of INIT is drawn between its bounds, and both are doubled each time nobody offers anything.
-// A REQUEST is repeated after 4, 8, 16 and 32 s (RFC 2131 section 4.1); the last wait is the shortest again. The lease
+// Milliseconds. The delay of INIT is drawn between its bounds, and both are doubled each time nobody offers anything. A
+// REQUEST is repeated after 4, 8, 16 and 32 s (RFC 2131 section 4.1); the last wait is the shortest again. The lease
 // says when renewing, rebinding and expiry begin; no retransmission follows the one before sooner than in a minute
-// (section 4.4.5).
-inline constexpr std::array<Ostrel_TimeoutKind, 7> kClientTimeouts{{
+// (section 4.4.5). Announcements are ANNOUNCE_INTERVAL apart (RFC 5227 section 1.1). What has no bounds here has them
+// in the rules.
+inline constexpr std::array<Ostrel_TimeoutKind, 13> kClientTimeouts{{
     {Ostrel_DHCPClientTimeout_Init, "org.ostrel.dhcp.client.init", false, 0, 1000},
-    {Ostrel_DHCPClientTimeout_Selecting, "org.ostrel.dhcp.client.selecting", false, 3000, 3000},
+    {Ostrel_DHCPClientTimeout_Selecting, "org.ostrel.dhcp.client.selecting", false, 0, 0},
     {Ostrel_DHCPClientTimeout_Renewing, "org.ostrel.dhcp.client.renewing", false, 60'000, 0},
     {Ostrel_DHCPClientTimeout_Rebinding, "org.ostrel.dhcp.client.rebinding", false, 60'000, 0},
     {Ostrel_DHCPClientTimeout_Expiry, "org.ostrel.dhcp.client.expiry", true, 0, 0},
-    {Ostrel_DHCPClientTimeout_Bound, "org.ostrel.dhcp.client.arping", false, kARPCheckSeconds * 1000,
-     kARPCheckSeconds * 1000},
+    {Ostrel_DHCPClientTimeout_Bound, "org.ostrel.dhcp.client.arping", false, 0, 0},
     {Ostrel_DHCPClientTimeout_Requesting, "org.ostrel.dhcp.client.requesting", false, 4000, 32'000},
+    {Ostrel_DHCPClientTimeout_Rebooting, "org.ostrel.dhcp.client.rebooting", false, 4000, 32'000},
+    {Ostrel_DHCPClientTimeout_Probing, "org.ostrel.dhcp.client.probing", false, 0, 0},
+    {Ostrel_DHCPClientTimeout_Announcing, "org.ostrel.dhcp.client.announcing", false, 2000, 2000},
+    {Ostrel_DHCPClientTimeout_Declining, "org.ostrel.dhcp.client.declining", false, 0, 0},
+    {Ostrel_DHCPClientTimeout_Renewing, "org.ostrel.dhcp.client.renewing", true, 60'000, 0},
+    {Ostrel_DHCPClientTimeout_Rebinding, "org.ostrel.dhcp.client.rebinding", true, 60'000, 0},
 }};
+
+// A timeout's row by the client's rules.
+[[nodiscard]] const Ostrel_TimeoutKind& Ostrel_DHCPClientKindOf(const Ostrel_ClientObj* client,
+                                                                Ostrel_ClientTimeout timeout);
 
 // Arms a timeout; an earlier one of its kind stays.
 inline void Ostrel_DHCPClientArm(Ostrel_ClientObj* client, Ostrel_ClientTimeout timeout, uint64_t milliseconds) {
-    Ostrel_ArmTimeout(client->iface, client, kClientTimeouts[timeout], milliseconds);
+    Ostrel_ArmTimeout(client->iface, client, Ostrel_DHCPClientKindOf(client, timeout), milliseconds);
+}
+inline void Ostrel_DHCPClientDisarm(Ostrel_ClientObj* client, Ostrel_ClientTimeout timeout) {
+    Ostrel_DisarmTimeout(client->iface, client, Ostrel_DHCPClientKindOf(client, timeout));
 }
 inline void Ostrel_DHCPClientCancelAllTimeouts(Ostrel_ClientObj* client) {
     Ostrel_DisarmTimeouts(client->iface, client, kClientTimeouts);
@@ -66,11 +89,51 @@ void Ostrel_DHCPClientFreeLeaseInfo(Ostrel_ClientObj* client);
 // Drops the lease; a static one stays, and a manual address stays.
 void Ostrel_DHCPClientResetLeaseInfo(Ostrel_ClientObj* client);
 
+// The one door to a new state, and what a timeout's handler begins with.
+void Ostrel_DHCPClientEnterState(Ostrel_ClientObj* client, Ostrel_ClientState state);
+[[nodiscard]] Ostrel_ClientObj* Ostrel_DHCPClientEnterHandler(void* client, const char* handler);
+
+// What has thrown the client back to INIT. The rules say how long it then pauses.
+enum Ostrel_ClientSetback : uint8_t {
+    kClientSetbackNone,
+    kClientSetbackRefused,   // a DHCPNAK, or a lease that was over at once
+    kClientSetbackConflict,  // another host has the address
+    kClientSetbackLink,      // the link was lost, or the device asleep
+};
+
 // Steps of the state machine that others than its own timeouts take. The first two never fail.
-Ostrel_Status Ostrel_DHCPClientStateTransition_Init(Ostrel_ClientObj* client);
+Ostrel_Status Ostrel_DHCPClientStateTransition_Init(Ostrel_ClientObj* client,
+                                                    Ostrel_ClientSetback setback = kClientSetbackNone);
 Ostrel_Status Ostrel_DHCPClientStateTransition_InitReboot(Ostrel_ClientObj* client);
 // Takes the lease record as the new lease and starts its ARP check.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPClientStateTransition_Bound(Ostrel_ClientObj* client);
+[[nodiscard]] Ostrel_Status Ostrel_DHCPClientStateTransition_Renewing(Ostrel_ClientObj* client);
+[[nodiscard]] Ostrel_Status Ostrel_DHCPClientStateTransition_Rebinding(Ostrel_ClientObj* client);
+// Asks for `address`, after `milliseconds`. A lease that is held stays, and its end goes on counting.
+void Ostrel_DHCPClientStateTransition_Rebooting(Ostrel_ClientObj* client, Ostrel_IPv4 address, uint64_t milliseconds);
+
+// What the lease is from now on to the interface and its other roles: held, its address checked, or not.
+void Ostrel_DHCPClientSetHeld(Ostrel_ClientObj* client, bool isHeld);
+// Cancels every timeout but the end of the lease.
+void Ostrel_DHCPClientPutOff(Ostrel_ClientObj* client);
+
+// Begins the ARP check of the lease's address, of `milliseconds`; 0: none.
+[[nodiscard]] Ostrel_Status Ostrel_DHCPClientBeginCheck(Ostrel_ClientObj* client, uint32_t milliseconds);
+
+// Waits.cpp: what is left to chance, and how long the client waits, in milliseconds.
+[[nodiscard]] uint32_t Ostrel_DHCPClientDraw(const Ostrel_ClientObj* client, uint32_t minimum, uint32_t maximum);
+[[nodiscard]] uint32_t Ostrel_DHCPClientNewTransactionID(const Ostrel_ClientObj* client);
+[[nodiscard]] uint32_t Ostrel_DHCPClientNextTransactionID(const Ostrel_ClientObj* client);
+[[nodiscard]] uint64_t Ostrel_DHCPClientWait(const Ostrel_ClientObj* client, uint64_t milliseconds);
+[[nodiscard]] uint64_t Ostrel_DHCPClientTakePause(Ostrel_ClientObj* client, Ostrel_ClientSetback setback);
+[[nodiscard]] uint64_t Ostrel_DHCPClientTakeSelectingWait(Ostrel_ClientObj* client);
+[[nodiscard]] uint64_t Ostrel_DHCPClientRequestingWait(const Ostrel_ClientObj* client);
+// Of a period that has `remaining` seconds left: half of that, which is then used up, but not less than the row's
+// shortest.
+[[nodiscard]] uint64_t Ostrel_DHCPClientTakeRetryWait(const Ostrel_ClientObj* client, Ostrel_ClientTimeout timeout,
+                                                      uint32_t& remaining);
+// Arms T1, T2 and the end of a lease that has just begun to count.
+void Ostrel_DHCPClientArmLease(Ostrel_ClientObj* client);
 
 // What a message is made of, beside what every message of the client carries. As it stands: broadcast, from nobody.
 struct Ostrel_ClientMessage {
@@ -83,20 +146,37 @@ struct Ostrel_ClientMessage {
     Ostrel_IPv4 server = kAnyIPv4;     // option 54, likewise
 };
 
-// The five messages; the second needs an offer, the others of a lease its record.
+// The messages; the second needs an offer, those after it the lease's record, the last two what they name.
 [[nodiscard]] Ostrel_ClientMessage Ostrel_DHCPClientDiscover();
 [[nodiscard]] Ostrel_ClientMessage Ostrel_DHCPClientRequestOf(const Ostrel_LeaseOffer& offer);
-[[nodiscard]] Ostrel_ClientMessage Ostrel_DHCPClientRenewalOf(const Ostrel_ClientLease& lease);
-[[nodiscard]] Ostrel_ClientMessage Ostrel_DHCPClientRebindingOf(const Ostrel_ClientLease& lease);
-[[nodiscard]] Ostrel_ClientMessage Ostrel_DHCPClientDeclineOf(const Ostrel_ClientLease& lease);
+[[nodiscard]] Ostrel_ClientMessage Ostrel_DHCPClientRenewalOf(const Ostrel_ClientObj* client);
+[[nodiscard]] Ostrel_ClientMessage Ostrel_DHCPClientRebindingOf(const Ostrel_ClientObj* client);
+[[nodiscard]] Ostrel_ClientMessage Ostrel_DHCPClientReleaseOf(const Ostrel_ClientLease& lease);
+[[nodiscard]] Ostrel_ClientMessage Ostrel_DHCPClientDeclineOf(const Ostrel_ClientObj* client);
+[[nodiscard]] Ostrel_ClientMessage Ostrel_DHCPClientDeclineOf(Ostrel_IPv4 address, Ostrel_IPv4 server);
+[[nodiscard]] Ostrel_ClientMessage Ostrel_DHCPClientRebootOf(Ostrel_IPv4 address);
 
-// Builds a message in the interface's txPayload and sends it; the second is the same for one spelt out.
+// Builds a message in the interface's txPayload and sends it, unless that were more frames than the rules allow: then
+// it counts as lost on the wire.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPClientSend(Ostrel_ClientObj* client, const Ostrel_ClientMessage& message);
-[[nodiscard]] Ostrel_Status Ostrel_DHCPClientSend_BOOTPRequest(Ostrel_ClientObj* client,
-                                                               const Ostrel_MAC& destinationMAC, Ostrel_IPv4 sourceIPv4,
-                                                               Ostrel_IPv4 destinationIPv4, uint8_t messageType,
-                                                               Ostrel_IPv4 clientIPv4, Ostrel_IPv4 requestedIPv4,
-                                                               Ostrel_IPv4 serverIdentifier);
+// Likewise an ARP request for the lease's address: a probe from 0.0.0.0, an announcement from the address itself.
+[[nodiscard]] Ostrel_Status Ostrel_DHCPClientAskARP(Ostrel_ClientObj* client, Ostrel_IPv4 sender);
+
+// The options that a caller has sent with each DISCOVER and REQUEST; kTooLongErr when they don't fit a frame.
+[[nodiscard]] Ostrel_Status Ostrel_DHCPClientKeepSentOptions(Ostrel_ClientObj* client,
+                                                             const Ostrel_OptionList& options);
+
+// A DHCPACK as a lease; the record is of no use on failure.
+[[nodiscard]] Ostrel_Status Ostrel_DHCPClientReadLease(const Ostrel_ClientObj* client,
+                                                       const Ostrel_PreprocessedPacket& packet,
+                                                       Ostrel_ClientLease& lease);
+
+// How many frames the rules let out in a second and in a minute. Take counts one that is about to be sent, or says that
+// there is no room for it; Rest is the milliseconds until there is room for so many more.
+[[nodiscard]] bool Ostrel_DHCPClientTakeFrame(Ostrel_ClientObj* client);
+[[nodiscard]] uint32_t Ostrel_DHCPClientFrameRest(const Ostrel_ClientObj* client, uint32_t number);
+// The same for a whole exchange, with its ARP check and what may follow.
+[[nodiscard]] uint32_t Ostrel_DHCPClientExchangeRest(const Ostrel_ClientObj* client);
 
 // The breaker of storms, asked where a DISCOVER or DECLINE is about to be sent: 0 when it may go out, which then counts
 // as sent, or the milliseconds until it may. Rest tells the latter without counting; 0 while nothing is held back.

@@ -4,19 +4,21 @@
 // decides whether the message is for this client (chaddr, xid, state), then reads all it needs, and only then changes
 // the client: a malformed DHCPACK leaves no half-read lease behind. Frames are valid only during the call.
 //
-// Which xid and state each message needs (RFC 2131 section 4.4.1 and 4.4.5; a DHCPNAK counts in any state):
+// Which xid, state and server each message needs (RFC 2131 section 4.4.1 and 4.4.5). The server is the one of option
+// 54; it was asked in REQUESTING and RENEWING, in REBINDING and REBOOTING they all were.
 //
-//                 xid         state
-//     DHCPOFFER   current     SELECTING
-//     DHCPACK     current     REQUESTING, RENEWING, REBINDING
-//     DHCPNAK     any         any
+//                 xid         state                                         server
+//     DHCPOFFER   current     SELECTING                                     any
+//     DHCPACK     current     REQUESTING, REBOOTING, RENEWING, REBINDING    any; rfc: in REQUESTING the one asked
+//     DHCPNAK
+//      plain      any         any                                           any
+//      rfc        current     as a DHCPACK                                  the one asked
 #include <algorithm>
 
 #include "Ostrel/Check.h"
 #include "Ostrel/Log.h"
 
 #include "DHCPClient/Machine.h"
-#include "os_time.h"
 
 namespace {
 
@@ -26,74 +28,32 @@ bool IsForUs(const Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& pa
 }
 
 bool AwaitsAck(const Ostrel_ClientObj* client) {
-    return client->state == kClientStateRequesting || client->state == kClientStateRenewing ||
-           client->state == kClientStateRebinding;
+    return client->state == kClientStateRequesting || client->state == kClientStateRebooting ||
+           client->state == kClientStateRenewing || client->state == kClientStateRebinding;
 }
 
-// An option that may be absent; false when it is there, or the options are, in no usable shape.
-bool IsReadOrAbsent(Ostrel_Status status) {
-    return status == kNoErr || status == kEndingErr;
+// Whether a message comes from the server that the REQUEST under way was for.
+bool IsOfServerAsked(const Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
+    Ostrel_IPv4 asked = kAnyIPv4;
+    if (client->state == kClientStateRequesting) asked = client->leaseOffers->serverIdentifier;
+    if (client->state == kClientStateRenewing) asked = client->lease.serverIdentifier;
+    if (asked == kAnyIPv4) return true;
+    Ostrel_IPv4 server = kAnyIPv4;
+    const Ostrel_Status status =
+        Ostrel_BOOTPPacketFindOptionAsIPv4(Ostrel_OptionsOf(packet), kOptionServerIdentifier, &server);
+    return status == kNoErr && server == asked;
 }
 
-Ostrel_Status ReadTimes(const Ostrel_OptionIndex& options, Ostrel_ClientLease& lease) {
-    Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsUint32(options, kOptionLeaseTime, &lease.leaseTime);
-    if (status != kNoErr) return status;
-
-    // Defaults of RFC 2131 section 4.4.5.
-    lease.renewalTime = lease.leaseTime / 2;
-    lease.rebindingTime = static_cast<uint32_t>(uint64_t{lease.leaseTime} * 7 / 8);
-    status = Ostrel_BOOTPPacketFindOptionAsUint32(options, kOptionRenewalTime, &lease.renewalTime);
-    OSTREL_REQUIRE(IsReadOrAbsent(status), "( ( err == kNoErr ) || ( err == kEndingErr ) )", status);
-    status = Ostrel_BOOTPPacketFindOptionAsUint32(options, kOptionRebindingTime, &lease.rebindingTime);
-    OSTREL_REQUIRE(IsReadOrAbsent(status), "( ( err == kNoErr ) || ( err == kEndingErr ) )", status);
-
-    // Unsigned whatever their order: T1, T2 and the lease time are taken as given.
-    lease.renewRetryTime = lease.rebindingTime - lease.renewalTime;
-    lease.rebindRetryTime = lease.leaseTime - lease.rebindingTime;
-    return kNoErr;
+// Whether a DHCPACK, of the right transaction, may come from its server. A lease is extended by whoever knows of it.
+bool MayGrant(const Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
+    if (!client->rules->answersAreMatched || client->state != kClientStateRequesting) return true;
+    return IsOfServerAsked(client, packet);
 }
 
-Ostrel_Status ReadAddresses(const Ostrel_OptionIndex& options, uint8_t code, os_array<Ostrel_IPv4>& addresses,
-                            int32_t& number) {
-    std::span<const uint8_t> data;
-    Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsString(options, code, &data);
-    if (status == kEndingErr) return kNoErr;
-    if (status != kNoErr) return status;
-    uint32_t count = 0;
-    status = Ostrel_BOOTPPacketProcessOptionAsIPv4Array(data, &addresses, &count);
-    if (status == kNoErr) number = static_cast<int32_t>(count);
-    return status;
-}
-
-Ostrel_Status ReadDomainName(const Ostrel_OptionIndex& options, Ostrel_ClientLease& lease) {
-    std::span<const uint8_t> name;
-    const Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsString(options, kOptionDomainName, &name);
-    if (status == kEndingErr) return kNoErr;
-    if (status != kNoErr) return status;
-    lease.domainName = os_copy_array<char>({reinterpret_cast<const char*>(name.data()), name.size()}, 1);
-    OSTREL_REQUIRE(lease.domainName != nullptr, "lease->domainName", kOutOfMemoryErr);
-    lease.domainNameLen = static_cast<uint32_t>(name.size());
-    return kNoErr;
-}
-
-Ostrel_Status ReadLease(const Ostrel_PreprocessedPacket& packet, Ostrel_ClientLease& lease) {
-    const Ostrel_OptionIndex& options = Ostrel_OptionsOf(packet);
-    lease.leaseAcquired = os_monotonic_seconds();
-    lease.serverMAC = packet.ethHdr->src;
-    lease.serverIPv4Address = packet.ipHdr->src;
-    lease.IPv4Address = packet.dhcpPkt->yiaddr;
-
-    Ostrel_Status status = ReadTimes(options, lease);
-    if (status != kNoErr) return status;
-    status = Ostrel_BOOTPPacketFindOptionAsIPv4(options, kOptionServerIdentifier, &lease.serverIdentifier);
-    if (status != kNoErr) return status;
-    status = Ostrel_BOOTPPacketFindOptionAsIPv4(options, kOptionSubnetMask, &lease.IPv4SubnetMask);
-    if (status != kNoErr) return status;
-    status = ReadAddresses(options, kOptionRouter, lease.IPv4Routers, lease.numIPv4Routers);
-    if (status != kNoErr) return status;
-    status = ReadAddresses(options, kOptionDomainNameServer, lease.IPv4DNSServers, lease.numIPv4DNSServers);
-    if (status != kNoErr) return status;
-    return ReadDomainName(options, lease);
+// Whether a DHCPNAK ends what the client is doing.
+bool MayRefuse(const Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
+    if (!client->rules->answersAreMatched) return true;
+    return AwaitsAck(client) && packet.dhcpPkt->xid == client->transactionID && IsOfServerAsked(client, packet);
 }
 
 // A server that offers twice keeps its place; its later address counts.
@@ -129,13 +89,15 @@ void Ostrel_DHCPClientProcessOffer(Ostrel_ClientObj* client, const Ostrel_Prepro
 
 Ostrel_Status Ostrel_DHCPClientProcessAck(Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
     if (!IsForUs(client, packet) || packet.dhcpPkt->xid != client->transactionID || !AwaitsAck(client)) return kNoErr;
+    if (!MayGrant(client, packet)) return kNoErr;
 
     Ostrel_ClientLease lease{};
-    const Ostrel_Status status = ReadLease(packet, lease);
+    const Ostrel_Status status = Ostrel_DHCPClientReadLease(client, packet, lease);
     if (status != kNoErr) {
         OSTREL_REPORT_STATUS(status);
-        // In REQUESTING the next retransmission may be answered better; a lease being extended is given up.
-        if (client->state != kClientStateRequesting) Ostrel_DHCPClientStateTransition_Init(client);
+        // Where a lease is acquired the next retransmission may be answered better.
+        const bool isExtending = client->state == kClientStateRenewing || client->state == kClientStateRebinding;
+        if (isExtending && client->rules->malformedAckEndsLease) Ostrel_DHCPClientStateTransition_Init(client);
         return status;
     }
     client->lease = std::move(lease);
@@ -143,7 +105,8 @@ Ostrel_Status Ostrel_DHCPClientProcessAck(Ostrel_ClientObj* client, const Ostrel
 }
 
 void Ostrel_DHCPClientProcessNack(Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
-    if (IsForUs(client, packet)) Ostrel_DHCPClientStateTransition_Init(client);
+    if (!IsForUs(client, packet) || !MayRefuse(client, packet)) return;
+    Ostrel_DHCPClientStateTransition_Init(client, kClientSetbackRefused);
 }
 
 }  // namespace

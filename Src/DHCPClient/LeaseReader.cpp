@@ -1,0 +1,152 @@
+// A DHCPACK becomes a lease.
+//
+// Lease time and server identifier must be there. By the plain rules the mask must be, too, an option of a wrong length
+// fails the whole message, and values are taken as given. By the rfc rules what cannot be read is left out where the
+// lease is good without it, and the values must be such that a host can live by them.
+#include <array>
+#include <bit>
+#include <endian.h>
+
+#include "Ostrel/Check.h"
+#include "Ostrel/Log.h"
+
+#include "DHCPClient/Machine.h"
+#include "os_time.h"
+
+namespace {
+
+// What becomes of an option that may be absent: one in no usable shape fails the message, or is left out.
+Ostrel_Status Optional(const Ostrel_ClientObj* client, uint8_t code, Ostrel_Status status) {
+    if (status == kNoErr || status == kEndingErr) return kNoErr;
+    if (!client->rules->valuesAreChecked) return status;
+    if (status == kTooShortErr) return kNoErr;  // absent, from options that have no end
+    DebugPrintF(kDebugLevelInfo, "[%s] DHCP Client leaves out option %d, which is in no usable shape.\n",
+                client->iface->ifname.data(), code);
+    return kNoErr;
+}
+
+// Defaults of RFC 2131 section 4.4.5.
+void SetDefaultTimes(Ostrel_ClientLease& lease) {
+    lease.renewalTime = lease.leaseTime / 2;
+    lease.rebindingTime = static_cast<uint32_t>(uint64_t{lease.leaseTime} * 7 / 8);
+}
+
+Ostrel_Status ReadTimes(const Ostrel_ClientObj* client, const Ostrel_OptionIndex& options, Ostrel_ClientLease& lease) {
+    Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsUint32(options, kOptionLeaseTime, &lease.leaseTime);
+    if (status != kNoErr) return status;
+    SetDefaultTimes(lease);
+    status = Ostrel_BOOTPPacketFindOptionAsUint32(options, kOptionRenewalTime, &lease.renewalTime);
+    status = Optional(client, kOptionRenewalTime, status);
+    OSTREL_REQUIRE(status == kNoErr, "( ( err == kNoErr ) || ( err == kEndingErr ) )", status);
+    status = Ostrel_BOOTPPacketFindOptionAsUint32(options, kOptionRebindingTime, &lease.rebindingTime);
+    status = Optional(client, kOptionRebindingTime, status);
+    OSTREL_REQUIRE(status == kNoErr, "( ( err == kNoErr ) || ( err == kEndingErr ) )", status);
+    return kNoErr;
+}
+
+// The mask of an address's class (RFC 791 section 3.2), for a server that says none.
+Ostrel_IPv4 ClassMaskOf(Ostrel_IPv4 address) {
+    const uint32_t first = be32toh(address) >> 24;
+    return htobe32(first < 128 ? 0xFF000000 : first < 192 ? 0xFFFF0000 : 0xFFFFFF00);
+}
+
+Ostrel_Status ReadMask(const Ostrel_ClientObj* client, const Ostrel_OptionIndex& options, Ostrel_ClientLease& lease) {
+    if (client->rules->valuesAreChecked && !options.present[kOptionSubnetMask]) {
+        lease.IPv4SubnetMask = ClassMaskOf(lease.IPv4Address);
+        return kNoErr;
+    }
+    return Ostrel_BOOTPPacketFindOptionAsIPv4(options, kOptionSubnetMask, &lease.IPv4SubnetMask);
+}
+
+Ostrel_Status ReadAddresses(const Ostrel_OptionIndex& options, uint8_t code, os_array<Ostrel_IPv4>& addresses,
+                            int32_t& number) {
+    std::span<const uint8_t> data;
+    Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsString(options, code, &data);
+    if (status != kNoErr) return status;
+    uint32_t count = 0;
+    status = Ostrel_BOOTPPacketProcessOptionAsIPv4Array(data, &addresses, &count);
+    if (status == kNoErr) number = static_cast<int32_t>(count);
+    return status;
+}
+
+Ostrel_Status ReadDomainName(const Ostrel_OptionIndex& options, Ostrel_ClientLease& lease) {
+    std::span<const uint8_t> name;
+    const Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsString(options, kOptionDomainName, &name);
+    if (status != kNoErr) return status;
+    lease.domainName = os_copy_array<char>({reinterpret_cast<const char*>(name.data()), name.size()}, 1);
+    OSTREL_REQUIRE(lease.domainName != nullptr, "lease->domainName", kOutOfMemoryErr);
+    lease.domainNameLen = static_cast<uint32_t>(name.size());
+    return kNoErr;
+}
+
+// Those that a caller asked for.
+Ostrel_Status ReadCallersOptions(const Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet,
+                                 Ostrel_ClientLease& lease) {
+    if (client->numWantedOptions == 0) return kNoErr;
+    const std::span<const uint8_t> codes{client->wantedOptions.get(), client->numWantedOptions};
+    return Ostrel_BOOTPPacketCollectOptions(packet, codes, &lease.options);
+}
+
+// An address that one host may have: not of this network, looped back, multicast or reserved (RFC 1122
+// section 3.2.1.3).
+bool IsOfHost(Ostrel_IPv4 address) {
+    const uint32_t first = be32toh(address) >> 24;
+    return first != 0 && first != 127 && first < 224;
+}
+
+bool IsContiguous(Ostrel_IPv4 mask) {
+    const uint32_t bits = be32toh(mask);
+    return bits != 0 && std::countl_one(bits) == std::popcount(bits);
+}
+
+Ostrel_Status CheckValues(const Ostrel_ClientObj* client, Ostrel_ClientLease& lease) {
+    if (!client->rules->valuesAreChecked) return kNoErr;
+    OSTREL_REQUIRE(IsOfHost(lease.IPv4Address), "IsOfHost( lease->IPv4Address )", kBadParamErr);
+    OSTREL_REQUIRE(IsContiguous(lease.IPv4SubnetMask), "IsContiguous( lease->IPv4SubnetMask )", kBadParamErr);
+    OSTREL_REQUIRE(lease.leaseTime != 0, "( lease->leaseTime != 0 )", kBadParamErr);
+    const bool isAnotherAddress = client->iface->leaseIsHeld && lease.IPv4Address != client->lease.IPv4Address;
+    OSTREL_REQUIRE(!isAnotherAddress, "( lease->IPv4Address == client->lease.IPv4Address )", kBadParamErr);
+    if (lease.renewalTime < lease.rebindingTime && lease.rebindingTime < lease.leaseTime) return kNoErr;
+    SetDefaultTimes(lease);
+    return kNoErr;
+}
+
+Ostrel_Status ReadOptional(const Ostrel_ClientObj* client, const Ostrel_OptionIndex& options,
+                           Ostrel_ClientLease& lease) {
+    Ostrel_Status status = ReadAddresses(options, kOptionRouter, lease.IPv4Routers, lease.numIPv4Routers);
+    status = Optional(client, kOptionRouter, status);
+    if (status != kNoErr) return status;
+    status = ReadAddresses(options, kOptionDomainNameServer, lease.IPv4DNSServers, lease.numIPv4DNSServers);
+    status = Optional(client, kOptionDomainNameServer, status);
+    if (status != kNoErr) return status;
+    return Optional(client, kOptionDomainName, ReadDomainName(options, lease));
+}
+
+}  // namespace
+
+Ostrel_Status Ostrel_DHCPClientReadLease(const Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet,
+                                         Ostrel_ClientLease& lease) {
+    const Ostrel_OptionIndex& options = Ostrel_OptionsOf(packet);
+    lease.leaseAcquired = os_monotonic_seconds();
+    lease.serverMAC = packet.ethHdr->src;
+    lease.serverIPv4Address = packet.ipHdr->src;
+    lease.IPv4Address = packet.dhcpPkt->yiaddr;
+
+    Ostrel_Status status = ReadTimes(client, options, lease);
+    if (status != kNoErr) return status;
+    status = Ostrel_BOOTPPacketFindOptionAsIPv4(options, kOptionServerIdentifier, &lease.serverIdentifier);
+    if (status != kNoErr) return status;
+    status = ReadMask(client, options, lease);
+    if (status != kNoErr) return status;
+    status = CheckValues(client, lease);
+    if (status != kNoErr) return status;
+    status = ReadOptional(client, options, lease);
+    if (status != kNoErr) return status;
+    status = ReadCallersOptions(client, packet, lease);
+    if (status != kNoErr) return status;
+
+    // Unsigned whatever their order.
+    lease.renewRetryTime = lease.rebindingTime - lease.renewalTime;
+    lease.rebindRetryTime = lease.leaseTime - lease.rebindingTime;
+    return kNoErr;
+}
