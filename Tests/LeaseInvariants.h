@@ -7,6 +7,7 @@
 #include "Ostrel/DHCPServer.h"
 
 #include "DHCPServer/LeaseIndex.h"
+#include "DHCPServer/LeaseTable.h"
 
 // What is wrong, in words; empty when nothing is.
 [[nodiscard]] inline std::string FindLeaseFault(const Ostrel_ServerObj& server) {
@@ -16,12 +17,18 @@
     };
     uint32_t used = 0;
     uint32_t offered = 0;
+    uint32_t held = 0;
+    uint32_t rested = 0;
     uint32_t tied = 0;
     uint32_t lowestFree = kNoSlot;
-    for (uint32_t slot = 0; slot < static_cast<uint32_t>(server.maxLeases); ++slot) {
+    for (uint32_t slot = 0; slot < server.numSlots; ++slot) {
         const Ostrel_LeaseInformation& lease = server.leases[slot];
         const bool isFree = lease.state == kLeaseStateFree;
-        const bool isBlank = isFree && lease.srcMAC == Ostrel_MAC{};
+        const bool isHeld = lease.state == kLeaseStateHeld;
+        const bool isUsed = Ostrel_LeaseIsInUse(lease.state);
+        const bool hasKey = Ostrel_LeaseIndexKeyOf(&server, slot) != 0;
+        const bool isTied = isUsed || (isHeld && !lease.isHeldForGood) || (isFree && hasKey);
+        const bool isBlank = isFree && !hasKey && !lease.wasLeased;
         const auto faultAt = [slot](const char* what) { return "slot " + std::to_string(slot) + ": " + what; };
         if (isFree && (lease.offerTime != 0 || lease.clientIdentifier || lease.hostName))
             return faultAt("free with books");
@@ -29,21 +36,25 @@
         if (!lease.hostName && lease.hostNameLength != 0) return faultAt("length of no host name");
         if (isMember(index.free, slot) != isFree) return faultAt("set of free slots");
         if (isMember(index.blank, slot) != isBlank) return faultAt("set of blank slots");
-        const bool isTied = Ostrel_LeaseIndexLowestTied(&server, Ostrel_LeaseIndexKeyOf(&server, slot), slot) == slot;
-        if (isTied == isBlank) return faultAt("ties");
+        if (isMember(index.withheld, slot) != (isHeld || lease.state == kLeaseStateKept))
+            return faultAt("set of withheld slots");
+        const bool isFound = Ostrel_LeaseIndexLowestTied(&server, Ostrel_LeaseIndexKeyOf(&server, slot), slot) == slot;
+        if (isTied != isFound) return faultAt("ties");
         if (isFree && lowestFree == kNoSlot) lowestFree = slot;
-        used += !isFree;
+        used += isUsed;
         offered += lease.state == kLeaseStateOffered;
-        tied += !isBlank;
+        held += isHeld && !lease.isHeldForGood;
+        rested += isFree && !isBlank && server.rules->remembersHolders;
+        tied += isTied;
     }
     if (SlotSetLowest(index.free) != lowestFree) return "lowest free slot";
 
-    const auto walk = [&](const SlotList& list, uint32_t expected, bool onlyOffered) -> std::string {
+    const auto walk = [&](const SlotList& list, uint32_t expected, auto belongs) -> std::string {
         uint32_t before = kNoSlot;
         for (uint32_t slot = list.first; slot != kNoSlot; slot = (index.links[slot].*list.neighbours).next) {
             const Ostrel_LeaseInformation& lease = server.leases[slot];
             if ((index.links[slot].*list.neighbours).previous != before) return "link back";
-            if (lease.state == kLeaseStateFree || (onlyOffered && lease.state != kLeaseStateOffered)) return "stranger";
+            if (!belongs(lease.state)) return "stranger";
             const bool ordered =
                 before == kNoSlot || static_cast<int32_t>(lease.offerTime - server.leases[before].offerTime) >= 0;
             if (!ordered) return "order";
@@ -52,8 +63,17 @@
         }
         return list.last != before ? "end" : expected != 0 ? "too short" : "";
     };
-    if (const std::string fault = walk(index.byAge, used, false); !fault.empty()) return "list by age: " + fault;
-    if (const std::string fault = walk(index.offered, offered, true); !fault.empty()) return "list of offers: " + fault;
+    const auto is = [](Ostrel_LeaseState wanted) {
+        return [wanted](Ostrel_LeaseState state) { return state == wanted; };
+    };
+    const std::pair<const char*, std::string> walks[] = {
+        {"list by age: ", walk(index.byAge, used, Ostrel_LeaseIsInUse)},
+        {"list of offers: ", walk(index.offered, offered, is(kLeaseStateOffered))},
+        {"list of held ones: ", walk(index.held, held, is(kLeaseStateHeld))},
+        {"list of rested ones: ", walk(index.rested, rested, is(kLeaseStateFree))},
+    };
+    for (const auto& [list, fault] : walks)
+        if (!fault.empty()) return list + fault;
 
     uint32_t reached = 0;
     const auto count = [&](const auto& self, uint32_t tree) -> void {
@@ -66,7 +86,10 @@
              tree = index.links[tree].nextTree) {
             const uint32_t before = reached;
             count(count, tree);
-            if (reached - before > 2 && server.leases[tree].srcMAC != Ostrel_MAC{}) return "a station has three slots";
+            // Two in use, one that it had last, and as many held as may be.
+            const uint32_t most = server.rules->remembersHolders ? 3 + kHeldForOne : 2;
+            if (reached - before > most && Ostrel_LeaseIndexKeyOf(&server, tree) != 0)
+                return "a client has too many slots";
         }
     }
     return reached == tied ? "" : "trees hold " + std::to_string(reached) + " slots of " + std::to_string(tied);

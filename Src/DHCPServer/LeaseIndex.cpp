@@ -197,6 +197,13 @@ void Ostrel_LeaseIndexSetKey(Ostrel_ServerObj* server, uint32_t slot, uint64_t k
     if (server->index->keys != nullptr) server->index->keys[slot] = key;
 }
 
+void Ostrel_LeaseIndexHandOver(Ostrel_ServerObj* server, uint32_t slot, const Ostrel_MAC& mac, uint64_t key) {
+    Untie(server, slot);
+    server->leases[slot].srcMAC = mac;
+    Ostrel_LeaseIndexSetKey(server, slot, key);
+    Tie(server, slot);
+}
+
 void Ostrel_LeaseIndexForget(Ostrel_ServerObj* server, uint32_t slot) {
     const bool becomesBlank = !server->leases[slot].wasLeased;
     if (becomesBlank) Remove(*server->index, server->index->rested, slot);

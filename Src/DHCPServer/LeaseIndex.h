@@ -79,6 +79,9 @@ void Ostrel_LeaseIndexEnter(Ostrel_ServerObj* server, uint32_t slot, bool keepsA
 // Writes it, between Leave and Enter; nothing where a slot is tied by its MAC.
 void Ostrel_LeaseIndexSetKey(Ostrel_ServerObj* server, uint32_t slot, uint64_t key);
 
+// Ties a slot in use to another client, as which it shows `mac` from now on. It keeps its places.
+void Ostrel_LeaseIndexHandOver(Ostrel_ServerObj* server, uint32_t slot, const Ostrel_MAC& mac, uint64_t key);
+
 // Unties a free slot from the client that had it last. It keeps its place.
 void Ostrel_LeaseIndexForget(Ostrel_ServerObj* server, uint32_t slot);
 

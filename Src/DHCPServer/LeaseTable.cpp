@@ -108,6 +108,7 @@ uint64_t FormerHolder(Ostrel_ServerObj* server, const Ostrel_LeaseInformation* l
         Ostrel_LeaseIndexForget(server, slot);
         server->leases[slot].srcMAC = {};
         server->leases[slot].holderHadIt = false;
+        server->leases[slot].changed = true;
         break;
     }
     return key;
@@ -150,7 +151,8 @@ void PruneTraced(Ostrel_ServerObj* server, uint32_t now) {
                 break;
             case kLeaseStateOffered:
             case kLeaseStateActive:
-                if (IsOver(server, lease, now)) Expire(server, lease, now);
+                // Where it matters in which order slots fall free, PruneOldest sees to it.
+                if (IsOver(server, lease, now) && !server->rules->remembersHolders) Expire(server, lease, now);
                 break;
         }
     }
@@ -217,7 +219,12 @@ void Ostrel_DHCPServer_LeaseClaim(Ostrel_ServerObj* server, Ostrel_LeaseInformat
     const bool isSame = KeyOf(server, lease) == key;
     if (lease->state == kLeaseStateHeld || (isUsed && (isSame || !lease->isKept))) return;
     if (!isSame) lease->holderHadIt = false;
-    WriteBooks(server, lease, {lease->state, mac, key, isUsed ? lease->offerTime : 0});
+    if (isUsed) {
+        Ostrel_LeaseIndexHandOver(server, Ostrel_LeaseSlotNumber(server, lease), mac, key);
+        lease->changed = true;
+    } else {
+        WriteBooks(server, lease, {lease->state, mac, key, 0});
+    }
 }
 
 void Ostrel_DHCPServer_LeaseOffer(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, uint32_t now) {
@@ -279,11 +286,8 @@ Ostrel_Status Ostrel_DHCPServer_LeaseClean(Ostrel_ServerObj* server, Ostrel_Leas
 
 void Ostrel_DHCPServer_LeasePrune(Ostrel_ServerObj* server, uint32_t now) {
     PruneHeld(server, now);
-    if (Ostrel_LeaseWalksAreTraced()) {
-        PruneTraced(server, now);
-    } else {
-        PruneOldest(server, now);
-    }
+    if (Ostrel_LeaseWalksAreTraced()) PruneTraced(server, now);
+    PruneOldest(server, now);
 }
 
 Ostrel_LeaseInformation* Ostrel_DHCPServer_LeaseNextUsed(const Ostrel_ServerObj* server,

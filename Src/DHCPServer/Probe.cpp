@@ -35,6 +35,12 @@ Ostrel_ServerProbe Take(Ostrel_ServerObj* server, Ostrel_ServerProbe* probe) {
     return taken;
 }
 
+// A probe of the slot for somebody who has taken another since.
+void DropStale(Ostrel_ServerObj* server, uint32_t slot) {
+    const auto stale = std::ranges::find(UnderWay(server), slot, &Ostrel_ServerProbe::slot);
+    if (stale != UnderWay(server).end()) (void)Take(server, &*stale);
+}
+
 bool KeepFrame(Ostrel_ServerProbe& probe, const Ostrel_PreprocessedPacket& discover) {
     os_array<uint8_t> copy = os_copy_array<uint8_t>({discover.frame, discover.frameLength});
     if (copy == nullptr) return false;
@@ -60,7 +66,7 @@ void ArmForFirst(Ostrel_ServerObj* server, uint64_t now) {
 }
 
 // Nobody has answered.
-void Finish(Ostrel_ServerObj* server, const Ostrel_ServerProbe& probe) {
+void Ostrel_DHCPServerProbeEnds(Ostrel_ServerObj* server, const Ostrel_ServerProbe& probe) {
     Ostrel_PreprocessedPacket discover;
     if (!IsOfferedTo(server, probe) || !Read(probe, &discover)) return;
     const Ostrel_Status status = Ostrel_DHCPServerOffer(server, discover, &server->leases[probe.slot]);
@@ -70,7 +76,8 @@ void Finish(Ostrel_ServerObj* server, const Ostrel_ServerProbe& probe) {
 void Ostrel_DHCPServerTimeout_Probe(void* context, void* /*iface*/) {
     auto* const server = static_cast<Ostrel_ServerObj*>(context);
     const uint64_t now = os_monotonic_milliseconds();
-    while (server->numProbes != 0 && server->probes[0].end <= now) Finish(server, Take(server, &server->probes[0]));
+    while (server->numProbes != 0 && server->probes[0].end <= now)
+        Ostrel_DHCPServerProbeEnds(server, Take(server, &server->probes[0]));
     ArmForFirst(server, now);
 }
 
@@ -80,9 +87,9 @@ bool Claims(const Ostrel_ARPAddresses& addresses, Ostrel_IPv4 address) {
 }
 
 // Somebody has the address of a probe, who may be the client itself.
-void HandleClaim(Ostrel_ServerObj* server, Ostrel_ServerProbe* probe, const Ostrel_MAC& host) {
+void Ostrel_DHCPServerProbeFails(Ostrel_ServerObj* server, Ostrel_ServerProbe* probe, const Ostrel_MAC& host) {
     Ostrel_PreprocessedPacket discover;
-    if (!IsOfferedTo(server, *probe) || !Read(*probe, &discover)) return;
+    if (!Read(*probe, &discover)) return;
     const Ostrel_ServerClient client = Ostrel_DHCPServerClientOf(server, discover);
     if (host == client.station || host == discover.ethHdr->src) return;
     const uint64_t key = Ostrel_DHCPServerKeyOfAddress(server, host);
@@ -133,10 +140,12 @@ bool Ostrel_DHCPServerProbeIsUnderWay(Ostrel_ServerObj* server, const Ostrel_Lea
 
 bool Ostrel_DHCPServerProbeBegin(Ostrel_ServerObj* server, const Ostrel_LeaseInformation* lease,
                                  const Ostrel_ServerClient& client, const Ostrel_PreprocessedPacket& discover) {
+    const uint32_t slot = Ostrel_LeaseSlotNumber(server, lease);
+    DropStale(server, slot);
     if (server->numProbes == kMaxServerProbes) return false;
     const uint64_t now = os_monotonic_milliseconds();
     Ostrel_ServerProbe& probe = server->probes[server->numProbes];
-    probe.slot = Ostrel_LeaseSlotNumber(server, lease);
+    probe.slot = slot;
     probe.key = client.key;
     probe.end = now + server->probeTime;
     if (!KeepFrame(probe, discover)) return false;
@@ -152,7 +161,7 @@ void Ostrel_DHCPServerARPPacketHandler(Ostrel_ServerObj* server, const Ostrel_Et
     const Ostrel_MAC host = addresses->senderMAC;
     if (server->numProbes == 0 || host == server->iface->macAddr || host == Ostrel_MAC{}) return;
     for (Ostrel_ServerProbe& probe : UnderWay(server)) {
-        if (!Claims(*addresses, server->leases[probe.slot].IPv4Address)) continue;
-        return HandleClaim(server, &probe, host);
+        if (!IsOfferedTo(server, probe) || !Claims(*addresses, server->leases[probe.slot].IPv4Address)) continue;
+        return Ostrel_DHCPServerProbeFails(server, &probe, host);
     }
 }

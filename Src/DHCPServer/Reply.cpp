@@ -78,11 +78,15 @@ Ostrel_BOOTPMessage Header(const Reply& reply) {
     return header;
 }
 
-// RFC 2131 section 4.1, by the first rule that applies. What answers an INFORM has no lease, and goes straight to its
-// host (section 4.3.5).
-Ostrel_IPv4 DestinationOf(const Ostrel_BOOTPMessage& header, const Reply& reply) {
+// What answers an INFORM has no lease, and goes straight to its host (RFC 2131 section 4.3.5).
+bool GoesToRelay(const Reply& reply) {
     const bool isToInform = reply.messageType == kDHCPAck && reply.lease == nullptr;
-    if (header.giaddr != kAnyIPv4 && !isToInform) return header.giaddr;
+    return reply.request.dhcpPkt->giaddr != kAnyIPv4 && !isToInform;
+}
+
+// RFC 2131 section 4.1, by the first rule that applies.
+Ostrel_IPv4 DestinationOf(const Ostrel_BOOTPMessage& header, const Reply& reply) {
+    if (GoesToRelay(reply)) return header.giaddr;
     if (reply.messageType == kDHCPNak) return kBroadcastIPv4;
     if (header.ciaddr != kAnyIPv4) return header.ciaddr;
     if ((be16toh(header.flags) & kBOOTPFlagBroadcast) != 0) return kBroadcastIPv4;
@@ -232,8 +236,9 @@ Ostrel_Status AppendLast(Reply& reply, std::span<const uint8_t> relayOption) {
         OSTREL_REQUIRE_NOERR(Ostrel_BOOTPPacketAppendOption(reply.payload, kOptionRelayAgent, relayOption));
     OSTREL_REQUIRE_NOERR(Ostrel_BOOTPPacketAppendOption(reply.payload, kOptionEnd, {}));
     const size_t length = wpabuf_len(reply.payload);
-    if (length >= reply.server->rules->paddedTo) return kNoErr;
-    const std::span<uint8_t> padding = wpabuf_put(reply.payload, reply.server->rules->paddedTo - length);
+    const size_t padded = std::min<size_t>(reply.server->rules->paddedTo, reply.limit);
+    if (length >= padded) return kNoErr;
+    const std::span<uint8_t> padding = wpabuf_put(reply.payload, padded - length);
     OSTREL_REQUIRE(!padding.empty(), "wpabuf_put", kTooLongErr);
     std::fill(padding.begin(), padding.end(), kOptionPad);
     return kNoErr;
@@ -243,12 +248,11 @@ Ostrel_Status AppendLast(Reply& reply, std::span<const uint8_t> relayOption) {
 // where its request came from.
 Ostrel_Status Send(const Reply& reply, Ostrel_IPv4 destination) {
     const Ostrel_ServerObj* const server = reply.server;
-    const bool isToRelay = destination != kAnyIPv4 && destination == reply.request.dhcpPkt->giaddr;
     const bool isToAll = destination == kBroadcastIPv4 && server->rules->broadcastsOnLink;
-    return Ostrel_SendPacket(server->iface, &server->packetFilter,
-                             isToAll ? kBroadcastMAC : Ostrel_MAC{reply.request.ethHdr->src}, server->IPv4Address,
-                             kBOOTPServerPort, destination, isToRelay ? server->rules->relayPort : kBOOTPClientPort,
-                             wpabuf_bytes(reply.payload));
+    return Ostrel_SendPacket(
+        server->iface, &server->packetFilter, isToAll ? kBroadcastMAC : Ostrel_MAC{reply.request.ethHdr->src},
+        server->IPv4Address, kBOOTPServerPort, destination,
+        GoesToRelay(reply) ? server->rules->relayPort : kBOOTPClientPort, wpabuf_bytes(reply.payload));
 }
 
 }  // namespace

@@ -1,37 +1,27 @@
-// The server's rules a second time, as slowly and plainly as they can be told, beside the daemon's server: an array of
-// slots that every question walks from its start, options searched for from the first one each time, replies put
-// together byte by byte. Nothing is indexed or kept that could go stale, and nothing is the daemon's but its numbers.
-// Both get the same frames, and after each of them must have sent the same bytes, reported the same failures and hold
-// the same table.
+// The server's plain rules a second time, as slowly and plainly as they can be told, beside the daemon's server: an
+// array of slots that every question walks from its start, options searched for from the first one each time, replies
+// put together byte by byte. Nothing is indexed or kept that could go stale, and nothing is the daemon's but its
+// numbers. Both get the same frames, and after each of them must have sent the same bytes, reported the same failures
+// and hold the same table.
 //
 // The frames are what stations send and what they had better not: cut, with headers that lie, options twice, endless or
 // in no order, from the address of all zeros; the server's sends fall short, its memory runs out, its debug level
 // changes between the one where it walks and the one where its index answers. OSTREL_MODEL_FRAMES asks for more frames
 // than the usual ones.
 
-#include <cstdlib>
 #include <endian.h>
 #include <gtest/gtest.h>
 
 #include "Ostrel/Log.h"
 
 #include "LeaseInvariants.h"
-#include "ServerScene.h"
+#include "ServerModel.h"
 
 namespace {
 
 using namespace sim;
-
-using Bytes = std::vector<uint8_t>;
-
-constexpr uint64_t kUsualFrames = 100'000;
-constexpr uint64_t kFramesOfAGame = 2'000;
-
-// What befalls the server while it handles a frame.
-struct Trouble {
-    SendFault send = SendFault::None;
-    size_t failingAllocation = 0;  // 1: the first; 0: none
-};
+using namespace sim::model;
+using sim::model::Bytes;
 
 struct Slot {
     IPv4 address;
@@ -43,48 +33,6 @@ struct Slot {
 
     bool operator==(const Slot&) const = default;
 };
-
-struct Outcome {
-    std::vector<Frame> sent;  // with checksums of zero
-    std::string reports;      // as ServerLan::Reports has them
-
-    bool operator==(const Outcome&) const = default;
-};
-
-// An option's data, or why there is none.
-struct Option {
-    Ostrel_Status status;
-    Bytes data{};
-};
-
-Option FindOption(std::span<const uint8_t> options, uint8_t code) {
-    for (size_t at = 0; at < options.size();) {
-        if (options[at] == 255) return {kEndingErr};
-        if (options[at] == 0) {
-            ++at;
-            continue;
-        }
-        if (at + 1 == options.size() || at + 2 + options[at + 1] > options.size()) return {kTooShortErr};
-        const auto data = options.subspan(at + 2, options[at + 1]);
-        if (options[at] == code) return {kNoErr, {data.begin(), data.end()}};
-        at += 2 + data.size();
-    }
-    return {kTooShortErr};
-}
-
-IPv4 AddressOf(std::span<const uint8_t> bytes) {
-    return IPv4{bytes[0]} << 24 | IPv4{bytes[1]} << 16 | IPv4{bytes[2]} << 8 | bytes[3];
-}
-
-void Append(Bytes& bytes, const Bytes& more) {
-    bytes.insert(bytes.end(), more.begin(), more.end());
-}
-
-Bytes OfNumber(uint32_t number, size_t size) {
-    Bytes bytes;
-    while (size-- > 0) bytes.push_back(static_cast<uint8_t>(number >> 8 * size));
-    return bytes;
-}
 
 class Model {
 public:
@@ -386,12 +334,6 @@ private:
         return ToIPv4(game.wishes.rangeStart) + Draw(static_cast<uint32_t>(game.wishes.maxLeases) + 2) - 1;
     }
 
-    Bytes DrawBytes(uint32_t below) {
-        Bytes bytes(Draw(below));
-        for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random());
-        return bytes;
-    }
-
     Frame DrawFrame() {
         // One station has no address of its own.
         const auto number = static_cast<uint16_t>(Draw(game.stations));
@@ -408,19 +350,19 @@ private:
         AddOptions(message);
         Frame frame = WriteDHCP(message);
         for (size_t at = 70; at < 86; ++at) frame[at] = static_cast<uint8_t>(random());  // chaddr, all sixteen
-        if (Draw(10) == 0) Damage(frame);
+        if (Draw(10) == 0) Damage(frame, random);
         return frame;
     }
 
     void AddOptions(DHCPMessage& message) {
         auto& options = message.options;
         if (Draw(2) == 0) options.emplace_back(50, OfNumber(DrawAddress(), Draw(8) == 0 ? 3 : 4));
-        if (Draw(2) == 0) options.emplace_back(61, DrawBytes(Draw(20) == 0 ? 256 : 8));
-        if (Draw(2) == 0) options.emplace_back(12, DrawBytes(Draw(20) == 0 ? 256 : 8));
+        if (Draw(2) == 0) options.emplace_back(61, DrawBytes(random, Draw(20) == 0 ? 256 : 8));
+        if (Draw(2) == 0) options.emplace_back(12, DrawBytes(random, Draw(20) == 0 ? 256 : 8));
         if (Draw(2) == 0) options.emplace_back(55, Bytes{1, 3, 6, 15, 28, 51});
-        if (Draw(4) == 0) options.emplace_back(55, DrawBytes(Draw(20) == 0 ? 256 : 8));
+        if (Draw(4) == 0) options.emplace_back(55, DrawBytes(random, Draw(20) == 0 ? 256 : 8));
         if (Draw(8) == 0) options.push_back(options[Draw(static_cast<uint32_t>(options.size()))]);
-        if (Draw(8) == 0) options.emplace_back(static_cast<uint8_t>(1 + Draw(254)), DrawBytes(8));
+        if (Draw(8) == 0) options.emplace_back(static_cast<uint8_t>(1 + Draw(254)), DrawBytes(random, 8));
         if (Draw(8) == 0) options.emplace_back(55, DrawLongList());
         if (Draw(4) == 0) std::shuffle(options.begin(), options.end(), random);
     }
@@ -430,31 +372,6 @@ private:
         Bytes codes(255);
         for (uint8_t& code : codes) code = std::array<uint8_t, 4>{1, 3, 6, 15}[Draw(4)];
         return codes;
-    }
-
-    void Damage(Frame& frame) {
-        const auto any = [&] { return frame.begin() + Draw(static_cast<uint32_t>(frame.size())); };
-        switch (Draw(6)) {
-            case 0:
-                return frame.pop_back();  // no end
-            case 1:
-                return frame.resize(Draw(static_cast<uint32_t>(frame.size())));
-            case 2:  // another header length, with or without the bytes that it speaks of
-                frame[14] = static_cast<uint8_t>(0x40 | Draw(16));
-                if (Draw(2) == 0 && frame[14] > 0x45)
-                    frame.insert(frame.begin() + 34, size_t{4} * (frame[14] - 0x45U), 0);
-                return;
-            case 3:
-                *any() = static_cast<uint8_t>(random());
-                return;
-            case 4:  // a byte of the options, or of the cookie before them
-                frame[278 + Draw(static_cast<uint32_t>(frame.size()) - 278)] = static_cast<uint8_t>(random());
-                return;
-            default: {
-                const Bytes more = DrawBytes(60);  // behind the end
-                frame.insert(Draw(2) == 0 ? frame.end() : frame.begin() + 282, more.begin(), more.end());
-            }
-        }
     }
 
     // Every slot, whether it says that it changed, and the walk over those in use.
@@ -476,14 +393,10 @@ private:
     }
 
     static bool IsSame(const Ostrel_LeaseInformation& lease, const Slot& slot) {
-        const auto isSame = [](const os_array<uint8_t>& buffer, uint32_t length, const std::optional<Bytes>& kept) {
-            if (buffer == nullptr || !kept) return buffer == nullptr && !kept && length == 0;
-            return std::equal(kept->begin(), kept->end(), buffer.get(), buffer.get() + length) && buffer[length] == 0;
-        };
         return be32toh(lease.IPv4Address) == slot.address && lease.state == slot.state && lease.srcMAC == slot.mac &&
                lease.offerTime == slot.offerTime &&
-               isSame(lease.clientIdentifier, lease.clientIdentifierLength, slot.identifier) &&
-               isSame(lease.hostName, lease.hostNameLength, slot.hostName);
+               IsKeptIn(lease.clientIdentifier, lease.clientIdentifierLength, slot.identifier) &&
+               IsKeptIn(lease.hostName, lease.hostNameLength, slot.hostName);
     }
 
     const Game game;
@@ -529,8 +442,7 @@ TEST(ServerModel, AgreesFrameByFrame) {
           .leaseTime = 400},
          400},
     };
-    const char* const wish = std::getenv("OSTREL_MODEL_FRAMES");
-    const uint64_t frames = wish == nullptr ? kUsualFrames : std::strtoull(wish, nullptr, 10);
+    const uint64_t frames = FramesToPlay();
     std::array<uint64_t, 256> answers{};
     for (size_t seed = 1; seed * kFramesOfAGame <= frames; ++seed) {
         // Clocks from zero on, from anywhere, and across their end.

@@ -73,6 +73,7 @@ struct ServerWishes {
     std::string domainName{};
     bool linkLocal = false;
     uint32_t mtu = 1500;
+    std::string keys{};  // of the request beside these, as members of a JSON object: "rfc", "fixed" and the like
 };
 
 // The daemon with a server on eth0, and a subscriber to its leases.
@@ -82,7 +83,7 @@ public:
         : world(seed), wire(world.AddSegment()), eth0(world.AddInterface("eth0", kClientMAC, wire, wishes.mtu)) {
         CheckEveryFrame(world);
         (void)world.Call("/server", "leaseInformation", R"({"subscribe":true})", ":1.7");
-        EXPECT_TRUE(Start(wishes));
+        EXPECT_TRUE(Start(wishes)) << startReply;
     }
     ~ServerLan() {
         if (testing::Test::HasFailure()) std::cerr << world.Describe();
@@ -93,6 +94,7 @@ public:
         for (const std::string& server : wishes.dnsServers) dnsServers.append(std::string_view(server));
         const valdo::JValue domainName =
             wishes.domainName.empty() ? valdo::JValue() : valdo::JValue(std::string_view(wishes.domainName));
+        if (!wishes.keys.empty()) return StartWithKeys(wishes, dnsServers, domainName);
         return daemon.Initialize(ifname, {{"mode", "server"},
                                           {"ipv4LinkLocal", wishes.linkLocal},
                                           {"ipv4Address", wishes.address.c_str()},
@@ -103,6 +105,27 @@ public:
                                           {"leaseTime", wishes.leaseTime},
                                           {"dnsServers", dnsServers},
                                           {"domainName", domainName}});
+    }
+
+    // The reply is kept in `startReply`.
+    bool StartWithKeys(const ServerWishes& wishes, const valdo::JValue& dnsServers, const valdo::JValue& domainName) {
+        valdo::JValue request = valdo::Object();
+        for (const auto& [key, text] : {std::pair{"interface", std::string("eth0")},
+                                        {"mode", "server"},
+                                        {"ipv4Address", wishes.address},
+                                        {"ipv4Subnet", wishes.mask},
+                                        {"ipv4Router", wishes.router},
+                                        {"ipv4RangeStart", wishes.rangeStart}})
+            request.put(key, text.c_str());
+        request.put("maxLeases", wishes.maxLeases);
+        request.put("leaseTime", wishes.leaseTime);
+        request.put("dnsServers", dnsServers);
+        request.put("domainName", domainName);
+        std::string text;
+        EXPECT_TRUE(valdo::JGenerator::toString(request, valdo::JSchemaFragment("{}"), text));
+        text.back() = ',';
+        startReply = world.Call("/", "interfaceInitialize", text + wishes.keys + "}");
+        return startReply.starts_with(R"({"returnValue":true)");
     }
 
     Ostrel_ServerObj& Server() { return *daemon.system.interfaceList->dhcpServer; }
@@ -138,6 +161,7 @@ public:
     Segment& wire;
     Station& eth0;
     Daemon daemon;
+    std::string startReply;
 };
 
 }  // namespace sim

@@ -1,0 +1,118 @@
+// What the models of the server's rules share: bytes, options searched for from the first one each time, what comes of
+// a frame, and what may be wrong with one.
+#pragma once
+
+#include <algorithm>
+#include <cstdlib>
+#include <random>
+#include <string>
+
+#include "Ostrel/DHCPServer.h"
+
+#include "ServerScene.h"
+
+namespace sim::model {
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr uint64_t kUsualFrames = 100'000;
+constexpr uint64_t kFramesOfAGame = 2'000;
+
+// OSTREL_MODEL_FRAMES, or the usual ones.
+[[nodiscard]] inline uint64_t FramesToPlay() {
+    const char* const wish = std::getenv("OSTREL_MODEL_FRAMES");
+    return wish == nullptr ? kUsualFrames : std::strtoull(wish, nullptr, 10);
+}
+
+// What befalls the server while it handles a frame.
+struct Trouble {
+    SendFault send = SendFault::None;
+    size_t failingAllocation = 0;  // 1: the first; 0: none
+};
+
+struct Outcome {
+    std::vector<Frame> sent;  // with checksums of zero
+    std::string reports;      // as ServerLan::Reports has them
+
+    bool operator==(const Outcome&) const = default;
+};
+
+// An option's data, or why there is none.
+struct Option {
+    Ostrel_Status status;
+    Bytes data{};
+};
+
+[[nodiscard]] inline Option FindOption(std::span<const uint8_t> options, uint8_t code) {
+    for (size_t at = 0; at < options.size();) {
+        if (options[at] == 255) return {kEndingErr};
+        if (options[at] == 0) {
+            ++at;
+            continue;
+        }
+        if (at + 1 == options.size() || at + 2 + options[at + 1] > options.size()) return {kTooShortErr};
+        const auto data = options.subspan(at + 2, options[at + 1]);
+        if (options[at] == code) return {kNoErr, {data.begin(), data.end()}};
+        at += 2 + data.size();
+    }
+    return {kTooShortErr};
+}
+
+[[nodiscard]] inline IPv4 AddressOf(std::span<const uint8_t> bytes) {
+    return IPv4{bytes[0]} << 24 | IPv4{bytes[1]} << 16 | IPv4{bytes[2]} << 8 | bytes[3];
+}
+
+inline void Append(Bytes& bytes, const Bytes& more) {
+    bytes.insert(bytes.end(), more.begin(), more.end());
+}
+
+[[nodiscard]] inline Bytes OfNumber(uint32_t number, size_t size) {
+    Bytes bytes;
+    while (size-- > 0) bytes.push_back(static_cast<uint8_t>(number >> 8 * size));
+    return bytes;
+}
+
+[[nodiscard]] inline uint32_t DrawBelow(std::mt19937_64& random, uint32_t below) {
+    return static_cast<uint32_t>(random() % below);
+}
+
+// Fewer than so many of them.
+[[nodiscard]] inline Bytes DrawBytes(std::mt19937_64& random, uint32_t below) {
+    Bytes bytes(DrawBelow(random, below));
+    for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random());
+    return bytes;
+}
+
+// A frame that was cut, or lies.
+inline void Damage(Frame& frame, std::mt19937_64& random) {
+    const auto draw = [&random](size_t below) { return DrawBelow(random, static_cast<uint32_t>(below)); };
+    const auto any = [&] { return frame.begin() + draw(frame.size()); };
+    switch (draw(6)) {
+        case 0:
+            return frame.pop_back();  // no end
+        case 1:
+            return frame.resize(draw(frame.size()));
+        case 2:  // another header length, with or without the bytes that it speaks of
+            frame[14] = static_cast<uint8_t>(0x40 | draw(16));
+            if (draw(2) == 0 && frame[14] > 0x45) frame.insert(frame.begin() + 34, size_t{4} * (frame[14] - 0x45U), 0);
+            return;
+        case 3:
+            *any() = static_cast<uint8_t>(random());
+            return;
+        case 4:  // a byte of the options, or of the cookie before them
+            frame[278 + draw(frame.size() - 278)] = static_cast<uint8_t>(random());
+            return;
+        default: {
+            const Bytes more = DrawBytes(random, 60);  // behind the end
+            frame.insert(draw(2) == 0 ? frame.end() : frame.begin() + 282, more.begin(), more.end());
+        }
+    }
+}
+
+// Whether the server keeps this.
+[[nodiscard]] inline bool IsKeptIn(const os_array<uint8_t>& buffer, uint32_t length, const std::optional<Bytes>& kept) {
+    if (buffer == nullptr || !kept) return buffer == nullptr && !kept && length == 0;
+    return std::equal(kept->begin(), kept->end(), buffer.get(), buffer.get() + length) && buffer[length] == 0;
+}
+
+}  // namespace sim::model
