@@ -87,13 +87,6 @@ Ostrel_Status ReadCallersOptions(const Ostrel_ClientObj* client, const Ostrel_Pr
     return Ostrel_BOOTPPacketCollectOptions(packet, codes, &lease.options);
 }
 
-// An address that one host may have: not of this network, looped back, multicast or reserved (RFC 1122
-// section 3.2.1.3).
-bool IsOfHost(Ostrel_IPv4 address) {
-    const uint32_t first = be32toh(address) >> 24;
-    return first != 0 && first != 127 && first < 224;
-}
-
 bool IsContiguous(Ostrel_IPv4 mask) {
     const uint32_t bits = be32toh(mask);
     return bits != 0 && std::countl_one(bits) == std::popcount(bits);
@@ -101,7 +94,7 @@ bool IsContiguous(Ostrel_IPv4 mask) {
 
 Ostrel_Status CheckValues(const Ostrel_ClientObj* client, Ostrel_ClientLease& lease) {
     if (!client->rules->valuesAreChecked) return kNoErr;
-    OSTREL_REQUIRE(IsOfHost(lease.IPv4Address), "IsOfHost( lease->IPv4Address )", kBadParamErr);
+    OSTREL_REQUIRE(Ostrel_IsOfHost(lease.IPv4Address), "IsOfHost( lease->IPv4Address )", kBadParamErr);
     OSTREL_REQUIRE(IsContiguous(lease.IPv4SubnetMask), "IsContiguous( lease->IPv4SubnetMask )", kBadParamErr);
     OSTREL_REQUIRE(lease.leaseTime != 0, "( lease->leaseTime != 0 )", kBadParamErr);
     const bool isAnotherAddress = client->iface->leaseIsHeld && lease.IPv4Address != client->lease.IPv4Address;

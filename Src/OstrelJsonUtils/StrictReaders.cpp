@@ -35,11 +35,6 @@ bool ReadPairs(const std::string& text, size_t step, std::span<uint8_t> bytes) {
     return true;
 }
 
-bool IsHost(Ostrel_IPv4 address) {
-    const uint32_t first = ntohl(address) >> 24;
-    return first != 0 && first != 127 && first < 224;  // RFC 1122 section 3.2.1.3, RFC 1112 section 4
-}
-
 bool IsKnown(std::string_view name, std::span<const char* const> names) {
     return std::any_of(names.begin(), names.end(), [name](const char* known) { return name == known; });
 }
@@ -133,7 +128,7 @@ Ostrel_Status OstrelJsonReadHostIPv4(const OstrelJsonField& field, Ostrel_IPv4* 
     Ostrel_IPv4 read = kAnyIPv4;
     const Ostrel_Status status = OstrelJsonReadIPv4(field, &read);
     if (status != kNoErr) return status;
-    if (!IsHost(read)) return OstrelJsonRefuse(field, "no host can have this address");
+    if (!Ostrel_IsOfHost(read)) return OstrelJsonRefuse(field, "no host can have this address");
     *address = read;
     return kNoErr;
 }

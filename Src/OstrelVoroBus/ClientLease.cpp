@@ -2,7 +2,8 @@
 // client when a lease has been confirmed or renewed.
 //
 // Both roads show the same object. An interface without a lease shows its link-local address, or 0.0.0.0, and nothing
-// that belongs to a lease; a configured address counts as a lease. Nothing is kept between calls.
+// that belongs to a lease; a configured address counts as a lease. A client that was told what to ask for shows what
+// came of it as well. Nothing is kept between calls.
 
 #include <array>
 #include <bit>
@@ -12,6 +13,7 @@
 #include "Ostrel/DHCPClient.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/LinkLocal.h"
+#include "Ostrel/OstrelJsonUtilsOptions.h"
 #include "Ostrel/Publish.h"
 #include "Ostrel/System.h"
 
@@ -32,11 +34,13 @@ void PutAddressWithoutLease(const Ostrel_InterfaceObj* iface, JValue& object) {
     if (address != kAnyIPv4) OstrelJsonUtilsIPv4Put(object, "ipv4Subnet", kLinkLocalMask);
 }
 
-void PutLease(Ostrel_SystemObj* sysObj, const Ostrel_ClientLease& lease, JValue& object) {
+void PutLease(Ostrel_SystemObj* sysObj, const Ostrel_ClientObj& client, JValue& object) {
+    const Ostrel_ClientLease& lease = client.lease;
     OstrelJsonUtilsIPv4Put(object, "ipv4Address", lease.IPv4Address);
     OstrelJsonUtilsIPv4Put(object, "ipv4Subnet", lease.IPv4SubnetMask);
     Ostrel_VSUtil_PutNetwork(object, lease);
     Ostrel_VSUtil_PutLeaseTimes(sysObj, lease.leaseAcquired, lease.leaseTime, object);
+    if (client.numWantedOptions != 0) OstrelJsonUtilsOptionsPut(object, lease.options);
 }
 
 bool WriteClients(Ostrel_SystemObj* sysObj, Ostrel_ClientObj* client, std::string* list) {
@@ -67,7 +71,7 @@ Ostrel_Status Ostrel_VoroServiceCreateClientLeaseInformationObject(Ostrel_System
     if (client->lease.IPv4Address == kAnyIPv4)
         PutAddressWithoutLease(client->iface, object);
     else
-        PutLease(sysObj, client->lease, object);
+        PutLease(sysObj, *client, object);
     return kNoErr;
 }
 

@@ -42,7 +42,8 @@ void Ostrel_ReplaceNewlineInTimeString(std::span<char> text) {
 }
 
 void Ostrel_VSUtil_PutNetwork(JValue& object, const Ostrel_ClientLease& lease) {
-    OstrelJsonUtilsIPv4ArrayPut(object, "ipv4Router", AddressesOf(lease.IPv4Routers, lease.numIPv4Routers));
+    if (!OstrelJsonUtilsHaveRoutes(lease.options))
+        OstrelJsonUtilsIPv4ArrayPut(object, "ipv4Router", AddressesOf(lease.IPv4Routers, lease.numIPv4Routers));
     OstrelJsonUtilsIPv4ArrayPut(object, "dnsServers", AddressesOf(lease.IPv4DNSServers, lease.numIPv4DNSServers));
     if (lease.domainNameLen != 0) object.put("domainName", lease.domainName.get());
 }

@@ -14,7 +14,8 @@
 struct Ostrel_ClientLease;
 struct Ostrel_SystemObj;
 
-// "ipv4Router", "dnsServers" and "domainName" of a client's lease, each when the lease has it.
+// "ipv4Router", "dnsServers" and "domainName" of a client's lease, each when the lease has it; no router beside static
+// routes.
 void Ostrel_VSUtil_PutNetwork(valdo::JValue& object, const Ostrel_ClientLease& lease);
 
 // "leaseTimeString", "leaseExpiryString" and "leaseTime" of a lease that began at `began`, in seconds of the monotonic
