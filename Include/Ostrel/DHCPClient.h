@@ -133,8 +133,8 @@ void Ostrel_DHCPClientFinalize(Ostrel_ClientObj* client);
 
 // What an action may be given beside its word.
 struct Ostrel_ActionValues {
-    Ostrel_IPv4 address;  // of "init": the address that the client had, asked for first; 0: none
-    bool release;         // of "halt": the server is told that the lease is not needed any more
+    Ostrel_IPv4 address = kAnyIPv4;  // of "init": the address that the client had, asked for first; 0: none
+    bool release = false;            // of "halt": the server is told that the lease is not needed any more
 };
 
 // "init" drops what the client holds and acquires anew; so do "renew" and "rebind", unless the rules have them extend
