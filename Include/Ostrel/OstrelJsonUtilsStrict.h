@@ -60,7 +60,8 @@ struct OstrelJsonBytes {
 // A dotted quad; of a host: neither 0.0.0.0 nor what no host can have, such as a group's address.
 [[nodiscard]] Ostrel_Status OstrelJsonReadIPv4(const OstrelJsonField& field, Ostrel_IPv4* address);
 [[nodiscard]] Ostrel_Status OstrelJsonReadHostIPv4(const OstrelJsonField& field, Ostrel_IPv4* address);
-// Six pairs of hexadecimal digits with colons between; of one station.
+// Six pairs of hexadecimal digits with colons between; the second: of one station.
+[[nodiscard]] Ostrel_Status OstrelJsonReadAnyMAC(const OstrelJsonField& field, Ostrel_MAC* address);
 [[nodiscard]] Ostrel_Status OstrelJsonReadMAC(const OstrelJsonField& field, Ostrel_MAC* address);
 
 // An array of at most so many elements.

@@ -11,6 +11,8 @@
 
 namespace {
 
+constexpr size_t kShortestIdentifier = 2;  // bytes (RFC 2132 section 9.14)
+
 struct SipState {
     uint64_t v0, v1, v2, v3;
 };
@@ -85,6 +87,7 @@ Ostrel_ServerClient Ostrel_DHCPServerClientOf(const Ostrel_ServerObj* server, co
     if (byIdentifier || server->numFixed != 0)
         (void)Ostrel_BOOTPPacketFindOptionAsString(Ostrel_OptionsOf(packet), kOptionClientIdentifier,
                                                    &client.identifier);
+    if (client.identifier.size() < kShortestIdentifier) client.identifier = {};
     if (!byIdentifier) {
         client.key = Ostrel_LeaseIndexKeyOfMAC(client.station);
         return client;

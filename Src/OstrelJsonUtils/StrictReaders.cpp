@@ -133,13 +133,21 @@ Ostrel_Status OstrelJsonReadHostIPv4(const OstrelJsonField& field, Ostrel_IPv4* 
     return kNoErr;
 }
 
-Ostrel_Status OstrelJsonReadMAC(const OstrelJsonField& field, Ostrel_MAC* address) {
+Ostrel_Status OstrelJsonReadAnyMAC(const OstrelJsonField& field, Ostrel_MAC* address) {
     std::string text;
     Ostrel_MAC read{};
     bool isAddress = field.value.asString(text) == valdo::CONV_OK && text.size() == 17;
     for (size_t colon = 2; isAddress && colon < text.size(); colon += 3) isAddress = text[colon] == ':';
     isAddress = isAddress && ReadPairs(text, 3, read);
     if (!isAddress) return OstrelJsonRefuse(field, "an Ethernet address such as 02:00:5e:10:00:01 is wanted");
+    *address = read;
+    return kNoErr;
+}
+
+Ostrel_Status OstrelJsonReadMAC(const OstrelJsonField& field, Ostrel_MAC* address) {
+    Ostrel_MAC read{};
+    const Ostrel_Status status = OstrelJsonReadAnyMAC(field, &read);
+    if (status != kNoErr) return status;
     if ((read[0] & 1) != 0 || read == Ostrel_MAC{}) return OstrelJsonRefuse(field, "no station can have this address");
     *address = read;
     return kNoErr;

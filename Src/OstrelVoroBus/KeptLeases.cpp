@@ -7,7 +7,8 @@
 // device that has no clock of its own and has not been told the time yet, the whole lease is left, never more. A
 // process that knows better says so in seconds, with "age" and "remaining".
 //
-// Members that nobody knows are overlooked here: the shown objects may have more some day.
+// Members that nobody knows are overlooked here: the shown objects may have more some day. And whatever a client has
+// called itself, its lease can be read as it was shown.
 
 #include <algorithm>
 
@@ -70,12 +71,21 @@ Ostrel_Status ReadShownName(const OstrelJsonField& field, Ostrel_KeptLease* leas
     return lease->hostName == nullptr ? kOutOfMemoryErr : kNoErr;
 }
 
+// One that has no text before its first zero byte is shown as "".
+Ostrel_Status ReadShownIdentifier(const OstrelJsonField& field, Ostrel_ClientKey* client) {
+    std::string text;
+    const bool isEmpty = !OstrelJsonHas(field, "clientIdentifierHex") &&
+                         OstrelJsonMember(field, "clientIdentifier").value.asString(text) == valdo::CONV_OK &&
+                         text.empty();
+    return isEmpty ? kNoErr : Ostrel_VSUtil_ReadIdentifier(field, client);
+}
+
 Ostrel_Status ReadKeptLease(const OstrelJsonField& field, Ostrel_ServerValues* server) {
     if (!field.value.isObject()) return OstrelJsonRefuse(field, "a lease as leaseInformation shows it is wanted");
     Ostrel_KeptLease& lease = server->kept[server->numKept];
     Ostrel_Status status = OstrelJsonReadHostIPv4(OstrelJsonMember(field, "ipv4Address"), &lease.IPv4Address);
-    if (status == kNoErr) status = OstrelJsonReadMAC(OstrelJsonMember(field, "mac"), &lease.client.mac);
-    if (status == kNoErr) status = Ostrel_VSUtil_ReadIdentifier(field, &lease.client);
+    if (status == kNoErr) status = OstrelJsonReadAnyMAC(OstrelJsonMember(field, "mac"), &lease.client.mac);
+    if (status == kNoErr) status = ReadShownIdentifier(field, &lease.client);
     if (status == kNoErr) status = ReadTimes(field, &lease);
     if (status == kNoErr) status = ReadShownName(field, &lease);
     if (status == kNoErr) ++server->numKept;

@@ -207,7 +207,7 @@ private:
         options.assign(message.begin() + 240, message.end());
         std::copy_n(received.begin() + 6, source.size(), source.begin());
         std::copy_n(message.begin() + 28, station.size(), station.begin());
-        client = FindOption(options, 61).data;
+        client = Identifier();
         if (client.empty()) {
             client = {message[1]};
             Append(client, Part(28, std::min<ptrdiff_t>(message[2], 16)));
@@ -228,7 +228,7 @@ private:
     Slot* KeptSlot() {
         Bytes address = {1};
         Append(address, {station.begin(), station.end()});
-        for (const Bytes& identity : {FindOption(options, 61).data, address}) {
+        for (const Bytes& identity : {Identifier(), address}) {
             for (const auto& fixed : game.fixed) {
                 if (identity.empty() || fixed.identity != identity) continue;
                 Slot* const slot = SlotOf(ToIPv4(fixed.address));
@@ -545,6 +545,10 @@ private:
     [[nodiscard]] IPv4 Address(uint8_t code) const {
         const Option option = FindOption(options, code);
         return option.data.size() == 4 ? model::AddressOf(option.data) : 0;
+    }
+    [[nodiscard]] Bytes Identifier() const {
+        const Bytes data = FindOption(options, 61).data;
+        return data.size() < 2 ? Bytes{} : data;
     }
     [[nodiscard]] bool IsForAnother() const { return Address(54) != 0 && Address(54) != ToIPv4(wishes.address); }
     [[nodiscard]] bool IsOfSubnet(IPv4 address) const {
