@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <endian.h>
+#include <optional>
 
 #include "Ostrel/Check.h"
 #include "Ostrel/Log.h"
@@ -28,10 +29,11 @@ uint32_t SlotsOfRange(const Ostrel_ServerObj* server) {
     return static_cast<uint32_t>(server->maxLeases);
 }
 
-Ostrel_LeaseInformation* SlotOfRange(const Ostrel_ServerObj* server, Ostrel_IPv4 address) {
+// The number of the address's slot, which need not be there yet; none outside the range.
+std::optional<uint32_t> NumberInRange(const Ostrel_ServerObj* server, Ostrel_IPv4 address) {
     const uint32_t slot = (be32toh(address) - be32toh(server->IPv4RangeStart)) & kCountingBits;
     const bool isInRange = slot < SlotsOfRange(server) && Ostrel_LeaseAddressOfSlot(server, slot) == address;
-    return isInRange ? &server->leases[slot] : nullptr;
+    return isInRange ? std::optional(slot) : std::nullopt;
 }
 
 std::span<const uint8_t> IdentifierOf(const Ostrel_ClientKey& client) {
@@ -54,7 +56,7 @@ bool FindOutside(const Ostrel_ServerObj* server, std::span<const Ostrel_FixedLea
     Ostrel_IPv4* const begin = addresses->get();
     Ostrel_IPv4* end = begin;
     for (const Ostrel_FixedLease& lease : fixed) {
-        if (SlotOfRange(server, lease.IPv4Address) == nullptr) *end++ = lease.IPv4Address;
+        if (!NumberInRange(server, lease.IPv4Address)) *end++ = lease.IPv4Address;
     }
     std::sort(begin, end, [](Ostrel_IPv4 one, Ostrel_IPv4 other) { return be32toh(one) < be32toh(other); });
     *count = static_cast<uint32_t>(std::unique(begin, end) - begin);
@@ -176,7 +178,7 @@ Ostrel_IPv4 Ostrel_LeaseAddressOfSlot(const Ostrel_ServerObj* server, uint32_t s
 }
 
 Ostrel_LeaseInformation* Ostrel_LeaseSlotOfAddress(const Ostrel_ServerObj* server, Ostrel_IPv4 address) {
-    if (Ostrel_LeaseInformation* const lease = SlotOfRange(server, address); lease != nullptr) return lease;
+    if (const auto slot = NumberInRange(server, address)) return &server->leases[*slot];
     const std::span<Ostrel_LeaseInformation> outside = Ostrel_LeaseSlotsOf(server).subspan(SlotsOfRange(server));
     const auto place = std::lower_bound(
         outside.begin(), outside.end(), be32toh(address),

@@ -49,7 +49,7 @@ int64_t DaysOf(int64_t year, int64_t month, int64_t day) {
 // The text as if it were UTC.
 std::optional<int64_t> SecondsOf(std::string_view text) {
     if (text.size() != kTextLength) return std::nullopt;
-    for (const size_t place : {3, 7, 10, 19})
+    for (const size_t place : std::array<size_t, 4>{3, 7, 10, 19})
         if (text[place] != ' ') return std::nullopt;
     if (text[13] != ':' || text[16] != ':' || !IndexOf(kDays, text.substr(0, 3))) return std::nullopt;
     const auto month = IndexOf(kMonths, text.substr(4, 3));

@@ -69,6 +69,15 @@ TEST_F(KeptLeases, AreAgainWhatTheyWere) {
     EXPECT_NE(Table().find("192.168.1.100"), std::string::npos);
 }
 
+TEST_F(KeptLeases, TheFirstAddressOfTheRangeMayBeKeptForSomebody) {
+    EXPECT_TRUE(daemon.Finalize("eth0"));
+    EXPECT_EQ(Start(R"(,"fixed":[{"macAddress":"02:00:00:00:00:02","ipv4Address":"192.168.1.100"}])"),
+              R"({"returnValue":true})");
+    EXPECT_EQ(daemon.system.interfaceList->dhcpServer->numSlots, 10u);
+    EXPECT_EQ(Guest(wire, 1).Discover()->yiaddr, ToIPv4("192.168.1.101"));
+    EXPECT_EQ(Guest(wire, 2).Discover()->yiaddr, ToIPv4("192.168.1.100"));
+}
+
 TEST_F(KeptLeases, AnOperatorHoldsAndReleasesAnAddress) {
     Guest laptop(wire, 2);
     EXPECT_EQ(laptop.Discover()->yiaddr, ToIPv4("192.168.1.100"));
