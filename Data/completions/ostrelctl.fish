@@ -19,8 +19,8 @@ set --local commands \
     client "Get an address for an interface" \
     server "Hand out addresses on an interface" \
     release "Stop managing an interface" \
-    renew "Drop the address and acquire one anew" \
-    rebind "Drop the address and acquire one anew, as renew" \
+    renew "Extend the lease now, at its server" \
+    rebind "Extend the lease now, at any server" \
     init "Start a client, or start it over" \
     halt "Stop a client, and keep it configured" \
     status "Show what is managed, and what it has" \
@@ -49,11 +49,19 @@ __ostrelctl_behind client --exclusive --long-option static --description "Use th
 __ostrelctl_behind client --exclusive --long-option address --description "Use this address, get the rest by DHCP"
 __ostrelctl_behind client --long-option link-local --description "Also select a link-local address"
 __ostrelctl_behind client --exclusive --long-option client-id --description "Identify the client by this text"
+__ostrelctl_behind client --exclusive --long-option host-name --description "Tell servers this name"
+__ostrelctl_behind "client server" --long-option plain --description "Go by the plain rules"
+__ostrelctl_behind "release halt" --long-option release --description "Tell the DHCP server"
+__ostrelctl_behind init --exclusive --long-option address --description "Ask for this address first"
 __ostrelctl_behind client --long-option no-start --description "Configure only"
 __ostrelctl_behind server --exclusive --long-option address --description "The server's own address and prefix"
 __ostrelctl_behind server --exclusive --long-option range --description "Addresses to hand out, FIRST-LAST"
 __ostrelctl_behind server --exclusive --long-option count --description "How many addresses to hand out"
 __ostrelctl_behind server --exclusive --long-option lease --description "How long a lease lasts, as 12h"
+__ostrelctl_behind server --exclusive --long-option fixed --description "Keep an address for a station"
+__ostrelctl_behind server --exclusive --long-option option --description "Hand out an option" \
+    --arguments "log= mtu= ntp= wins= tftp= bootfile= timezone= portal= search="
+__ostrelctl_behind server --require-parameter --force-files --long-option keep --description "Keep the leases in this file"
 __ostrelctl_behind leases --exclusive --long-option sort --arguments "address expiry name mac" --description "Order"
 __ostrelctl_behind watch --exclusive --long-option count --description "End after so many changes"
 __ostrelctl_behind wait --exclusive --long-option timeout --description "Give up after so long, as 90 or 5m"

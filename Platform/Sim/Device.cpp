@@ -10,7 +10,7 @@
 #include "os_memory.h"
 
 struct os_port {
-    std::string ifname;
+    int32_t index;  // of the interface, to which it stays bound
     uint16_t port;
 };
 
@@ -67,8 +67,10 @@ bool World::IsWatched() const {
 }
 
 bool World::IsPortHeld(const std::string& ifname, uint16_t port) const {
-    return std::any_of(state->heldPorts.begin(), state->heldPorts.end(),
-                       [&](const os_port* held) { return held->ifname == ifname && held->port == port; });
+    const Interface* const interface = state->FindInterface(ifname);
+    return interface != nullptr &&
+           std::any_of(state->heldPorts.begin(), state->heldPorts.end(),
+                       [&](const os_port* held) { return held->index == interface->index && held->port == port; });
 }
 
 void World::State::LinkChanged(const Interface& interface) {
@@ -121,10 +123,11 @@ void os_unwatch_device() noexcept {
 
 os_port* os_hold_port(const char* ifname, uint16_t port) noexcept {
     World& world = World::Get();
-    if (world.Internals().FindInterface(ifname) == nullptr || !world.portsMayBeHeld) return nullptr;
+    const sim::Interface* const interface = world.Internals().FindInterface(ifname);
+    if (interface == nullptr || !world.portsMayBeHeld) return nullptr;
     auto* const held = os_new<os_port>();
     if (held == nullptr) return nullptr;
-    *held = {ifname, port};
+    *held = {interface->index, port};
     world.Internals().heldPorts.push_back(held);
     return held;
 }

@@ -15,6 +15,7 @@
 #include "Ostrel/Check.h"
 #include "Ostrel/DHCPClient.h"
 #include "Ostrel/DHCPServer.h"
+#include "Ostrel/DHCPShared.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/LinkLocal.h"
 #include "Ostrel/Log.h"
@@ -72,8 +73,10 @@ Ostrel_Status ReopenSockets(Ostrel_InterfaceObj* iface) {
     OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterReopen(iface, &iface->arpFilter));
     if (iface->dhcpClient != nullptr)
         OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterReopen(iface, &iface->dhcpClient->packetFilter));
-    if (iface->dhcpServer != nullptr)
-        OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterReopen(iface, &iface->dhcpServer->packetFilter));
+    Ostrel_ServerObj* server = iface->dhcpServer;
+    if (server == nullptr) return kNoErr;
+    OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterReopen(iface, &server->packetFilter));
+    if (server->rules->portIsHeld) server->port.reset(os_hold_port(iface->ifname.data(), kBOOTPServerPort));
     return kNoErr;
 }
 

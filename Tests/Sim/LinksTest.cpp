@@ -122,6 +122,24 @@ TEST_P(Links, AnInterfaceThatIsPutBackGoesOn) {
     EXPECT_EQ(isHeard, GetParam());
 }
 
+TEST_P(Links, AServerHoldsItsPortOnTheInterfaceThatWasPutBack) {
+    lan.world.AddInterface("usb0", kOtherMAC, lan.wire);
+    ASSERT_TRUE(lan.daemon.Initialize("usb0", {{"rfc", GetParam()},
+                                               {"mode", "server"},
+                                               {"ipv4Address", "198.51.100.1"},
+                                               {"ipv4Subnet", "255.255.255.0"},
+                                               {"ipv4Router", "198.51.100.1"},
+                                               {"ipv4RangeStart", "198.51.100.10"},
+                                               {"maxLeases", 5}}));
+    EXPECT_EQ(lan.world.IsPortHeld("usb0", 67), GetParam());
+    lan.world.RemoveInterface("usb0");
+    lan.RunFor(1s);
+    lan.world.AddInterface("usb0", kOtherMAC, lan.wire);
+    EXPECT_FALSE(lan.world.IsPortHeld("usb0", 67));
+    lan.RunFor(1s);
+    EXPECT_EQ(lan.world.IsPortHeld("usb0", 67), GetParam());
+}
+
 TEST_P(Links, ARenamedInterfaceGoesByItsNewName) {
     lan.world.AddInterface("eth1", kOtherMAC, lan.wire);
     ASSERT_TRUE(lan.daemon.Initialize("eth1", {{"rfc", GetParam()}}));

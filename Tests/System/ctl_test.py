@@ -18,8 +18,8 @@ import peers
 from wire import BROADCAST, DISCOVER, OFFER, REQUEST, option, packet_socket, udp_frame
 
 OSTRELCTL = os.environ.get("OSTRELCTL", str(pathlib.Path(lab.OSTRELD).with_name("ostrelctl")))
-SERVER = ("server eth0 --address 192.0.2.1/24 --range 192.0.2.100 --count 20 --lease 1h --dns 192.0.2.3,192.0.2.4 "
-          "--domain lab.example")
+SERVER = ("server eth0 --address 192.0.2.1/24 --range 192.0.2.100 --count 20 --lease 1h --router 192.0.2.1 "
+          "--dns 192.0.2.3,192.0.2.4 --domain lab.example")
 GREEN, FULL, REST = "\033[32m", "\u2501", "\u2500"
 HOSTILE = b"cam\x1b]0;owned\x07\xc2\x9b2J\xe2\x80\xae\xff\x7fera"
 
@@ -81,7 +81,7 @@ class Story(Tool):
         status = self.type("client", "status")
         self.assertRegex(status, rf"\Aeth0  client by DHCP\n  address +{address}/24 by DHCP, not set: 'ostrelctl apply eth0' sets it\n"
                                  r"  router +192\.0\.2\.1\n  DNS +192\.0\.2\.3, 192\.0\.2\.4\n  domain +lab\.example\n"
-                                 r"  expires +[-0-9: ]+, in 59 min( \d+ s)?\n  age +\d+ s of 1 h\n\Z")
+                                 r"  expires +[-0-9: ]+, in 59 min( \d+ s)?\n  age +\d+ s of 1 h\n  rules +rfc\n\Z")
         self.lab.ip("client", f"addr add {address}/24 dev eth0")
         self.assertIn(f"{address}/24 by DHCP\n", self.type("client", "status eth0"))
         table = self.type("server", "leases --sort expiry")
@@ -109,7 +109,7 @@ class Story(Tool):
         for line in ("status --json=lines", "--json=lines status eth0"):
             (told,) = map(json.loads, self.type("client", line).splitlines())
             self.assertEqual({**told, "time": 0, "began": 0, "expires": told["expires"] - told["began"]},
-                             {"time": 0, "event": "status", "interface": "eth0", "link": "running", "ipv4Config": "dhcp",
+                             {"time": 0, "event": "status", "interface": "eth0", "link": "running", "rules": "rfc", "ipv4Config": "dhcp",
                               "role": "client", "ipv4Address": address, "prefixLength": 24, "linkLocal": False,
                               "ipv4Router": [peers.SERVER], "dnsServers": ["192.0.2.3", "192.0.2.4"],
                               "domainName": "lab.example", "began": 0, "expires": 3600, "set": True})
@@ -282,7 +282,16 @@ class Usage(Tool):
         (server + "--range 192.0.2.9-192.0.2.19 --router 192.0.3.1", "router 192.0.3.1 is outside 192.0.2.0/24"),
         (server + "--range 192.0.2.9-192.0.2.19 --lease 68y", "'68y' is not a time"),
         (server + "--range 192.0.2.9-192.0.2.19 --lease 24856d", "1 to 2147483647 seconds, not 2147558400"),
-        ("server eth0 --address 192.0.2.1/25 --range 192.0.2.9-192.0.2.19", "can only serve subnets of /24 and larger, not 192.0.2.0/25"),
+        ("server eth0 --address 192.0.2.1/25 --range 192.0.2.9-192.0.2.19 --plain",
+         "can only serve subnets of /24 and larger, not 192.0.2.0/25"),
+        ("server eth0 --address 192.0.2.1/31 --range 192.0.2.0-192.0.2.0", "subnets of /30 and larger, not 192.0.2.0/31"),
+        (server + "--range 192.0.2.9-192.0.2.19 --fixed 02:00:00:00:00:1=192.0.2.7", "02:00:00:00:00:1=192.0.2.7' is not such as"),
+        (server + "--range 192.0.2.9-192.0.2.19 --option ntp=pool", "'ntp=pool' is not such as ntp=192.0.2.3"),
+        (server + "--range 192.0.2.9-192.0.2.19 --option nopt=192.0.2.3", "the names are log, mtu, ntp"),
+        ("client eth0 --link-local=never", "'never' is not 'fallback'"),
+        ("client eth0 --static 192.0.2.7/24 --host-name camera", "excludes"),
+        ("init eth0 --address there", "'there' is not an address"),
+        ("renew eth0 --release", "'renew' has no option '--release'"),
         ("server eth0 --address 10.0.0.1/8 --range 10.1.0.0 --count 1048577", "more than 1048576 addresses"),
         ("leases --sort size", "'size' is none of address, expiry, name and mac"),
     )

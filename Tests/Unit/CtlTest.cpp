@@ -6,6 +6,7 @@
 
 #include "ostrelctl/Arguments.h"
 #include "ostrelctl/Lease.h"
+#include "ostrelctl/ServedValues.h"
 #include "ostrelctl/Terminal.h"
 
 namespace ostrelctl {
@@ -26,6 +27,27 @@ std::string AsRange(const std::string& text) {
 std::string AsSpan(const std::string& text) {
     int64_t seconds = -1;
     return ReadSpan(text, seconds) ? std::to_string(seconds) : "no";
+}
+
+// What the daemon is asked for.
+std::string AsFixed(const std::string& text) {
+    FixedLease fixed;
+    if (!ReadFixed(text, fixed)) return "no";
+    valdo::JValue request = valdo::Object();
+    PutFixed(request, {fixed});
+    std::string written;
+    EXPECT_TRUE(valdo::JGenerator::toString(request["fixed"], valdo::JSchemaFragment("{}"), written));
+    return written;
+}
+
+std::string AsOption(const std::string& text) {
+    ServedOption option;
+    if (!ReadServedOption(text, option)) return "no";
+    valdo::JValue request = valdo::Object();
+    PutServedOptions(request, {option});
+    std::string written;
+    EXPECT_TRUE(valdo::JGenerator::toString(request["options"][0], valdo::JSchemaFragment("{}"), written));
+    return written;
 }
 
 }  // namespace
@@ -56,6 +78,30 @@ TEST(Ctl, ReadsTheWordsOfTheCommandLineWholeOrNotAtAll) {
         {AsSpan, "", "no"},
         {AsSpan, "h", "no"},
         {AsSpan, "-1", "no"},
+        {AsFixed, "02:00:5e:10:00:01=192.0.2.7,camera",
+         R"([{"macAddress":"02:00:5e:10:00:01","ipv4Address":"192.0.2.7","hostName":"camera"}])"},
+        {AsFixed, "02:00:5E:10:00:01=192.0.2.7", R"([{"macAddress":"02:00:5E:10:00:01","ipv4Address":"192.0.2.7"}])"},
+        {AsFixed, "02:00:5e:10:00:01=192.0.2.7,", "no"},
+        {AsFixed, "02:00:5e:10:00=192.0.2.7", "no"},
+        {AsFixed, "02:00:5e:10:00:0g=192.0.2.7", "no"},
+        {AsFixed, "192.0.2.7=02:00:5e:10:00:01", "no"},
+        {AsOption, "ntp=192.0.2.3,192.0.2.4", R"({"code":42,"ipv4":["192.0.2.3","192.0.2.4"]})"},
+        {AsOption, "42=192.0.2.3", R"({"code":42,"ipv4":["192.0.2.3"]})"},
+        {AsOption, "42=hex:C0000203", R"({"code":42,"hex":"C0000203"})"},
+        {AsOption, "ntp=pool.example", "no"},
+        {AsOption, "mtu=1400", R"({"code":26,"hex":"0578"})"},
+        {AsOption, "mtu=65536", "no"},
+        {AsOption, "search=a.bc,d", R"({"code":119,"hex":"016102626300016400"})"},
+        {AsOption, "search=a..b", "no"},
+        {AsOption, "portal=https://192.0.2.1/", R"({"code":114,"text":"https://192.0.2.1/"})"},
+        {AsOption, "tftp=192.0.2.9", R"({"code":66,"text":"192.0.2.9"})"},
+        {AsOption, "150=192.0.2.9", R"({"code":150,"ipv4":["192.0.2.9"]})"},
+        {AsOption, "224=any text", R"({"code":224,"text":"any text"})"},
+        {AsOption, "43=hex:0", "no"},
+        {AsOption, "43=", "no"},
+        {AsOption, "255=x", "no"},
+        {AsOption, "0=x", "no"},
+        {AsOption, "nosuch=x", "no"},
     };
     for (const Reading& row : readings) EXPECT_EQ(row.as(row.text), row.expected) << row.text;
 }

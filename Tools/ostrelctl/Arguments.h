@@ -53,6 +53,27 @@ CLI::Option* AddParsed(CLI::App& command, const char* names, std::optional<Value
     return command.add_option(names, take, description)->check(check);
 }
 
+// The same for one that may be repeated: each value is added.
+template <typename Value>
+CLI::Option* AddRepeated(CLI::App& command, const char* name, std::vector<Value>& values,
+                         bool (*read)(const std::string&, Value&), const std::string& expected,
+                         const char* description) {
+    const auto take = [&values, read](const CLI::results_t& texts) {
+        values.assign(texts.size(), Value{});
+        for (size_t i = 0; i < texts.size(); ++i)
+            if (!read(texts[i], values[i])) return false;
+        return true;
+    };
+    const auto check = [read, expected](const std::string& text) -> std::string {
+        Value parsed{};
+        return read(text, parsed) ? "" : '\'' + Printable(text) + "' is not " + expected;
+    };
+    return command.add_option(name, take, description)
+        ->expected(1, CLI::detail::expected_max_vector_size)
+        ->allow_extra_args(false)
+        ->check(check);
+}
+
 CLI::Option* AddAddress(CLI::App& command, const char* name, std::optional<Ostrel_IPv4>& address,
                         const char* description);
 CLI::Option* AddNetwork(CLI::App& command, const char* name, std::optional<Network>& network, const char* description);

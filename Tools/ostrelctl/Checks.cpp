@@ -15,7 +15,7 @@ namespace ostrelctl {
 namespace {
 
 constexpr size_t kMostDnsServers = 3;
-constexpr unsigned kLongestServerPrefix = 24;
+constexpr unsigned kLongestServerPrefix = 30, kLongestPlainPrefix = 24;
 constexpr int64_t kLongestLease = INT32_MAX;  // seconds
 
 // A row of a table of rules: the first one that is broken is told.
@@ -117,14 +117,17 @@ ExitStatus CheckServer(const ServerPlan& plan) {
     const std::string router = AddressText(plan.router);
     const ExitStatus own = CheckOwnAddress(network);
     if (own != kExitDone) return own;
+    const unsigned longest = plan.plain ? kLongestPlainPrefix : kLongestServerPrefix;
+    const bool hasRouter = plan.router != kAnyIPv4;
     const ExitStatus settings = CheckRules({
-        {PrefixLength(network.mask) > kLongestServerPrefix,
-         "the daemon can only serve subnets of /24 and larger, not " + SubnetText(network), ""},
+        {PrefixLength(network.mask) > longest,
+         "the daemon can only serve subnets of /" + std::to_string(longest) + " and larger, not " + SubnetText(network),
+         ""},
         {plan.leaseSeconds < 1 || plan.leaseSeconds > kLongestLease,
          "a lease lasts 1 to " + std::to_string(kLongestLease) + " seconds, not " + std::to_string(plan.leaseSeconds),
          ""},
-        {!IsIn(network, plan.router), "the router " + router + " is outside " + SubnetText(network), ""},
-        {IsReserved(network, plan.router), "the router is " + ReservedText(network, plan.router), ""},
+        {hasRouter && !IsIn(network, plan.router), "the router " + router + " is outside " + SubnetText(network), ""},
+        {hasRouter && IsReserved(network, plan.router), "the router is " + ReservedText(network, plan.router), ""},
     });
     return settings != kExitDone ? settings : CheckRange(plan);
 }

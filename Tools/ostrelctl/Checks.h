@@ -13,10 +13,11 @@ constexpr uint32_t kMostLeases = 1048576;  // that one server hands out
 
 // What a server is to be.
 struct ServerPlan {
-    Network network;  // its own address
-    Range range{};    // whole: with its last address
-    Ostrel_IPv4 router = kAnyIPv4;
+    Network network;                // its own address
+    Range range{};                  // whole: with its last address
+    Ostrel_IPv4 router = kAnyIPv4;  // 0.0.0.0: none is handed out
     int64_t leaseSeconds = 0;
+    bool plain = false;  // by the daemon's plain rules
 };
 
 // Each complains and gives kExitUsage, or gives kExitDone.

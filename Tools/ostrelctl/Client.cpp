@@ -2,7 +2,12 @@
 //
 // Two calls: the interface is handed over, then its client is started. A static client needs no start, since it
 // publishes what it was given at once; started as well, it would publish twice.
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <climits>
 #include <cstdio>
+#include <unistd.h>
 
 #include "Ostrel/OstrelJsonUtils.h"
 
@@ -21,6 +26,11 @@ namespace ostrelctl {
 namespace {
 
 constexpr size_t kLongestClientIdentifier = 254;  // with its type byte, what option 61 holds
+constexpr size_t kLongestHostName = 253;          // of a name with its domain (RFC 1035 section 2.3.4)
+constexpr char kNoName[] = "none";
+
+// What 'apply' and whoever reads a lease can use beside the usual: MTU, NTP servers, search domains.
+constexpr std::array<int, 3> kWantedOptions{26, 42, 119};
 
 struct ClientOptions {
     std::string interface;
@@ -30,7 +40,9 @@ struct ClientOptions {
     std::optional<Ostrel_IPv4> router;
     std::vector<Ostrel_IPv4> dnsServers;
     std::optional<std::string> domainName, clientIdentifier;
-    bool linkLocal = false;
+    std::optional<std::string> hostName;
+    std::string linkLocal;  // "always", "fallback"; empty: none
+    bool plain = false;
     bool noStart = false;
 };
 
@@ -46,9 +58,20 @@ void Declare(CLI::App& command, ClientOptions& options) {
     AddDnsServers(command, options.dnsServers)->needs(fixed);
     AddText(command, "--domain", options.domainName, kLongestDomainName, "With --static: the domain name")
         ->needs(fixed);
-    command.add_flag("--link-local", options.linkLocal, "A link-local address too, for when there is no other");
+    command
+        .add_flag("--link-local{always}", options.linkLocal,
+                  "A link-local address too; with 'fallback' only while there is no lease")
+        ->take_last()
+        ->type_name("[fallback]")
+        ->check([](const std::string& word) -> std::string {
+            return word == "always" || word == "fallback" ? "" : '\'' + Printable(word) + "' is not 'fallback'";
+        });
     AddText(command, "--client-id", options.clientIdentifier, kLongestClientIdentifier,
             "How it identifies itself to servers; otherwise by its MAC");
+    AddText(command, "--host-name", options.hostName, kLongestHostName,
+            "Its name, for servers; otherwise the device's own; 'none': no name")
+        ->excludes(fixed);
+    command.add_flag("--plain", options.plain, "By the daemon's plain rules instead of those of the RFCs");
     command.add_flag("--no-start", options.noStart, "Configure only; 'ostrelctl init IFACE' starts it");
 }
 
@@ -62,6 +85,31 @@ ExitStatus Check(const ClientOptions& options) {
     return kExitDone;
 }
 
+// The device's own name, if a server can have use of it.
+std::string OwnName() {
+    std::array<char, HOST_NAME_MAX + 1> name{};
+    if (gethostname(name.data(), name.size() - 1) != 0) return {};
+    const std::string own = name.data();
+    const auto isUsual = [](unsigned char c) { return std::isalnum(c) != 0 || c == '-' || c == '_' || c == '.'; };
+    const auto isEdge = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; };
+    const bool usable = !own.empty() && own != "localhost" && own.size() < 64 && isEdge(own.front()) &&
+                        isEdge(own.back()) && own.find("..") == std::string::npos &&
+                        std::all_of(own.begin(), own.end(), isUsual);
+    return usable ? own : std::string();
+}
+
+// A daemon that does not know these keys goes by its plain rules. Those are asked for with nothing beside what is said.
+void PutValues(JValue& request, const ClientOptions& options) {
+    if (!options.plain) request.put("rfc", true);
+    if (options.fixed) return;
+    const std::string name = options.hostName.value_or(options.plain ? kNoName : OwnName());
+    if (!name.empty() && name != kNoName) request.put("hostName", name.c_str());
+    if (options.plain) return;
+    JValue wanted = valdo::Array();
+    for (const int code : kWantedOptions) wanted.append(JValue(int64_t{code}));
+    request.put("requestOptions", wanted);
+}
+
 // The daemon wants all four addresses, of which a client uses none or two.
 JValue RequestOf(const ClientOptions& options) {
     const Network fixed = options.fixed.value_or(Network{.address = options.address.value_or(kAnyIPv4)});
@@ -69,7 +117,8 @@ JValue RequestOf(const ClientOptions& options) {
     JValue request = RequestFor(options.interface);
     request.put("mode", "client");
     request.put("ipv4Config", addressing);
-    if (options.linkLocal) request.put("ipv4LinkLocal", true);
+    if (!options.linkLocal.empty()) request.put("ipv4LinkLocal", true);
+    if (options.linkLocal == "fallback") request.put("linkLocal", "fallback");
     OstrelJsonUtilsIPv4Put(request, "ipv4Address", fixed.address);
     OstrelJsonUtilsIPv4Put(request, "ipv4Subnet", fixed.mask);
     OstrelJsonUtilsIPv4Put(request, "ipv4Router", options.router.value_or(kAnyIPv4));
@@ -77,6 +126,7 @@ JValue RequestOf(const ClientOptions& options) {
     OstrelJsonUtilsIPv4ArrayPut(request, "dnsServers", options.dnsServers);
     if (options.domainName) request.put("domainName", options.domainName->c_str());
     if (options.clientIdentifier) request.put("clientIdentifier", options.clientIdentifier->c_str());
+    PutValues(request, options);
     return request;
 }
 
@@ -110,7 +160,7 @@ ExitStatus Run(const ClientOptions& options, const Settings& settings) {
     const ExitStatus handed = HandOver(session, options.interface, RequestOf(options));
     if (handed != kExitDone) return handed;
 
-    const bool starts = !options.noStart && (!options.fixed || options.linkLocal);
+    const bool starts = !options.noStart && (!options.fixed || !options.linkLocal.empty());
     const ExitStatus started = starts ? Start(session, options.interface) : kExitDone;
     if (started == kExitDone && !settings.json) Confirm(options, starts);
     return started;
@@ -122,7 +172,7 @@ void AddClientCommand(CommandLine& line) {
     AddCommand<ClientOptions>(
         line, "client", "Get an address for an interface",
         "  ostrelctl client eth0                        by DHCP\n"
-        "  ostrelctl client eth0 --link-local           by DHCP, and 169.254.x.y when nobody answers\n"
+        "  ostrelctl client eth0 --link-local=fallback  by DHCP, and 169.254.x.y while nobody answers\n"
         "  ostrelctl client eth0 --static 192.0.2.7/24 --router 192.0.2.1 --dns 192.0.2.3,192.0.2.4\n"
         "  ostrelctl client eth0 --address 192.0.2.7    shown until a server grants one, which need not be it\n"
         "'ostrelctl apply eth0' then sets what it gets in the kernel, which the daemon itself does not.\n",

@@ -42,6 +42,7 @@ Block Describe(const Managed& interface) {
     put("DNS", AddressText(interface.dnsServers));
     put("domain", interface.domainName);
     put("client id", interface.clientIdentifier);
+    put("rules", RulesText(interface));
     return block;
 }
 

@@ -4,6 +4,7 @@
 // line is read, wrong ones are explained, and the job is run. Nothing is asked of the daemon before the whole line is
 // known to make sense, and for a mistyped command none is proposed that changes anything.
 #include <algorithm>
+#include <array>
 #include <clocale>
 #include <cstdio>
 #include <iostream>
@@ -19,16 +20,18 @@ namespace ostrelctl {
 
 namespace {
 
-constexpr size_t kNameColumns = 10;         // of a command
-constexpr size_t kHelpColumns = 36;         // of an option and its value
-constexpr std::string_view kRaw = "{raw}";  // how the library is told what --json without a value means
+constexpr size_t kNameColumns = 10;  // of a command
+constexpr size_t kHelpColumns = 36;  // of an option and its value
+// How the library is told what --json and --link-local mean without a value.
+constexpr std::array<std::string_view, 2> kUnsaid{"{raw}", "{always}"};
 
 // Help with less noise: which options exclude each other stands in their descriptions, or is said when it matters.
 class PlainHelp : public CLI::Formatter {
 public:
     std::string make_option_name(const CLI::Option* option, bool positional) const override {
         std::string name = CLI::Formatter::make_option_name(option, positional);
-        for (size_t value = 0; (value = name.find(kRaw)) != std::string::npos;) name.erase(value, kRaw.size());
+        for (const std::string_view unsaid : kUnsaid)
+            for (size_t value = 0; (value = name.find(unsaid)) != std::string::npos;) name.erase(value, unsaid.size());
         return name;
     }
     std::string make_option_opts(const CLI::Option* option) const override {
@@ -161,6 +164,12 @@ std::vector<std::string> WordsOf(int argc, char* argv[]) {
     if (!words.empty() && words.front() == "help") {
         words.erase(words.begin());
         words.emplace_back("--help");
+    }
+    // The word behind --link-local is its value, and never an interface.
+    for (size_t i = 1; i < words.size(); ++i) {
+        if (words[i - 1] != "--link-local" || words[i] != "fallback") continue;
+        words[i - 1] += "=fallback";
+        words.erase(words.begin() + static_cast<std::ptrdiff_t>(i));
     }
     std::reverse(words.begin(), words.end());
     return words;

@@ -25,6 +25,7 @@ Managed ReadOne(const JValue& object) {
     Managed read;
     read.interface = TextOf(object, "interface");
     read.server = TextOf(object, "mode") == "server";
+    read.rfc = TruthOf(object, "rfc");
     read.address = AddressOf(object, "ipv4Address");
     read.routers = AddressesOf(object, "ipv4Router");
     read.dnsServers = AddressesOf(object, "dnsServers");
@@ -39,6 +40,7 @@ Managed ReadOne(const JValue& object) {
         const std::string addressing = TextOf(object, "ipv4Config");
         read.addressing = addressing.empty() ? "dhcp" : addressing;
         read.linkLocal = TruthOf(object, "ipv4LinkLocal");
+        read.linkLocalIsFallback = TextOf(object, "linkLocal") == "fallback";
         read.mask = AddressOf(object, "ipv4Subnet");
         read.clientIdentifier = TextOf(object, "clientIdentifier");
     }
@@ -61,6 +63,15 @@ ExitStatus ComplainOfUnmanaged(const std::string& name, bool isToBe) {
                   "'ostrelctl client " + shown + "' or 'ostrelctl server " + shown + " ...' hands it over");
 }
 
+// Of the keys that it takes strictly the daemon says which one it refuses, and why.
+bool HasReason(const Answer& answer) {
+    return !TextOf(answer.reply, "problem").empty();
+}
+
+ExitStatus ComplainOfReason(const Answer& answer) {
+    return Refuse(kExitRefused, "the daemon refused: " + Printable(TextOf(answer.reply, "problem")), "");
+}
+
 ExitStatus ComplainOfNoReason() {
     return Refuse(kExitRefused, "the daemon refused",
                   "its log says why: 'journalctl -u ostreld' or /var/log/ostrel.log");
@@ -76,6 +87,10 @@ std::vector<Managed> ReadManaged(const JValue& root) {
         if (!read.interface.empty()) interfaces.push_back(std::move(read));
     }
     return interfaces;
+}
+
+const char* RulesText(const Managed& interface) {
+    return interface.rfc ? "rfc" : "plain";
 }
 
 std::string RoleText(const Managed& interface) {
@@ -97,10 +112,18 @@ ExitStatus AskManaged(const Session& session, const std::string& name, std::vect
     return ComplainOfUnmanaged(name, true);
 }
 
+bool IsManagedByRFC(const Session& session, const std::string& name) {
+    const std::vector<Managed> interfaces =
+        ReadManaged(AskQuietly(session, kInterfaceConfigDump, RequestFor(name)).reply);
+    const Managed* const managed = Find(interfaces, name);
+    return managed != nullptr && managed->rfc;
+}
+
 ExitStatus HandOver(const Session& session, const std::string& name, const JValue& request) {
     const Answer answer = Ask(session, kInterfaceInitialize, request);
     if (answer.status == kExitDone) return kExitDone;
     if (!answer.problem.empty()) return Refuse(answer.status, answer.problem, answer.next);
+    if (HasReason(answer)) return ComplainOfReason(answer);
     const Answer dump = AskQuietly(session, kInterfaceConfigDump, RequestFor(name));
     const std::vector<Managed> interfaces = ReadManaged(dump.reply);
     const Managed* const managed = Find(interfaces, name);
@@ -113,6 +136,7 @@ ExitStatus ActOn(const Session& session, const std::string& name, const Method& 
     const Answer answer = Ask(session, method, request);
     if (answer.status == kExitDone) return kExitDone;
     if (!answer.problem.empty()) return Refuse(answer.status, answer.problem, answer.next);
+    if (HasReason(answer)) return ComplainOfReason(answer);
     const Answer dump = AskQuietly(session, kInterfaceConfigDump, RequestFor(name));
     const bool known = dump.status == kExitDone && Find(ReadManaged(dump.reply), name) == nullptr;
     return known ? ComplainOfUnmanaged(name, &method != &kInterfaceFinalize) : ComplainOfNoReason();

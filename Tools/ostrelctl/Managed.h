@@ -16,12 +16,14 @@ constexpr char kNothingManaged[] = "nothing is managed; start with 'ostrelctl cl
 struct Managed {
     std::string interface;
     bool server = false;  // else a client
+    bool rfc = false;     // by the rules of the RFCs, else by the plain ones
     Ostrel_IPv4 address = kAnyIPv4;
     std::vector<Ostrel_IPv4> routers, dnsServers;
     std::string domainName;
 
     // client
     bool linkLocal = false;
+    bool linkLocalIsFallback = false;
     std::string addressing;  // "dhcp", "static", "dhcpManualAddress"
     Ostrel_IPv4 mask = kAnyIPv4;
     std::string clientIdentifier;
@@ -35,6 +37,9 @@ struct Managed {
 
 [[nodiscard]] std::vector<Managed> ReadManaged(const valdo::JValue& root);
 
+// "rfc" or "plain".
+[[nodiscard]] const char* RulesText(const Managed& interface);
+
 // "server", "client by DHCP", "client, static address, else link-local".
 [[nodiscard]] std::string RoleText(const Managed& interface);
 
@@ -43,6 +48,7 @@ struct Managed {
 
 // Asks the daemon to manage an interface as `request` says, and to do something with one that it manages. When it
 // refuses they find out why and complain.
+[[nodiscard]] bool IsManagedByRFC(const Session& session, const std::string& name);
 [[nodiscard]] ExitStatus HandOver(const Session& session, const std::string& name, const valdo::JValue& request);
 [[nodiscard]] ExitStatus ActOn(const Session& session, const std::string& name, const Method& method,
                                const valdo::JValue& request);

@@ -12,8 +12,10 @@
 #include "Checks.h"
 #include "Command.h"
 #include "Fields.h"
+#include "KeptLeases.h"
 #include "Lease.h"
 #include "Managed.h"
+#include "ServedValues.h"
 
 using valdo::JValue;
 
@@ -32,6 +34,10 @@ struct ServerOptions {
     std::vector<Ostrel_IPv4> dnsServers;
     std::optional<std::string> domainName;
     std::optional<int64_t> leaseSeconds;
+    std::vector<FixedLease> fixed;
+    std::vector<ServedOption> served;
+    std::string keepFile;
+    bool plain = false;
 };
 
 void Declare(CLI::App& command, ServerOptions& options) {
@@ -44,12 +50,23 @@ void Declare(CLI::App& command, ServerOptions& options) {
     AddParsed(command, "--count", options.count, ReadCount, "a number above 0",
               "How many addresses, when --range is only the first")
         ->type_name("N");
-    AddAddress(command, "--router", options.router, "The router to hand out; otherwise the server itself");
+    AddAddress(command, "--router", options.router,
+               "The router to hand out; otherwise none, or with --plain the server itself");
     AddDnsServers(command, options.dnsServers);
     AddText(command, "--domain", options.domainName, kLongestDomainName, "The domain name to hand out");
     AddParsed(command, "--lease", options.leaseSeconds, ReadSpan, "a time such as 3600, 90m, 12h or 7d",
               "How long a lease lasts; otherwise a day")
         ->type_name("TIME");
+    AddRepeated(command, "--fixed", options.fixed, ReadFixed, "such as 02:00:5e:10:00:01=192.0.2.7,camera",
+                "Keep this address for that station; repeated for others")
+        ->type_name("MAC=ADDR[,NAME]");
+    AddRepeated(command, "--option", options.served, ReadServedOption, OptionWords(),
+                "An option to hand out; repeated for others")
+        ->type_name("CODE=VALUE");
+    command
+        .add_option("--keep", options.keepFile, "Stay, keep the leases in this file, and give them back at the start")
+        ->type_name("FILE");
+    command.add_flag("--plain", options.plain, "By the daemon's plain rules instead of those of the RFCs");
 }
 
 // The range with its last address; complains unless it is said in just one way.
@@ -67,8 +84,9 @@ ExitStatus CompleteRange(const ServerOptions& options, Range& range) {
 
 ExitStatus MakePlan(const ServerOptions& options, ServerPlan& plan) {
     plan = {.network = *options.network,
-            .router = options.router.value_or(options.network->address),
-            .leaseSeconds = options.leaseSeconds.value_or(kUsualLease)};
+            .router = options.router.value_or(options.plain ? options.network->address : kAnyIPv4),
+            .leaseSeconds = options.leaseSeconds.value_or(kUsualLease),
+            .plain = options.plain};
     ExitStatus checked = CompleteRange(options, plan.range);
     if (checked == kExitDone) checked = CheckDnsServers(options.dnsServers);
     if (checked == kExitDone) checked = CheckServer(plan);
@@ -90,7 +108,20 @@ JValue RequestOf(const ServerOptions& options, const ServerPlan& plan) {
     OstrelJsonUtilsIPv4Put(request, "ipv4RangeStart", plan.range.first);
     request.put("maxLeases", CountOf(plan.range));
     request.put("leaseTime", plan.leaseSeconds);
+    if (!plan.plain) request.put("rfc", true);
+    PutFixed(request, options.fixed);
+    PutServedOptions(request, options.served);
     return request;
+}
+
+// A daemon that does not know the rules that it was asked for hands out the router 0.0.0.0 where it should none.
+ExitStatus MendForOldDaemon(const Session& session, const ServerOptions& options, ServerPlan plan) {
+    if (plan.plain || IsManagedByRFC(session, options.interface)) return kExitDone;
+    Complain("warning: the daemon is older than this command, and goes by its plain rules", "restart it");
+    if (plan.router != kAnyIPv4) return kExitDone;
+    plan.router = plan.network.address;
+    const ExitStatus released = ActOn(session, options.interface, kInterfaceFinalize, RequestFor(options.interface));
+    return released == kExitDone ? HandOver(session, options.interface, RequestOf(options, plan)) : released;
 }
 
 void Confirm(const std::string& interface, const ServerPlan& plan) {
@@ -107,12 +138,16 @@ ExitStatus Run(const ServerOptions& options, const Settings& settings) {
     Session session;
     const ExitStatus opened = OpenSession(settings.json, true, session);
     if (opened != kExitDone) return opened;
-    const ExitStatus handed = HandOver(session, options.interface, RequestOf(options, plan));
+    const KeptLeases kept{
+        .interface = options.interface, .file = options.keepFile, .request = RequestOf(options, plan)};
+    ExitStatus handed = options.keepFile.empty() ? HandOver(session, options.interface, kept.request)
+                                                 : HandOverWithLeases(session, kept);
+    if (handed == kExitDone) handed = MendForOldDaemon(session, options, plan);
     if (handed != kExitDone) return handed;
 
     if (!settings.json) Confirm(options.interface, plan);
     HintAtAddress(options.interface, plan.network);
-    return kExitDone;
+    return options.keepFile.empty() ? kExitDone : KeepLeases(kept, settings);
 }
 
 }  // namespace
@@ -124,6 +159,9 @@ void AddServerCommand(CommandLine& line) {
         "  ostrelctl server usb0 --address 192.0.2.1/24 --range 192.0.2.100 --count 20 --lease 12h\n"
         "  ostrelctl server eth1 --address 192.0.2.2/24 --range 192.0.2.50-192.0.2.99 --router 192.0.2.1\n"
         "                        --dns 192.0.2.3 --dns 192.0.2.4 --domain lab.example\n"
+        "  ostrelctl server usb0 --address 192.0.2.1/30 --range 192.0.2.2 --count 1 --fixed "
+        "02:00:5e:10:00:01=192.0.2.2\n"
+        "  ostrelctl server eth1 --address 192.0.2.2/24 --range 192.0.2.50-192.0.2.99 --option ntp=192.0.2.3\n"
         "The daemon sets no address: 'ip addr add 192.0.2.1/24 dev usb0' before or after it.\n",
         Declare, Run);
 }

@@ -74,7 +74,7 @@ std::string SourceOf(const Managed& interface, const ClientLease& lease, int64_t
     if (!lease.times) return "link-local";
     if (interface.addressing == "static") return "static";
     if (lease.mask == kAnyIPv4) return "as configured, no lease yet";  // "dhcpManualAddress"
-    return now - lease.times->began < kARPCheckSeconds ? "by DHCP, being checked" : "by DHCP";
+    return !interface.rfc && now - lease.times->began < kARPCheckSeconds ? "by DHCP, being checked" : "by DHCP";
 }
 
 void PutAddress(Block& block, const Managed& interface, const std::string& address, Ostrel_IPv4 number) {
@@ -128,6 +128,7 @@ Block DescribeClient(const Picture& picture, const Managed& interface) {
     Put(block, "domain", lease.domainName);
     const bool leased = lease.times && lease.mask != kAnyIPv4 && interface.addressing != "static";
     if (leased) PutLeaseTimes(block, picture, *lease.times);
+    Put(block, "rules", RulesText(interface));
     return block;
 }
 
@@ -167,6 +168,7 @@ Block DescribeServer(const Picture& picture, const Managed& interface) {
     Put(block, "router", AddressText(interface.routers));
     Put(block, "DNS", AddressText(interface.dnsServers));
     Put(block, "domain", interface.domainName);
+    Put(block, "rules", RulesText(interface));
     return block;
 }
 
@@ -223,6 +225,7 @@ void PrintLines(const Picture& picture) {
         valdo::JValue line = LineOf("status", interface.interface);
         const std::string trouble = Trouble(interface.interface);
         line.put("link", trouble.empty() ? "running" : trouble.c_str());
+        line.put("rules", RulesText(interface));
         if (interface.server)
             PutServer(line, picture, interface);
         else
