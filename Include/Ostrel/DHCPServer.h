@@ -18,7 +18,6 @@
 #include "Ostrel/PacketFilter.h"
 #include "Ostrel/Status.h"
 
-#include "os_device.h"
 #include "os_memory.h"
 
 // States of a lease slot.
@@ -91,7 +90,6 @@ struct Ostrel_ServerObj {
     Ostrel_OptionList options;              // beside those that stand above
     os_records<Ostrel_ServerProbe> probes;  // kMaxServerProbes of them; null when nothing is probed
     uint32_t numProbes;                     // under way, in the order of their ends
-    os_held_port port;                      // UDP port 67, where it is held; or null
 };
 
 // Life. Initialize stores the server in the interface's dhcpServer; on failure nothing is stored and nothing is left:

@@ -9,6 +9,7 @@
 #include "Ostrel/Status.h"
 
 #include "l2_packet.h"
+#include "os_device.h"
 #include "os_memory.h"
 
 struct Ostrel_InterfaceObj;
@@ -22,6 +23,8 @@ struct Ostrel_PacketFilter {
     os_array<l2_filter_instruction> bpf;                  // the program's copy; null when not open
     uint32_t bpfLength;                                   // bytes in it: 8 for each instruction
     l2_packet_callback callback;                          // called with the interface for each frame that passes it
+    uint16_t heldPort;                                    // UDP, which the kernel takes for bound (portsAreHeld); or 0
+    os_held_port hold;                                    // null where it could not be had
 };
 
 constexpr size_t kBPFDestinationPortInstruction = 8;  // of gBPF_DHCP

@@ -91,12 +91,13 @@ struct Ostrel_ServerRules {
     bool routerMayBeAbsent;   // 0.0.0.0: option 3 is not sent
     uint32_t probe;           // milliseconds that a free address is probed before it is offered, where nothing else is
                               // configured; 0: not (RFC 2131 section 2.2)
-    bool portIsHeld;          // the device's kernel takes port 67 for bound, and sends no ICMP error before a DHCPACK
 };
 
 struct Ostrel_InterfaceRules {
     bool linkIsWatched;  // the roles are told when the link is lost and back, and when the device wakes up; a new MAC
                          // address or name is noticed, and an interface that is taken out and put back goes on
+    bool portsAreHeld;   // the kernel takes the ports of the roles for bound, and answers no datagram to them with an
+                         // ICMP error (RFC 1122 section 4.1.3.1)
 };
 
 struct Ostrel_Rules {
@@ -109,7 +110,7 @@ struct Ostrel_Rules {
 
 inline constexpr Ostrel_Rules kPlainRules{
     .name = "plain",
-    .interface{.linkIsWatched = false},
+    .interface{.linkIsWatched = false, .portsAreHeld = false},
     .client{.randomIsSecret = false,
             .jitter = 0,
             .leaseFuzz = 0,
@@ -170,13 +171,12 @@ inline constexpr Ostrel_Rules kPlainRules{
             .broadcastsOnLink = false,
             .subnetIsExact = false,
             .routerMayBeAbsent = false,
-            .probe = 0,
-            .portIsHeld = false},
+            .probe = 0},
 };
 
 inline constexpr Ostrel_Rules kRFCRules{
     .name = "rfc",
-    .interface{.linkIsWatched = true},
+    .interface{.linkIsWatched = true, .portsAreHeld = true},
     .client{.randomIsSecret = true,
             .jitter = 1000,
             .leaseFuzz = 5,
@@ -237,6 +237,5 @@ inline constexpr Ostrel_Rules kRFCRules{
             .broadcastsOnLink = true,
             .subnetIsExact = true,
             .routerMayBeAbsent = true,
-            .probe = 250,
-            .portIsHeld = true},
+            .probe = 250},
 };

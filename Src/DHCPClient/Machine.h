@@ -157,7 +157,7 @@ struct Ostrel_ClientMessage {
 [[nodiscard]] Ostrel_ClientMessage Ostrel_DHCPClientRebootOf(Ostrel_IPv4 address);
 
 // Builds a message in the interface's txPayload and sends it, unless that were more frames than the rules allow: then
-// it counts as lost on the wire.
+// it counts as lost on the wire. A RELEASE is a caller's wish, and always sent.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPClientSend(Ostrel_ClientObj* client, const Ostrel_ClientMessage& message);
 // Likewise an ARP request for the lease's address: a probe from 0.0.0.0, an announcement from the address itself.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPClientAskARP(Ostrel_ClientObj* client, Ostrel_IPv4 sender);

@@ -204,6 +204,6 @@ Ostrel_ClientMessage Ostrel_DHCPClientReleaseOf(const Ostrel_ClientLease& lease)
 }
 
 Ostrel_Status Ostrel_DHCPClientSend(Ostrel_ClientObj* client, const Ostrel_ClientMessage& message) {
-    if (!Ostrel_DHCPClientTakeFrame(client)) return kNoErr;
+    if (message.type != kDHCPRelease && !Ostrel_DHCPClientTakeFrame(client)) return kNoErr;
     return Ostrel_DHCPClientSend_BOOTPRequest(client, message);
 }

@@ -213,7 +213,6 @@ Ostrel_Status Ostrel_DHCPServerInitialize(Ostrel_InterfaceObj* iface, const Ostr
     if (status != kNoErr) return status;
     OSTREL_REQUIRE_NOERR(Ostrel_DHCPServer_LeasesInitialize(server.get(), config->server));
     OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerProbesInitialize(server.get()));
-    if (server->rules->portIsHeld) server->port.reset(os_hold_port(iface->ifname.data(), kBOOTPServerPort));
     iface->dhcpServer = server.release();
     return kNoErr;
 }

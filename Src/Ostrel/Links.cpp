@@ -73,10 +73,8 @@ Ostrel_Status ReopenSockets(Ostrel_InterfaceObj* iface) {
     OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterReopen(iface, &iface->arpFilter));
     if (iface->dhcpClient != nullptr)
         OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterReopen(iface, &iface->dhcpClient->packetFilter));
-    Ostrel_ServerObj* server = iface->dhcpServer;
-    if (server == nullptr) return kNoErr;
-    OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterReopen(iface, &server->packetFilter));
-    if (server->rules->portIsHeld) server->port.reset(os_hold_port(iface->ifname.data(), kBOOTPServerPort));
+    if (iface->dhcpServer != nullptr)
+        OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterReopen(iface, &iface->dhcpServer->packetFilter));
     return kNoErr;
 }
 

@@ -27,6 +27,11 @@ constexpr uint32_t kFragmentOffset = 0x1FFF;  // of the sixteen bits that begin 
 constexpr uint32_t kPass = 0xFFFFFFFF;
 constexpr uint32_t kDrop = 0;
 
+void HoldPort(const Ostrel_InterfaceObj* iface, Ostrel_PacketFilter* filter, uint16_t port) {
+    filter->heldPort = port;
+    filter->hold.reset(os_hold_port(iface->ifname.data(), port));
+}
+
 }  // namespace
 
 const std::array<l2_filter_instruction, 12> gBPF_ARP{{
@@ -84,6 +89,7 @@ Ostrel_Status Ostrel_PacketFilterReopen(Ostrel_InterfaceObj* iface, Ostrel_Packe
     Ostrel_PacketFilter anew{};
     const std::span program(filter->bpf.get(), filter->bpfLength / sizeof(l2_filter_instruction));
     OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterInitialize(iface, &anew, program, filter->callback, kDebugLevelInfo));
+    if (filter->heldPort != 0) HoldPort(iface, &anew, filter->heldPort);
     *filter = std::move(anew);
     return kNoErr;
 }
@@ -96,6 +102,7 @@ Ostrel_Status Ostrel_BOOTPPacketFilterInitialize(Ostrel_InterfaceObj* iface, Ost
                                                  uint16_t destinationPort, l2_packet_callback callback) {
     gBPF_DHCP[kBPFDestinationPortInstruction].k = destinationPort;
     OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterInitialize(iface, filter, gBPF_DHCP, callback, kDebugLevelChatty));
+    if (iface->rules->interface.portsAreHeld) HoldPort(iface, filter, destinationPort);
     return kNoErr;
 }
 

@@ -3,6 +3,8 @@
 Each function gives the command of a server for the host `server`, whose own address is SERVER. The lease is short where
 the program allows it: dnsmasq gives none under two minutes, so it is told when its leases are to be renewed.
 """
+import json
+
 from lab import eventually
 
 SERVER = "192.0.2.1"
@@ -10,15 +12,17 @@ ROUTERS = ["192.0.2.1", "192.0.2.2"]
 DNS_SERVERS = ["192.0.2.3", "192.0.2.4"]
 DOMAIN = "lab.example"
 FIRST, LAST = 50, 60
-READY = {"dnsmasq": "sockets bound", "udhcpd": "started", "dhcpd": "Server starting service"}
+READY = {"dnsmasq": "sockets bound", "udhcpd": "started", "dhcpd": "Server starting service",
+         "kea-dhcp4": "DHCP4_STARTED", "dhcrelay": "Sending on"}
 
 
 def start(test, command):
     """Starts a server on its host for the rest of the test, and waits until it serves."""
-    output = test.lab.directory / f"{command[0]}.server.out"
+    name = next(word for word in command if word in READY)
+    output = test.lab.directory / f"{name}.server.out"
     before = output.read_text() if output.exists() else ""
-    process = test.peer("server", *command)
-    eventually(lambda: READY[command[0]] in output.read_text()[len(before):], 20, f"{command[0]} ready")
+    process = test.peer("server", *command, output=output)
+    eventually(lambda: READY[name] in output.read_text()[len(before):], 20, f"{name} ready")
     return process
 
 
@@ -68,6 +72,22 @@ subnet 192.0.2.0 netmask 255.255.255.0 {{
     option domain-name "{DOMAIN}";
 }}
 """), "eth0"]
+
+
+def kea(lab, lease=10):
+    lab.ip("server", f"addr add {SERVER}/24 dev eth0")
+    options = {"routers": ROUTERS, "domain-name-servers": DNS_SERVERS, "domain-name": [DOMAIN]}
+    settings = {"Dhcp4": {
+        "interfaces-config": {"interfaces": ["eth0"], "dhcp-socket-type": "raw"},
+        "lease-database": {"type": "memfile", "persist": False},
+        "valid-lifetime": lease, "min-valid-lifetime": 5, "renew-timer": lease // 2, "rebind-timer": lease * 7 // 8,
+        "authoritative": True,
+        "subnet4": [{"subnet": "192.0.2.0/24", "pools": [{"pool": f"192.0.2.{FIRST} - 192.0.2.{LAST}"}],
+                     "option-data": [{"name": name, "data": ", ".join(data)} for name, data in options.items()]}],
+        "loggers": [{"name": "kea-dhcp4", "severity": "DEBUG", "debuglevel": 50,
+                     "output_options": [{"output": "stdout"}]}]}}
+    return ["env", f"KEA_PIDFILE_DIR={lab.directory}", f"KEA_LOCKFILE_DIR={lab.directory}", "kea-dhcp4", "-c",
+            lab.file("kea.conf", json.dumps(settings))]
 
 
 def dhcpd_again(lab):
