@@ -20,13 +20,14 @@ bool Extends(const Ostrel_ClientObj* client) {
     return client->rules->actionsExtend && client->iface->leaseIsHeld && !Ostrel_DHCPClientIsStatic(client);
 }
 
-// Asks at once. A lost link, or a confirmation under way, asks by itself.
-Ostrel_Status Extend(Ostrel_ClientObj* client, bool asksAll) {
-    if (client->linkIsLost || client->state == kClientStateRebooting) return kNoErr;
+// Asks at once, as when T1 or T2 is reached. Once a lost link is back, or while a lease is confirmed, that is asked
+// anyhow.
+void Extend(Ostrel_ClientObj* client, bool asksAll) {
+    if (client->linkIsLost || client->state == kClientStateRebooting) return;
     Ostrel_DHCPClientDisarm(client, kClientTimeoutRenewing);
-    if (!asksAll) return Ostrel_DHCPClientStateTransition_Renewing(client);
+    if (!asksAll) return Ostrel_DHCPClientTimeout_Renewing(client, client->iface);
     Ostrel_DHCPClientDisarm(client, kClientTimeoutRebinding);
-    return Ostrel_DHCPClientStateTransition_Rebinding(client);
+    Ostrel_DHCPClientTimeout_Rebinding(client, client->iface);
 }
 
 }  // namespace
@@ -37,7 +38,10 @@ Ostrel_Status Ostrel_DHCPClientLeaseAction(Ostrel_InterfaceObj* iface, const cha
     OSTREL_REQUIRE(client != nullptr, "iface->dhcpClient", kGenericErr);
     const std::string_view word = action;
     const bool mayExtend = word == "renew" || word == "rebind";
-    if (mayExtend && Extends(client)) return Extend(client, word == "rebind");
+    if (mayExtend && Extends(client)) {
+        Extend(client, word == "rebind");
+        return kNoErr;
+    }
     if (word == "init" || mayExtend) {
         Acquire(client, values.address);
         return kNoErr;

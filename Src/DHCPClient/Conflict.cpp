@@ -91,10 +91,7 @@ void Ostrel_DHCPClientTimeout_Probing(void* context, void* /*iface*/) {
 
 void Ostrel_DHCPClientTimeout_Announcing(void* context, void* /*iface*/) {
     Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
-    if (const uint32_t rest = Ostrel_DHCPClientFrameRest(client, 1); rest != 0) {
-        Ostrel_DHCPClientArm(client, kClientTimeoutAnnouncing, rest);
-        return;
-    }
+    if (Ostrel_DHCPClientHasToWait(client, kClientTimeoutAnnouncing)) return;
     const Ostrel_Status status = Ostrel_DHCPClientAskARP(client, client->lease.IPv4Address);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
     if (--client->announcementsLeft == 0) return;

@@ -31,12 +31,18 @@ uint32_t RestOf(const Ostrel_FrameRecord& frames, uint32_t number, uint32_t most
 
 uint32_t Ostrel_DHCPClientFrameRest(const Ostrel_ClientObj* client, uint32_t number) {
     const Ostrel_ClientRules& rules = *client->rules;
-    return std::max(RestOf(client->frames, 1, rules.mostPerSecond, kSecond),
+    return std::max(RestOf(client->frames, std::min(number, rules.mostPerSecond), rules.mostPerSecond, kSecond),
                     RestOf(client->frames, number, rules.mostPerMinute, kMinute));
 }
 
 uint32_t Ostrel_DHCPClientExchangeRest(const Ostrel_ClientObj* client) {
     return Ostrel_DHCPClientFrameRest(client, kExchange);
+}
+
+bool Ostrel_DHCPClientHasToWait(Ostrel_ClientObj* client, Ostrel_ClientTimeout timeout) {
+    const uint32_t rest = Ostrel_DHCPClientFrameRest(client, 1);
+    if (rest != 0) Ostrel_DHCPClientArm(client, timeout, rest);
+    return rest != 0;
 }
 
 bool Ostrel_DHCPClientTakeFrame(Ostrel_ClientObj* client) {

@@ -47,6 +47,26 @@ void BeginExtension(Ostrel_ClientObj* client, Ostrel_ClientState state) {
     client->requestSent = os_monotonic_milliseconds();
 }
 
+// Asks the server that granted the lease.
+Ostrel_Status Ostrel_DHCPClientStateTransition_Renewing(Ostrel_ClientObj* client) {
+    BeginExtension(client, kClientStateRenewing);
+    OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientSend(client, Ostrel_DHCPClientRenewalOf(client)));
+    Ostrel_DHCPClientArm(client, kClientTimeoutRenewing,
+                         Ostrel_DHCPClientTakeRetryWait(client, kClientTimeoutRenewing, client->lease.renewRetryTime));
+    return kNoErr;
+}
+
+// Broadcast: any server may extend the lease.
+Ostrel_Status Ostrel_DHCPClientStateTransition_Rebinding(Ostrel_ClientObj* client) {
+    BeginExtension(client, kClientStateRebinding);
+    Ostrel_DHCPClientDisarm(client, kClientTimeoutRenewing);
+    OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientSend(client, Ostrel_DHCPClientRebindingOf(client)));
+    Ostrel_DHCPClientArm(
+        client, kClientTimeoutRebinding,
+        Ostrel_DHCPClientTakeRetryWait(client, kClientTimeoutRebinding, client->lease.rebindRetryTime));
+    return kNoErr;
+}
+
 // How long the address of a new DHCPACK is to be checked, and how often announced.
 struct Welcome {
     uint32_t check;  // milliseconds
@@ -82,26 +102,6 @@ Ostrel_Status Ostrel_DHCPClientStateTransition_Bound(Ostrel_ClientObj* client) {
     return kNoErr;
 }
 
-// Asks the server that granted the lease.
-Ostrel_Status Ostrel_DHCPClientStateTransition_Renewing(Ostrel_ClientObj* client) {
-    BeginExtension(client, kClientStateRenewing);
-    OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientSend(client, Ostrel_DHCPClientRenewalOf(client)));
-    Ostrel_DHCPClientArm(client, kClientTimeoutRenewing,
-                         Ostrel_DHCPClientTakeRetryWait(client, kClientTimeoutRenewing, client->lease.renewRetryTime));
-    return kNoErr;
-}
-
-// Broadcast: any server may extend the lease.
-Ostrel_Status Ostrel_DHCPClientStateTransition_Rebinding(Ostrel_ClientObj* client) {
-    BeginExtension(client, kClientStateRebinding);
-    Ostrel_DHCPClientDisarm(client, kClientTimeoutRenewing);
-    OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientSend(client, Ostrel_DHCPClientRebindingOf(client)));
-    Ostrel_DHCPClientArm(
-        client, kClientTimeoutRebinding,
-        Ostrel_DHCPClientTakeRetryWait(client, kClientTimeoutRebinding, client->lease.rebindRetryTime));
-    return kNoErr;
-}
-
 void Ostrel_DHCPClientTimeout_Bound(void* context, void* /*iface*/) {
     Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
     client->isChecking = false;
@@ -116,12 +116,14 @@ void Ostrel_DHCPClientTimeout_Bound(void* context, void* /*iface*/) {
 
 void Ostrel_DHCPClientTimeout_Renewing(void* context, void* /*iface*/) {
     Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
+    if (Ostrel_DHCPClientHasToWait(client, kClientTimeoutRenewing)) return;
     const Ostrel_Status status = Ostrel_DHCPClientStateTransition_Renewing(client);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
 }
 
 void Ostrel_DHCPClientTimeout_Rebinding(void* context, void* /*iface*/) {
     Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
+    if (Ostrel_DHCPClientHasToWait(client, kClientTimeoutRebinding)) return;
     const Ostrel_Status status = Ostrel_DHCPClientStateTransition_Rebinding(client);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
 }

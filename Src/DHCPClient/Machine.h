@@ -107,8 +107,6 @@ Ostrel_Status Ostrel_DHCPClientStateTransition_Init(Ostrel_ClientObj* client,
 Ostrel_Status Ostrel_DHCPClientStateTransition_InitReboot(Ostrel_ClientObj* client);
 // Takes the lease record as the new lease and starts its ARP check.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPClientStateTransition_Bound(Ostrel_ClientObj* client);
-[[nodiscard]] Ostrel_Status Ostrel_DHCPClientStateTransition_Renewing(Ostrel_ClientObj* client);
-[[nodiscard]] Ostrel_Status Ostrel_DHCPClientStateTransition_Rebinding(Ostrel_ClientObj* client);
 // Asks for `address`, after `milliseconds`. A lease that is held stays, and its end goes on counting.
 void Ostrel_DHCPClientStateTransition_Rebooting(Ostrel_ClientObj* client, Ostrel_IPv4 address, uint64_t milliseconds);
 
@@ -172,11 +170,13 @@ struct Ostrel_ClientMessage {
                                                        Ostrel_ClientLease& lease);
 
 // How many frames the rules let out in a second and in a minute. Take counts one that is about to be sent, or says that
-// there is no room for it; Rest is the milliseconds until there is room for so many more.
+// there is no room for it; Rest is the milliseconds until there is room for so many more, ExchangeRest for those of a
+// whole exchange, with its ARP check and what may follow.
 [[nodiscard]] bool Ostrel_DHCPClientTakeFrame(Ostrel_ClientObj* client);
 [[nodiscard]] uint32_t Ostrel_DHCPClientFrameRest(const Ostrel_ClientObj* client, uint32_t number);
-// The same for a whole exchange, with its ARP check and what may follow.
 [[nodiscard]] uint32_t Ostrel_DHCPClientExchangeRest(const Ostrel_ClientObj* client);
+// Whether a timeout's frame has no room yet; the timeout then comes again when it has.
+[[nodiscard]] bool Ostrel_DHCPClientHasToWait(Ostrel_ClientObj* client, Ostrel_ClientTimeout timeout);
 
 // The breaker of storms, asked where a DISCOVER or DECLINE is about to be sent: 0 when it may go out, which then counts
 // as sent, or the milliseconds until it may. Rest tells the latter without counting; 0 while nothing is held back.

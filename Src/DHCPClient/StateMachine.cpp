@@ -187,6 +187,7 @@ void Ostrel_DHCPClientTimeout_Init(void* context, void* /*iface*/) {
 void Ostrel_DHCPClientTimeout_Selecting(void* context, void* /*iface*/) {
     Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
     if (client->leaseOffers != nullptr) {
+        if (Ostrel_DHCPClientHasToWait(client, kClientTimeoutSelecting)) return;
         (void)Ostrel_DHCPClientStateTransition_Requesting(client);  // likewise
         return;
     }

@@ -293,6 +293,24 @@ TEST(ClientRFC, KeepsItsLeaseWhenAnExtensionIsMalformedOrOfAnotherAddress) {
     }
 }
 
+TEST(ClientRFC, ActsALittleLaterWhenTheSecondIsFull) {
+    RFCLan lan;
+    ScriptedServer server(lan.wire);
+    lan.Init();
+    lan.RunFor(501ms);  // DISCOVER, REQUEST, two probes; the lease counts
+    ASSERT_TRUE(lan.IsHeld());
+    lan.Act("renew");
+    EXPECT_EQ(lan.Sent(kRequest).size(), 1U);
+    lan.RunFor(600ms);
+    EXPECT_EQ(lan.Sent(kRequest).size(), 2U);
+    EXPECT_EQ(lan.world.posts.size(), 2U);
+    lan.Act("init");
+    lan.RunFor(3s);
+    EXPECT_TRUE(lan.IsHeld());
+    EXPECT_EQ(lan.Sent(kDiscover).size(), 2U);
+    EXPECT_EQ(lan.Sent(kRequest).size(), 3U);
+}
+
 TEST(ClientRFC, IsExtendedByAnActionAndKeepsItsAddress) {
     for (const char* const word : {"renew", "rebind"}) {
         SCOPED_TRACE(word);
@@ -334,7 +352,7 @@ TEST(ClientRules, AskForAFormerAddressFirstAndReleaseOnRequest) {
             lan.RunFor(5s + 500ms);
             const bool isRefused = answer == std::string_view("nak");
             EXPECT_EQ(lan.Lease().address, server.script.silent ? "0.0.0.0" : isRefused ? "192.0.2.11" : "192.0.2.10");
-            EXPECT_EQ(lan.Sent(kDiscover).size() != 0, answer != std::string_view("ack"));
+            EXPECT_EQ(!lan.Sent(kDiscover).empty(), answer != std::string_view("ack"));
             if (server.script.silent) continue;
 
             ASSERT_EQ(Ostrel_DHCPClientLeaseAction(iface, "halt", {.release = true}), kNoErr);
