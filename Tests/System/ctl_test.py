@@ -8,6 +8,7 @@ import os
 import pathlib
 import pty
 import re
+import signal
 import struct
 import subprocess
 import termios
@@ -227,6 +228,95 @@ class Story(Tool):
         bootp = (b"\x01\x01\x06\x00" + hardware[2:] + bytes(4) + bytes(16) + hardware + bytes(10 + 192)
                  + b"\x63\x82\x53\x63" + option(53, bytes([kind])) + options + b"\xff")
         socket.send(udp_frame(mac, BROADCAST, "0.0.0.0", "255.255.255.255", (68, 67), bootp))
+
+
+class Rules(Tool):
+    """What the tool asks for beside the usual, and what comes of it."""
+
+    serving = ["server", "eth0", "--address", "192.0.2.1/24", "--range", "192.0.2.100", "--count", "20", "--lease", "1h"]
+
+    def configured(self, daemon):
+        (interface,) = daemon.request("/", "interfaceConfigDump")["interfaceList"]
+        return interface
+
+    def test_a_server_gives_back_what_it_kept(self):
+        server, client = self.daemon(host="server"), self.daemon(host="client")
+        self.lab.ip("server", f"addr add {peers.SERVER}/24 dev eth0")
+        kept = self.lab.directory / "leases.json"
+        keeper = self.peer("server", OSTRELCTL, *self.serving, "--fixed", "02:00:00:00:00:01=192.0.2.77,panel",
+                           "--option", "ntp=192.0.2.9", "--keep", str(kept))
+        lab.eventually(kept.exists, 10, "the file")
+        client.must("/client", "leaseInformation", subscribe=True)
+        self.type("client", "client eth0 --host-name camera")
+        lease = client.publication(10)
+        self.assertEqual(lease["ipv4Address"], "192.0.2.77")
+        self.assertEqual(lease.get("ipv4Router", []), [], "none was named")
+        self.assertEqual(lease["options"], {"42": "c0000209"})
+        self.assertEqual(self.configured(client)["hostName"], "camera")
+        self.ask_for_lease("02:00:00:00:00:11", b"printer")
+        lab.eventually(lambda: all(text in kept.read_text() for text in ("192.0.2.77", "printer")), 10, "both leases")
+        before = self.type("server", "leases --sort address")
+        self.assertIn("printer", before)
+
+        lab.stop(server.process, signal.SIGKILL)
+        self.daemon(host="server")
+        lab.eventually(lambda: "02:00:00:00:00:11" in self.run_tool("server", "leases").output, 10, "what was kept")
+        self.assertEqual([line.split()[:3] for line in self.type("server", "leases --sort address").splitlines()],
+                         [line.split()[:3] for line in before.splitlines()])
+        self.type("server", "release eth0")
+        self.assertEqual(keeper.wait(10), 0)
+        self.assertEqual(len(json.loads(kept.read_text())["leases"]), 2)
+        kept.write_text("rubbish")
+        self.type("server", [*self.serving, "--keep", str(kept)], status=1, errors="does not hold leases\n.*move it away")
+        self.assertIn("nothing is managed", self.type("server", "status"))
+
+    ask_for_lease, say = Story.ask_for_lease, staticmethod(Story.say)
+
+    def test_words_reach_the_daemon(self):
+        server, client = self.daemon(host="server"), self.daemon(host="client")
+        self.lab.ip("server", f"addr add {peers.SERVER}/24 dev eth0")
+        self.type("server", SERVER)
+        usual = {"interface": "eth0", "mode": "client", "ipv4Config": "dhcp"}
+        self.type("client", "client eth0 --plain --no-start")
+        self.assertEqual({**self.configured(client), **usual, "clientIdentifier": ""},
+                         {**usual, "clientIdentifier": "", "ipv4LinkLocal": False})
+        self.assertRegex(self.type("client", "config"), r"rules +plain\n")
+        self.assertIn("acquiring anew", self.type("client", "renew eth0"))
+        self.type("client", "release eth0")
+        for words in ("--link-local fallback", "--link-local=fallback"):
+            self.type("client", f"client {words} eth0 --host-name none --no-start")
+            asked = self.configured(client)
+            self.assertEqual((asked["rfc"], asked["linkLocal"], asked.get("hostName")), (True, "fallback", None))
+            self.type("client", "release eth0")
+        self.type("client", "client eth0 --host-name not/a/name", status=1, errors="the daemon refused: .*hostName")
+
+        client.must("/client", "leaseInformation", subscribe=True)
+        self.type("client", "client eth0 --no-start")
+        self.type("client", "init eth0 --address 192.0.2.111")
+        self.assertEqual(client.publication(10)["ipv4Address"], "192.0.2.111")
+        self.assertIn("the address stays", self.type("client", "renew eth0"))
+        self.assertIn("192.0.2.111", self.type("server", "leases"))
+        time.sleep(4)  # the announcements go out; of more frames in a second some would be left out
+        self.type("client", "halt eth0 --release")
+        lab.eventually(lambda: "192.0.2.111" not in self.type("server", "leases"), 10, "the release")
+        self.type("client", "release eth0 --release")
+        self.type("server", "release eth0")
+        self.type("server", "server eth0 --address 192.0.2.1/30 --range 192.0.2.2 --count 1 --option 53=hex:01", status=1,
+                  errors="the daemon refused: .*code")
+        self.type("server", "server eth0 --address 192.0.2.1/30 --range 192.0.2.2 --count 1", errors=".*")
+        self.assertIs(self.configured(server)["rfc"], True)
+
+    def test_an_older_daemon_is_asked_for_what_it_knows(self):
+        old = self.peer("client", "/usr/bin/python3", pathlib.Path(__file__).with_name("old_daemon.py"),
+                        output=self.lab.directory / "old")
+        lab.eventually(lambda: self.run_tool("client", "status").status == 0, 10, "the old daemon")
+        self.type("client", "client eth0 --link-local fallback")
+        self.type("client", "release eth0")
+        self.assertIn("server of 20 addresses",
+                      self.type("client", self.serving, errors="the daemon is older than this command"))
+        asked = [json.loads(line.split(" ", 1)[1]) for line in old.output.read_text().splitlines()
+                 if line.startswith("interfaceInitialize")]
+        self.assertEqual([request["ipv4Router"] for request in asked], ["0.0.0.0", "0.0.0.0", "192.0.2.1"])
 
 
 class Usage(Tool):
