@@ -68,4 +68,4 @@ __ostrelctl_behind wait --exclusive --long-option timeout --description "Give up
 __ostrelctl_behind apply --long-option dry-run --description "Print what would be done"
 __ostrelctl_behind apply --long-option once --description "Apply the first lease and end"
 __ostrelctl_behind apply --long-option keep --description "Leave everything in place when stopped"
-__ostrelctl_behind apply --exclusive --long-option metric --description "Metric of the default route"
+__ostrelctl_behind apply --exclusive --long-option metric --description "Metric of the routes"

@@ -330,6 +330,52 @@ class Static(Applying):
         self.assertEqual([route.get("gateway") for route in self.default_routes("one")], [None, "203.0.113.1"])
 
 
+class Options(Applying):
+    """What dnsmasq says beyond the usual, and comes back off the interface with the lease."""
+    hosts = ("one", "server")
+    WANTED = [26, 42, 119, 121]
+
+    def dnsmasq(self):
+        return [*peers.dnsmasq(self.lab), "--dhcp-option=option:mtu,1400",
+                "--dhcp-option=option:domain-search,a.example,b.a.example",
+                "--dhcp-option=option:classless-static-route,198.51.100.0/24,192.0.2.9,0.0.0.0/0,192.0.2.2",
+                "--dhcp-option=option:ntp-server,192.0.2.7"]
+
+    def routes(self):
+        return sorted((route["dst"], route.get("gateway")) for route in self.kernel("one", "route show")
+                      if route["protocol"] == "dhcp")
+
+    def mtu(self):
+        return self.kernel("one", "link show dev eth0")[0]["mtu"]
+
+    def test_routes_mtu_and_domains_come_and_go_with_the_lease(self):
+        peers.start(self, self.dnsmasq())
+        record = self.recorder("one")
+        rehearsal = self.tool("one", "apply", "eth0", "--dry-run", path=record)
+        applier = self.tool("one", "apply", "eth0", path=record)
+        daemon = self.daemon(host="one")
+        daemon.become_client(requestOptions=self.WANTED)
+        self.see(applier, "by resolvconf")
+        lease = daemon.lease()
+        self.assertEqual(lease["searchDomains"], ["a.example", "b.a.example"])
+        self.assertNotIn("ipv4Router", lease)
+        self.assertEqual(self.routes(), [("198.51.100.0/24", "192.0.2.9"), ("default", "192.0.2.2")])
+        self.assertEqual(self.mtu(), 1400)
+        self.assertIn("search a.example b.a.example\n", (record / "eth0.ostrel").read_text())
+        self.see(applier, "not used: ntpServers")
+        for command in ("ip link set eth0 mtu 1400", "ip route append 198.51.100.0/24 via 192.0.2.9 dev eth0 src ",
+                        "search a.example b.a.example", "# not used: ntpServers"):
+            self.see(rehearsal, command)
+
+        daemon.must("/client", "leaseAction", interface="eth0", leaseAction="halt")
+        self.see(applier, "- route to 198.51.100.0/24 via 192.0.2.9")
+        lab.eventually(lambda: self.mtu() == 1500, 20, "the former MTU")
+        self.assertEqual((self.routes(), self.addresses("one")), ([], {}))
+        self.assertFalse((record / "eth0.ostrel").exists())
+        self.assertEqual(self.said(applier).count("not used"), 1)
+        self.assertEqual(lab.stop(applier), 0)
+
+
 class LinkLocal(Applying):
     hosts = ("one", "two")
 

@@ -24,6 +24,7 @@ namespace ostrelctl {
 namespace {
 
 constexpr std::chrono::seconds kGrace{10};
+constexpr int64_t kLeastMTU = 576;      // bytes: what every host can take (RFC 791 section 3.1)
 constexpr uint32_t kUsualMetric = 100;  // behind routes that people make, which have 0
 
 struct ApplyOptions {
@@ -37,8 +38,27 @@ void Declare(CLI::App& command, ApplyOptions& options) {
     command.add_flag("--dry-run", options.dryRun, "Print commands that would do it, and do nothing");
     command.add_flag("--once", options.once, "Apply the first lease and end; it stays until the lease ends");
     command.add_flag("--keep", options.keep, "Leave what was applied in place when stopped");
-    AddParsed(command, "--metric", options.metric, ReadNumber, "a number", "Of the default route; 100 unless given")
+    AddParsed(command, "--metric", options.metric, ReadNumber, "a number", "Of the routes; 100 unless given")
         ->type_name("N");
+}
+
+// The domains to search: what the lease says of them, or else its own one. What is no domain name is left out.
+std::vector<std::string> SearchOf(const ClientLease& lease, Applier& applier) {
+    std::vector<std::string> search = lease.searchDomains;
+    if (search.empty() && !lease.domainName.empty()) search.push_back(lease.domainName);
+    std::erase_if(search, [&applier](const std::string& domain) {
+        if (IsDomainName(domain)) return false;
+        ComplainOnce(applier, "left out, since it is no domain name: '" + Printable(domain) + '\'', "");
+        return true;
+    });
+    return search;
+}
+
+// With less, hardly anything works, and nobody has it.
+uint32_t MTUFor(const ClientLease& lease, Applier& applier) {
+    if (lease.mtu >= kLeastMTU || lease.mtu == 0) return static_cast<uint32_t>(lease.mtu);
+    ComplainOnce(applier, "left out, since it is below 576: MTU " + std::to_string(lease.mtu), "");
+    return 0;
 }
 
 // A link-local address has no router. The network's texts are not to be trusted; addresses are the kernel's to check.
@@ -49,13 +69,12 @@ Setting SettingFor(const Holding& holding, Applier& applier) {
                     .prefixLength = PrefixLength(lease.mask),
                     .linkLocal = IsLinkLocal(lease.address),
                     .ends = holding.ends,
-                    .router = lease.routers.empty() ? kAnyIPv4 : lease.routers.front(),
-                    .dns = {.servers = lease.dnsServers, .domain = lease.domainName}};
-    if (setting.linkLocal) setting.router = kAnyIPv4;
-    if (!setting.dns.domain.empty() && !IsDomainName(setting.dns.domain)) {
-        ComplainOnce(applier, "left out, since it is no domain name: '" + Printable(setting.dns.domain) + '\'', "");
-        setting.dns.domain.clear();
-    }
+                    .routes = lease.routes,
+                    .mtu = MTUFor(lease, applier),
+                    .dns = {.servers = lease.dnsServers, .search = SearchOf(lease, applier)},
+                    .unused = lease.others};
+    if (setting.routes.empty() && !lease.routers.empty()) setting.routes.push_back({.router = lease.routers.front()});
+    if (setting.linkLocal) setting.routes.clear();
     return setting;
 }
 
@@ -120,7 +139,7 @@ ExitStatus Run(const ApplyOptions& options, const Settings& settings) {
 
 void AddApplyCommand(CommandLine& line) {
     AddCommand<ApplyOptions>(
-        line, "apply", "Give an interface its address, default route and DNS servers as leased",
+        line, "apply", "Give an interface its address, routes, MTU and DNS servers as leased",
         "  ostrelctl apply eth0             until stopped, and then remove them again\n"
         "  ostrelctl apply eth0 --dry-run   print what would be done\n"
         "  ostrelctl apply eth0 --once      apply the first lease and end\n"

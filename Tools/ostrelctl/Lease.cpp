@@ -5,8 +5,10 @@
 // twice is taken as the one that agrees with a lease that has begun and not ended.
 #include "Lease.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
+#include <charconv>
 #include <ctime>
 #include <endian.h>
 
@@ -30,6 +32,64 @@ LeaseTimes TimesOf(const JValue& object) {
     return {.began = began, .ends = ends ? began + seconds : kForever};
 }
 
+std::vector<LeaseRoute> RoutesOf(const JValue& list) {
+    std::vector<LeaseRoute> routes;
+    for (size_t i = 0; i < list.arraySize(); ++i) {
+        const std::string text = TextOf(list[i], "destination");
+        const size_t slash = text.find('/');
+        LeaseRoute route{.router = AddressOf(list[i], "router")};
+        const bool isRoute =
+            slash != std::string::npos && OstrelJsonUtilsIPv4FromText(text.substr(0, slash), &route.destination) &&
+            std::from_chars(&text[slash + 1], text.data() + text.size(), route.prefixLength).ec == std::errc{} &&
+            route.prefixLength <= 32;
+        if (isRoute) routes.push_back(route);
+    }
+    return routes;
+}
+
+std::vector<std::string> TextsOf(const JValue& list) {
+    std::vector<std::string> texts;
+    for (size_t i = 0; i < list.arraySize(); ++i) {
+        std::string text;
+        if (list[i].asString(text) == valdo::CONV_OK) texts.push_back(std::move(text));
+    }
+    return texts;
+}
+
+// The options that nothing here makes use of, by the names of what they say where they have one.
+std::string OthersOf(const JValue& object) {
+    struct Known {
+        std::string_view code;
+        const char* key;
+        bool isUsed;
+    };
+    static constexpr std::array<Known, 13> kKnown{{{"1", "ipv4Subnet", true},
+                                                   {"3", "ipv4Router", true},
+                                                   {"6", "dnsServers", true},
+                                                   {"12", "hostName", false},
+                                                   {"15", "domainName", true},
+                                                   {"26", "mtu", true},
+                                                   {"42", "ntpServers", false},
+                                                   {"58", "leaseTime", true},
+                                                   {"59", "leaseTime", true},
+                                                   {"114", "captivePortal", false},
+                                                   {"119", "searchDomains", true},
+                                                   {"121", "staticRoutes", true},
+                                                   {"101", "timeZone", false}}};
+    const JValue options = object["options"];
+    std::string others;
+    for (size_t i = 0; i < options.objectSize(); ++i) {
+        const std::string_view code = options.memberName(i);
+        const auto* const known =
+            std::find_if(kKnown.begin(), kKnown.end(), [code](auto& k) { return k.code == code; });
+        const bool hasName = known != kKnown.end() && object.hasKey(known->key);
+        const bool isRouted = code == "3" && object.hasKey("staticRoutes");
+        if (isRouted || (hasName && known->isUsed)) continue;
+        others += (others.empty() ? "" : ", ") + (hasName ? known->key : "option " + std::string(code));
+    }
+    return others;
+}
+
 ClientLease ReadClientLease(const JValue& object) {
     ClientLease lease;
     lease.interface = TextOf(object, "interface");
@@ -38,6 +98,10 @@ ClientLease ReadClientLease(const JValue& object) {
     lease.routers = AddressesOf(object, "ipv4Router");
     lease.dnsServers = AddressesOf(object, "dnsServers");
     lease.domainName = TextOf(object, "domainName");
+    lease.routes = RoutesOf(object["staticRoutes"]);
+    lease.searchDomains = TextsOf(object["searchDomains"]);
+    lease.mtu = NumberOf(object, "mtu");
+    lease.others = OthersOf(object);
     if (object.hasKey("leaseTimeString")) lease.times = TimesOf(object);
     return lease;
 }

@@ -20,14 +20,27 @@ struct LeaseTimes {
     int64_t ends = kForever;
 };
 
+// A way that a lease gives. With a router of kAnyIPv4 the destination is on the link.
+struct LeaseRoute {
+    Ostrel_IPv4 destination = kAnyIPv4;
+    unsigned prefixLength = 0;
+    Ostrel_IPv4 router = kAnyIPv4;
+
+    bool operator==(const LeaseRoute&) const = default;
+};
+
 // What a client interface holds. Without an address all else is empty; a link-local address has no times.
 struct ClientLease {
     std::string interface;
     Ostrel_IPv4 address = kAnyIPv4;
     Ostrel_IPv4 mask = kAnyIPv4;
     std::vector<Ostrel_IPv4> routers, dnsServers;
-    std::string domainName;           // any bytes, from the network
-    std::optional<LeaseTimes> times;  // of a lease; a static address is a lease that does not end
+    std::string domainName;                  // any bytes, from the network
+    std::vector<LeaseRoute> routes;          // of option 121, in place of routers
+    std::vector<std::string> searchDomains;  // likewise any bytes
+    int64_t mtu = 0;                         // bytes; 0: none
+    std::string others;                      // what was asked for and came beside all these, in words
+    std::optional<LeaseTimes> times;         // of a lease; a static address is a lease that does not end
 };
 
 // A line of a server's table.

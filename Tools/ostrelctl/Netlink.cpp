@@ -8,6 +8,7 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <netlink/route/addr.h>
+#include <netlink/route/link.h>
 #include <netlink/route/route.h>
 #include <netlink/socket.h>
 
@@ -21,6 +22,9 @@ struct AddressRelease {
 struct RouteRelease {
     void operator()(rtnl_route* route) const { rtnl_route_put(route); }
 };
+struct LinkRelease {
+    void operator()(rtnl_link* link) const { rtnl_link_put(link); }
+};
 struct MessageFree {
     void operator()(nl_msg* message) const { nlmsg_free(message); }
 };
@@ -32,6 +36,7 @@ struct BytesRelease {
 };
 using RouteAddress = std::unique_ptr<rtnl_addr, AddressRelease>;
 using Route = std::unique_ptr<rtnl_route, RouteRelease>;
+using Link = std::unique_ptr<rtnl_link, LinkRelease>;
 using Message = std::unique_ptr<nl_msg, MessageFree>;
 using Bytes = std::unique_ptr<nl_addr, BytesRelease>;
 
@@ -89,7 +94,7 @@ int PutAddress(nl_sock* socket, const InterfaceAddress& address, int flags) {
 }
 
 // The route takes the next hop over.
-bool SetNextHop(rtnl_route* object, const DefaultRoute& route, unsigned index) {
+bool SetNextHop(rtnl_route* object, const InterfaceRoute& route, unsigned index) {
     rtnl_nexthop* const hop = rtnl_route_nh_alloc();
     const Bytes router = BytesOf(route.router, 32);
     if (hop == nullptr || router == nullptr) {
@@ -97,29 +102,29 @@ bool SetNextHop(rtnl_route* object, const DefaultRoute& route, unsigned index) {
         return false;
     }
     rtnl_route_nh_set_ifindex(hop, static_cast<int>(index));
-    rtnl_route_nh_set_gateway(hop, router.get());
+    if (route.router != kAnyIPv4) rtnl_route_nh_set_gateway(hop, router.get());
     if (route.onLink) rtnl_route_nh_set_flags(hop, RTNH_F_ONLINK);
     rtnl_route_add_nexthop(object, hop);
     return true;
 }
 
-Route ObjectOf(const DefaultRoute& route, unsigned index) {
+Route ObjectOf(const InterfaceRoute& route, unsigned index) {
     Route object(rtnl_route_alloc());
-    const Bytes everywhere = BytesOf(kAnyIPv4, 0), source = BytesOf(route.source, 32);
-    if (object == nullptr || everywhere == nullptr || source == nullptr) return nullptr;
+    const Bytes there = BytesOf(route.destination, route.prefixLength), source = BytesOf(route.source, 32);
+    if (object == nullptr || there == nullptr || source == nullptr) return nullptr;
     rtnl_route_set_family(object.get(), AF_INET);
     rtnl_route_set_table(object.get(), RT_TABLE_MAIN);
     rtnl_route_set_protocol(object.get(), RTPROT_DHCP);
-    rtnl_route_set_scope(object.get(), RT_SCOPE_UNIVERSE);
+    rtnl_route_set_scope(object.get(), route.router == kAnyIPv4 ? RT_SCOPE_LINK : RT_SCOPE_UNIVERSE);
     rtnl_route_set_priority(object.get(), route.metric);
-    const bool set = rtnl_route_set_dst(object.get(), everywhere.get()) >= 0 &&
+    const bool set = rtnl_route_set_dst(object.get(), there.get()) >= 0 &&
                      rtnl_route_set_pref_src(object.get(), source.get()) >= 0 && SetNextHop(object.get(), route, index);
     return set ? std::move(object) : nullptr;
 }
 
 using RouteRequest = int (*)(rtnl_route* route, int flags, nl_msg** message);
 
-int ChangeRoute(nl_sock* socket, const DefaultRoute& route, RouteRequest build, int flags) {
+int ChangeRoute(nl_sock* socket, const InterfaceRoute& route, RouteRequest build, int flags) {
     const unsigned index = if_nametoindex(route.interface.c_str());
     if (index == 0) return ENODEV;
     const Route object = ObjectOf(route, index);
@@ -156,12 +161,31 @@ int RemoveAddress(nl_sock* socket, const InterfaceAddress& address) {
 }
 
 // Appending leaves a route of somebody else's in place, whatever it has in common with this one; replacing would not.
-int AddRoute(nl_sock* socket, const DefaultRoute& route) {
+int AddRoute(nl_sock* socket, const InterfaceRoute& route) {
     return ChangeRoute(socket, route, rtnl_route_build_add_request, NLM_F_CREATE | NLM_F_APPEND);
 }
 
-int RemoveRoute(nl_sock* socket, const DefaultRoute& route) {
+int RemoveRoute(nl_sock* socket, const InterfaceRoute& route) {
     return ChangeRoute(socket, route, rtnl_route_build_del_request, 0);
+}
+
+uint32_t MTUOf(nl_sock* socket, const std::string& interface) {
+    rtnl_link* found = nullptr;
+    if (rtnl_link_get_kernel(socket, 0, interface.c_str(), &found) < 0) return 0;
+    const Link link(found);
+    return rtnl_link_get_mtu(link.get());
+}
+
+int SetMTU(nl_sock* socket, const std::string& interface, uint32_t mtu) {
+    const unsigned index = if_nametoindex(interface.c_str());
+    if (index == 0) return ENODEV;
+    const Link link(rtnl_link_alloc()), changes(rtnl_link_alloc());
+    if (link == nullptr || changes == nullptr) return ENOMEM;
+    rtnl_link_set_ifindex(link.get(), static_cast<int>(index));
+    rtnl_link_set_mtu(changes.get(), mtu);
+    nl_msg* message = nullptr;
+    const int built = rtnl_link_build_change_request(link.get(), changes.get(), 0, &message);
+    return Transact(socket, built, message);
 }
 
 std::optional<bool> IsPermanent(nl_sock* socket, const InterfaceAddress& address) {

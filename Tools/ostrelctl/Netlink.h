@@ -26,10 +26,12 @@ struct InterfaceAddress {
     bool linkScope;     // not to be used beyond the link: link-local addresses
 };
 
-// To everywhere, marked as learnt by DHCP. The kernel removes it together with its source address.
-struct DefaultRoute {
+// Marked as learnt by DHCP. The kernel removes it together with its source address.
+struct InterfaceRoute {
     std::string interface;
-    Ostrel_IPv4 router;
+    Ostrel_IPv4 destination;
+    unsigned prefixLength;
+    Ostrel_IPv4 router;  // kAnyIPv4: the destination is on the link
     Ostrel_IPv4 source;
     uint32_t metric;
     bool onLink;  // the router is outside the address's subnet, but can be reached all the same
@@ -44,10 +46,14 @@ struct DefaultRoute {
 [[nodiscard]] int AddAddress(nl_sock* socket, const InterfaceAddress& address);
 [[nodiscard]] int RenewAddress(nl_sock* socket, const InterfaceAddress& address);
 [[nodiscard]] int RemoveAddress(nl_sock* socket, const InterfaceAddress& address);
-[[nodiscard]] int AddRoute(nl_sock* socket, const DefaultRoute& route);
-[[nodiscard]] int RemoveRoute(nl_sock* socket, const DefaultRoute& route);
+[[nodiscard]] int AddRoute(nl_sock* socket, const InterfaceRoute& route);
+[[nodiscard]] int RemoveRoute(nl_sock* socket, const InterfaceRoute& route);
 
 // Whether an address that is there was put there without end; nothing when that can't be told.
 [[nodiscard]] std::optional<bool> IsPermanent(nl_sock* socket, const InterfaceAddress& address);
+
+// Bytes that a frame of the interface may carry; 0 when that can't be told. Setting gives 0 or an errno.
+[[nodiscard]] uint32_t MTUOf(nl_sock* socket, const std::string& interface);
+[[nodiscard]] int SetMTU(nl_sock* socket, const std::string& interface, uint32_t mtu);
 
 }  // namespace ostrelctl

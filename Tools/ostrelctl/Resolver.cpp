@@ -76,16 +76,20 @@ bool AppendServers(sd_bus_message* call, const std::vector<Ostrel_IPv4>& servers
     return good && sd_bus_message_close_container(call) >= 0;
 }
 
+// a(sb): name, and whether it only routes.
+bool AppendDomains(sd_bus_message* call, const std::vector<std::string>& search) {
+    bool good = sd_bus_message_open_container(call, 'a', "(sb)") >= 0;
+    for (const std::string& domain : search) good = good && sd_bus_message_append(call, "(sb)", domain.c_str(), 0) >= 0;
+    return good && sd_bus_message_close_container(call) >= 0;
+}
+
 std::string TellResolved(sd_bus* bus, const std::string& interface, const DnsSettings& settings) {
     const BusMessage servers = NewResolvedCall(bus, "SetLinkDNS", interface);
     std::string problem = Send(bus, servers, servers && AppendServers(servers.get(), settings.servers));
     if (!problem.empty()) return problem;
     const BusMessage domains = NewResolvedCall(bus, "SetLinkDomains", interface);
     if (domains == nullptr) return "no memory";
-    const int filled = settings.domain.empty()  // a(sb): name, and whether it only routes
-                           ? sd_bus_message_append(domains.get(), "a(sb)", 0)
-                           : sd_bus_message_append(domains.get(), "a(sb)", 1, settings.domain.c_str(), 0);
-    return Send(bus, domains, filled >= 0);
+    return Send(bus, domains, AppendDomains(domains.get(), settings.search));
 }
 
 // --- resolvconf ---
@@ -105,7 +109,7 @@ bool IsInPath(const std::string& program) {
 std::string ResolvConf(const DnsSettings& settings) {
     std::string text;
     for (const Ostrel_IPv4 server : settings.servers) text += "nameserver " + AddressText(server) + '\n';
-    if (!settings.domain.empty()) text += "search " + settings.domain + '\n';
+    if (!settings.search.empty()) text += "search " + Joined(settings.search, " ") + '\n';
     return text;
 }
 
@@ -165,6 +169,12 @@ bool IsLabel(std::string_view label) {
 
 }  // namespace
 
+std::string Joined(const std::vector<std::string>& texts, const char* between) {
+    std::string all;
+    for (const std::string& text : texts) all += (all.empty() ? "" : between) + text;
+    return all;
+}
+
 DnsKeeper FindDnsKeeper(sd_bus* bus) {
     if (IsResolvedThere(bus)) return DnsKeeper::Resolved;
     return IsInPath("resolvconf") ? DnsKeeper::Resolvconf : DnsKeeper::Nobody;
@@ -212,7 +222,7 @@ std::string WriteDnsCommand(DnsKeeper keeper, const std::string& interface, cons
     std::string servers;
     for (const Ostrel_IPv4 server : settings.servers) servers += ' ' + AddressText(server);
     if (keeper == DnsKeeper::Resolved) {
-        const std::string domain = settings.domain.empty() ? "''" : settings.domain;
+        const std::string domain = settings.search.empty() ? "''" : Joined(settings.search, " ");
         return "resolvectl dns " + interface + servers + "\nresolvectl domain " + interface + ' ' + domain;
     }
     std::string text = ResolvConf(settings);

@@ -11,12 +11,15 @@ namespace ostrelctl {
 
 struct DnsSettings {
     std::vector<Ostrel_IPv4> servers;
-    std::string domain;  // searched for names without a dot; empty: none
+    std::vector<std::string> search;  // domains that are searched for names without a dot
 
     bool operator==(const DnsSettings&) const = default;
 };
 
 enum class DnsKeeper { Nobody, Resolved, Resolvconf };
+
+// The texts with something between them.
+[[nodiscard]] std::string Joined(const std::vector<std::string>& texts, const char* between);
 
 // Who keeps them: systemd-resolved when it runs, else a resolvconf program in PATH.
 [[nodiscard]] DnsKeeper FindDnsKeeper(sd_bus* bus);

@@ -1,6 +1,6 @@
 // From what an interface has to what it should have: the steps of apply.
 //
-// An address is put beside the old one, the default route and the DNS servers follow it, and only then does the old one
+// An address is put beside the old one, the routes and the DNS servers follow it, and only then does the old one
 // go, so that there is no moment without. The kernel ends an address at its lifetime, and with it the route that has it
 // as its source, even when nobody is left to remove them. Only what was put there is removed: an address that somebody
 // set without end stays his, and routes are appended, never replaced.
@@ -162,30 +162,38 @@ void DropAddress(Applier& applier, const Setting& had) {
         Note(applier, "- " + WordsFor(had));
 }
 
-// --- The default route ---
+// --- Routes ---
 
-DefaultRoute RouteFor(const Applier& applier, const Setting& setting) {
+InterfaceRoute RouteFor(const Applier& applier, const Setting& setting, const LeaseRoute& route) {
     const uint32_t mask = setting.prefixLength == 0 ? 0 : UINT32_MAX << (32 - setting.prefixLength);
+    const bool isOutside = ((route.router ^ setting.address) & htobe32(mask)) != 0;
     return {.interface = applier.interface,
-            .router = setting.router,
+            .destination = route.destination,
+            .prefixLength = route.prefixLength,
+            .router = route.router,
             .source = setting.address,
             .metric = applier.metric,
-            .onLink = ((setting.router ^ setting.address) & htobe32(mask)) != 0};
+            .onLink = isOutside && route.router != kAnyIPv4};
 }
 
-std::string WordsFor(const DefaultRoute& route) {
-    return "default route via " + AddressText(route.router);
+std::string DestinationOf(const InterfaceRoute& route) {
+    if (route.prefixLength == 0) return "default";
+    return AddressText(route.destination) + '/' + std::to_string(route.prefixLength);
 }
 
-std::string Command(std::string_view verb, const DefaultRoute& route) {
-    return "ip route " + std::string(verb) + " default via " + AddressText(route.router) + " dev " + route.interface +
-           " src " + AddressText(route.source) + " proto dhcp metric " + std::to_string(route.metric) +
+std::string WordsFor(const InterfaceRoute& route) {
+    const std::string what = route.prefixLength == 0 ? "default route" : "route to " + DestinationOf(route);
+    return what + (route.router == kAnyIPv4 ? " on the link" : " via " + AddressText(route.router));
+}
+
+std::string Command(std::string_view verb, const InterfaceRoute& route) {
+    const std::string via = route.router == kAnyIPv4 ? "" : " via " + AddressText(route.router);
+    return "ip route " + std::string(verb) + ' ' + DestinationOf(route) + via + " dev " + route.interface + " src " +
+           AddressText(route.source) + " proto dhcp metric " + std::to_string(route.metric) +
            (route.onLink ? " onlink" : "");
 }
 
-void BringRoute(Applier& applier, const Setting& wanted, bool known) {
-    if (wanted.router == kAnyIPv4) return;
-    const DefaultRoute route = RouteFor(applier, wanted);
+void BringRoute(Applier& applier, const InterfaceRoute& route, bool known) {
     if (applier.dryRun) {
         if (!known) ShowCommand(Command("append", route));
         return;
@@ -197,8 +205,17 @@ void BringRoute(Applier& applier, const Setting& wanted, bool known) {
         Note(applier, "+ " + WordsFor(route));
 }
 
-void DropRoute(Applier& applier, const Setting& had) {
-    const DefaultRoute route = RouteFor(applier, had);
+bool HasRoute(const Setting& setting, const LeaseRoute& route) {
+    return std::find(setting.routes.begin(), setting.routes.end(), route) != setting.routes.end();
+}
+
+// `had` is what there was with the same address.
+void BringRoutes(Applier& applier, const Setting& had, const Setting& wanted) {
+    for (const LeaseRoute& route : wanted.routes)
+        BringRoute(applier, RouteFor(applier, wanted, route), HasRoute(had, route));
+}
+
+void DropRoute(Applier& applier, const InterfaceRoute& route) {
     if (applier.dryRun) {
         ShowCommand(Command(kRemove, route));
         return;
@@ -210,11 +227,41 @@ void DropRoute(Applier& applier, const Setting& had) {
         Note(applier, "- " + WordsFor(route));
 }
 
+// Those that `kept` does not have. The last first: the way to a router may be an earlier one.
+void DropRoutes(Applier& applier, const Setting& had, const Setting& kept) {
+    for (size_t i = had.routes.size(); i-- > 0;)
+        if (!HasRoute(kept, had.routes[i])) DropRoute(applier, RouteFor(applier, had, had.routes[i]));
+}
+
+// --- The MTU ---
+
+bool ChangeMTU(Applier& applier, uint32_t mtu, const std::string& step) {
+    if (applier.dryRun) return ShowCommand("ip link set " + applier.interface + " mtu " + std::to_string(mtu));
+    const int error = SetMTU(applier.netlink.get(), applier.interface, mtu);
+    if (error != 0) return ComplainOf(applier, step, error);
+    return Note(applier, step);
+}
+
+// The interface gets back what it had, unless somebody has changed it since.
+void DropMTU(Applier& applier, uint32_t had) {
+    const bool isOurs = applier.dryRun || MTUOf(applier.netlink.get(), applier.interface) == had;
+    const uint32_t before = std::exchange(applier.mtuBefore, 0);
+    if (before != 0 && isOurs) ChangeMTU(applier, before, "- MTU " + std::to_string(had));
+}
+
+void BringMTU(Applier& applier, const Setting& had, const Setting& wanted) {
+    if (wanted.mtu == 0) return;
+    const uint32_t now = MTUOf(applier.netlink.get(), applier.interface);
+    if (now == wanted.mtu || now == 0 || (applier.dryRun && had.mtu == wanted.mtu)) return;
+    const bool isChanged = ChangeMTU(applier, wanted.mtu, "+ MTU " + std::to_string(wanted.mtu));
+    if (isChanged && applier.mtuBefore == 0) applier.mtuBefore = now;
+}
+
 // --- DNS servers ---
 
 std::string WordsFor(const DnsSettings& dns) {
     const std::string servers = dns.servers.empty() ? "" : ' ' + AddressText(dns.servers);
-    return "DNS" + servers + (dns.domain.empty() ? "" : " (" + dns.domain + ')');
+    return "DNS" + servers + (dns.search.empty() ? "" : " (" + Joined(dns.search, ", ") + ')');
 }
 
 void ComplainOf(Applier& applier, const DnsSettings& dns, const std::string& problem) {
@@ -268,7 +315,17 @@ void BringDns(Applier& applier, const Setting& had, const Setting& wanted) {
 
 // Unless promote_secondaries is set, the first address of a subnet takes the others of it along when it goes.
 void Restore(Applier& applier, const Setting& wanted) {
-    if (wanted.address != kAnyIPv4 && KeepAddress(applier, wanted)) BringRoute(applier, wanted, true);
+    if (wanted.address != kAnyIPv4 && KeepAddress(applier, wanted)) BringRoutes(applier, wanted, wanted);
+}
+
+// Said once: a program that knows what to do with it finds it in the daemon's reply.
+void TellUnused(Applier& applier, const Setting& had, const Setting& wanted) {
+    if (wanted.unused.empty() || wanted.unused == had.unused) return;
+    const std::string words = "not used: " + Printable(wanted.unused);
+    if (applier.dryRun)
+        ShowCommand("# " + words);
+    else
+        Note(applier, words);
 }
 
 }  // namespace
@@ -282,18 +339,21 @@ void ComplainOnce(Applier& applier, const std::string& problem, const std::strin
 void Bring(Applier& applier, const Setting& wanted) {
     const Setting had = applier.has;
     const bool sameAddress = IsSameAddress(had, wanted);
-    const bool sameRoute = sameAddress && had.router == wanted.router;
+    const Setting none, &same = sameAddress ? had : none;
     const bool wasForeign = applier.addressIsForeign;
     applier.failed = false;
     if (BringAddress(applier, had, wanted)) {
-        BringRoute(applier, wanted, sameRoute);
+        BringMTU(applier, had, wanted);
+        BringRoutes(applier, same, wanted);
         BringDns(applier, had, wanted);
+        TellUnused(applier, had, wanted);
     }
-    if (had.router != kAnyIPv4 && !sameRoute) DropRoute(applier, had);
+    DropRoutes(applier, had, sameAddress ? wanted : none);
     if (had.address != kAnyIPv4 && !sameAddress && !wasForeign) {
         DropAddress(applier, had);
         Restore(applier, wanted);
     }
+    if (had.mtu != 0 && wanted.mtu == 0) DropMTU(applier, had.mtu);
     applier.has = wanted;
     if (sameAddress && IsSameEnd(had.ends, wanted.ends)) applier.has.ends = had.ends;
     PrintSteps(applier);

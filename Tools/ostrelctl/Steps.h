@@ -18,8 +18,10 @@ struct Setting {
     unsigned prefixLength = 0;
     bool linkLocal = false;
     TimePoint ends = kNever;
-    Ostrel_IPv4 router = kAnyIPv4;  // kAnyIPv4: no default route
+    std::vector<LeaseRoute> routes;
+    uint32_t mtu = 0;  // 0: as it is
     DnsSettings dns;
+    std::string unused;  // what else there is, in words
 };
 
 struct Applier {
@@ -34,6 +36,7 @@ struct Applier {
     // What has come of it: `has` is what was applied, and is ours to change.
     Setting has{};
     bool addressIsForeign = false;  // it was there already, without end
+    uint32_t mtuBefore = 0;         // what the interface had before ours; 0: it has not got ours
     DnsKeeper dnsKeeper = DnsKeeper::Nobody;
     unsigned dnsIndex = 0;    // the interface's number when the DNS servers were written
     bool dnsFailed = false;   // they could not be written; the next renewal tries again
