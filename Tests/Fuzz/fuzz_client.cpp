@@ -1,6 +1,6 @@
 // A received frame for a dhcp client in each of its states.
 //
-// The low three bits of the first byte pick the state, the others are FuzzDevice's flags.
+// The low three bits of the first byte pick the state, kFlagRFC the set of rules, the others are FuzzDevice's flags.
 
 #include <endian.h>
 
@@ -14,6 +14,7 @@ using namespace std::chrono_literals;
 using sim::FuzzDevice;
 
 constexpr uint8_t kStateMask = 0x07;
+constexpr uint8_t kFlagRFC = 0x20;
 
 // Where the daemon and its server must stand before the frame comes.
 void Reach(FuzzDevice& device, Ostrel_InterfaceObj& iface, uint8_t state) {
@@ -35,8 +36,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
     const uint8_t state = data[0] & kStateMask;
     const bool isStatic = state == 7;
-    const auto config =
+    auto config =
         sim::FuzzConfig(kOstrelModeDHCPClient, isStatic ? kOstrelConfigStatic : kOstrelConfigDHCPManualAddress);
+    config.rfc = (data[0] & kFlagRFC) != 0;
     device.Run(config, [&](Ostrel_InterfaceObj& iface) {
         Reach(device, iface, isStatic ? 0 : state);
         const sim::Frame frame = sim::FuzzFrame({data, size}, {.ethernetSource = sim::kFuzzNeighbour,

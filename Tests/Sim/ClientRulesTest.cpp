@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <tuple>
 
 #include "ClientScene.h"
 
@@ -368,6 +369,58 @@ TEST(ClientRules, AskForAFormerAddressFirstAndReleaseOnRequest) {
             ASSERT_EQ(Ostrel_DHCPClientLeaseAction(iface, "halt", {.release = true}), kNoErr);
             EXPECT_EQ(lan.Sent(kRelease).size(), 1U) << "there is nothing any more";
         }
+    }
+}
+
+// What a caller gives beside the usual goes out in each DISCOVER and REQUEST, long options in parts (RFC 3396), and
+// what it asks for comes with the lease.
+TEST(ClientRules, CarryACallersValues) {
+    for (const bool isRFC : {false, true}) {
+        SCOPED_TRACE(isRFC);
+        Lan lan;
+        ASSERT_TRUE(lan.daemon.Finalize("eth0"));
+        Ostrel_InterfaceConfig config{};
+        config.ifname = {"eth0"};
+        config.mode = kOstrelModeDHCPClient;
+        config.rfc = isRFC;
+        const Frame name = Bytes("6b69746368656e");
+        const Frame longOne(300, 0x5A);
+        config.client.sent.values = os_new_records<Ostrel_OptionValue>(2);
+        config.client.sent.count = 2;
+        for (const auto& [index, code, data] : {std::tuple{0U, 12, name}, {1U, 224, longOne}}) {
+            Ostrel_OptionValue& value = config.client.sent.values[index];
+            value.code = static_cast<uint8_t>(code);
+            value.data = os_copy_array<uint8_t>(data);
+            value.length = static_cast<uint32_t>(data.size());
+        }
+        config.client.requested = os_copy_array<uint8_t>(Bytes("2a 0f 2a"));  // 15 is asked for anyhow
+        config.client.numRequested = 3;
+        config.client.clientIdentifier = os_copy_array<uint8_t>(Bytes("ff 00010203"));
+        config.client.clientIdentifierLength = 5;
+        config.client.broadcast = true;
+        config.client.arpCheck = 0;
+        ASSERT_EQ(Ostrel_InterfaceInitialize(&lan.daemon.system, &config), kNoErr);
+
+        ScriptedServer server(lan.wire);
+        server.script.tamper = [](DHCPMessage& answer) { answer.options.emplace_back(42, Bytes("c0000207")); };
+        lan.Init();
+        lan.RunFor(10ms);
+        ASSERT_EQ(lan.world.posts.size(), 1U) << "without a check at once";
+        for (const MessageType type : {kDiscover, kRequest}) {
+            const DHCPMessage message = lan.Sent(type).at(0);
+            EXPECT_EQ(message.flags, 0x8000);
+            EXPECT_EQ(*message.Find(61), Bytes("ff 00010203"));
+            EXPECT_EQ(*message.Find(55), Bytes("01 1c 02 03 06 0f 2a"));
+            const size_t last = message.options.size() - 3;
+            EXPECT_EQ(message.options[last].second, name);
+            EXPECT_EQ(message.options[last + 1], (std::pair<uint8_t, Frame>{224, Frame(255, 0x5A)}));
+            EXPECT_EQ(message.options[last + 2], (std::pair<uint8_t, Frame>{224, Frame(45, 0x5A)}));
+        }
+        const Ostrel_OptionList& options = lan.daemon.system.interfaceList->dhcpClient->lease.options;
+        ASSERT_EQ(options.count, 2U);
+        EXPECT_EQ(options.values[0].code, 42);
+        EXPECT_EQ(options.values[0].length, 4U);
+        EXPECT_EQ(options.values[1].code, 15);
     }
 }
 
