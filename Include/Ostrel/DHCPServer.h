@@ -51,7 +51,7 @@ struct Ostrel_LeaseInformation {
     os_array<uint8_t> hostName;          // option 12 likewise
     uint32_t hostNameLength;
 };
-static_assert(sizeof(Ostrel_LeaseInformation) == 56);  // the flags lie in what would be padding
+static_assert(sizeof(Ostrel_LeaseInformation) <= 56);  // the flags lie in what would be padding
 
 // A client that an address is kept for.
 struct Ostrel_FixedClient {
