@@ -181,13 +181,22 @@ bool ComesFromElsewhere(const Ostrel_ServerObj* server, const Ostrel_Preprocesse
     return server->rules->relayIsHeeded && giaddr != kAnyIPv4 && !IsOfSubnet(server, giaddr);
 }
 
+// Where a client is its identifier, the table shows from the offer on whom a slot is for.
+void Ostrel_DHCPServerMarkOffered(Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& discover,
+                                  Ostrel_LeaseInformation* lease, uint32_t now) {
+    Ostrel_DHCPServer_LeaseOffer(server, lease, now);
+    if (!server->rules->knowsByIdentifier || lease->state != kLeaseStateOffered) return;
+    if (!Ostrel_DHCPServer_LeaseKeepIdentifier(lease, ReadIdentity(discover).clientIdentifier))
+        OSTREL_REPORT_STATUS(kOutOfMemoryErr);
+}
+
 }  // namespace
 
 Ostrel_Status Ostrel_DHCPServerOffer(Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& discover,
                                      Ostrel_LeaseInformation* lease) {
     const uint32_t now = os_monotonic_seconds();
     const Ostrel_Status status = Ostrel_DHCPServerSend_BOOTPReply(server, kDHCPOffer, discover, lease);
-    if (status == kNoErr) Ostrel_DHCPServer_LeaseOffer(server, lease, now);
+    if (status == kNoErr) Ostrel_DHCPServerMarkOffered(server, discover, lease, now);
     return status;
 }
 
@@ -200,7 +209,7 @@ Ostrel_Status Ostrel_DHCPServerProcessDiscover(Ostrel_ServerObj* server, const O
     const bool isProbed = Ostrel_DHCPServerProbeIsWanted(server, lease, client);
     Ostrel_DHCPServer_LeaseClaim(server, lease, client.station, client.key);
     if (isProbed && Ostrel_DHCPServerProbeBegin(server, lease, client, packet)) {
-        Ostrel_DHCPServer_LeaseOffer(server, lease, os_monotonic_seconds());
+        Ostrel_DHCPServerMarkOffered(server, packet, lease, os_monotonic_seconds());
         return kNoErr;
     }
     OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerOffer(server, packet, lease));

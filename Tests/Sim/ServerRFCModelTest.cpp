@@ -338,6 +338,7 @@ private:
         BeginTime(slot);
         slot.state = kLeaseStateOffered;
         slot.entered = ++count;
+        if (!Keep(61, slot.identifier)) Report(kOutOfMemoryErr, "MarkOffered");
     }
 
     // Its place among those in use is that of its time.
