@@ -68,7 +68,7 @@ inline void Append(Bytes& bytes, const Bytes& more) {
 
 [[nodiscard]] inline Bytes OfNumber(uint32_t number, size_t size) {
     Bytes bytes;
-    while (size-- > 0) bytes.push_back(static_cast<uint8_t>(number >> 8 * size));
+    while (size-- > 0) bytes.push_back(static_cast<uint8_t>(uint64_t{number} >> 8 * size));
     return bytes;
 }
 
