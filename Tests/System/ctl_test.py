@@ -76,7 +76,7 @@ class Story(Tool):
                       self.type("server", SERVER, errors="ip addr add 192.0.2.1/24 dev eth0"))
         self.lab.ip("server", f"addr add {peers.SERVER}/24 dev eth0")
         daemons["client"].must("/client", "leaseInformation", subscribe=True)
-        self.type("client", "client eth0 --client-id panel-7")
+        self.type("client", "client eth0 --client-id panel-7 --host-name panel")
         address = daemons["client"].publication(20)["ipv4Address"]
 
         status = self.type("client", "status")
@@ -87,7 +87,7 @@ class Story(Tool):
         self.assertIn(f"{address}/24 by DHCP\n", self.type("client", "status eth0"))
         table = self.type("server", "leases --sort expiry")
         self.assertRegex(table, rf"\AADDRESS +MAC +NAME +CLIENT ID +LEFT +ENDS\n"
-                                rf"{address}  02:00:00:00:00:01  - +panel-7 +59 min( \d+ s)? +[-0-9: ]+\n\Z")
+                                rf"{address}  02:00:00:00:00:01  panel +panel-7 +59 min( \d+ s)? +[-0-9: ]+\n\Z")
         self.assertRegex(self.type("server", "status"), r"leases +1 of 20\n  next ends +[-0-9: ]+, in 59 min( \d+ s)?\n")
         self.assertRegex(self.type("server", "config"), r"range +192\.0\.2\.100 to 192\.0\.2\.119\n(.*\n)*  lease time 1 h")
         self.check_json(daemons)
