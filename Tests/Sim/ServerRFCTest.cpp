@@ -204,7 +204,7 @@ TEST(ServerRFC, KeepsAnAddressForOneClient) {
                              R"({"macAddress":"02:00:00:00:00:01","ipv4Address":"192.168.1.101","hostName":"printer"},)"
                              R"({"clientIdentifierHex":"ff010203","ipv4Address":"192.168.1.9"}])")});
         EXPECT_EQ(BooksWithHolds(lan), ".-.");
-        const auto bind = [&lan](uint8_t number, std::vector<uint8_t> identifier = {}, MAC mac = {}) {
+        const auto bind = [&lan](uint8_t number, const std::vector<uint8_t>& identifier = {}, MAC mac = {}) {
             Guest guest(lan.wire, number);
             DHCPMessage message = MessageFrom(guest.mac, kDiscover);
             if (mac != MAC{}) message.chaddr = mac;
@@ -319,8 +319,9 @@ TEST(ServerRFC, GoesOnAfterARestartWithTheLeasesThatItIsGivenBack) {
         const std::string books = lan.Books();
         ASSERT_TRUE(lan.daemon.Finalize("eth0"));
         lan.world.RunFor(200s);
-        ASSERT_TRUE(lan.Start({.maxLeases = 7, .leaseTime = 3600, .keys = rules + R"("probe":0,"leases":)" + leases}))
-            << lan.startReply << leases;
+        std::string keys = rules;
+        keys.append(R"("probe":0,"leases":)").append(leases);
+        ASSERT_TRUE(lan.Start({.maxLeases = 7, .leaseTime = 3600, .keys = keys})) << lan.startReply << leases;
         // The last client is shown by the address that it says it has.
         EXPECT_EQ(lan.Books().substr(0, 5), books.substr(0, 5));
         const std::string first = leases.substr(0, leases.find('}'));
