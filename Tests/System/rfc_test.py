@@ -95,6 +95,20 @@ class Dnsmasq(WithServer, lab.LabTest):
     serve, declined, released = peers.dnsmasq, r"DHCPDECLINE\(eth0\) {} ", r"DHCPRELEASE\(eth0\) {} "
 
 
+class PingingServer(lab.LabTest):
+    """dnsmasq as it is by default: it pings an address for 3 s before it offers it."""
+
+    def test_its_first_offer_is_not_missed(self):
+        command = [word for word in peers.dnsmasq(self.lab) if word != "--no-ping"]
+        peers.start(self, command)
+        capture, client = self.capture(), self.daemon()
+        client.become_client(rfc=True)
+        begun = time.monotonic()
+        client.publication(20)
+        self.assertLess(time.monotonic() - begun, 4.5)
+        self.assertLessEqual(capture.count(dhcp=DISCOVER), 2)
+
+
 class Udhcpd(WithServer, lab.LabTest):
     serve, declined, released = peers.udhcpd, None, None
 

@@ -80,6 +80,40 @@ class Restart(ServerTest):
         self.assertEqual(self.table(again), before)
 
 
+# systemd-networkd alone: a device without udev, with files of its own, and no bus to wait for.
+NETWORKD = r"""
+mount -t tmpfs tmpfs /run && mount -o remount,ro,bind /sys
+mkdir -p /run/systemd/network /run/systemd/netif/leases /run/systemd/netif/links
+chown -R systemd-network /run/systemd/netif
+printf '[Match]\nName=eth0\n[Network]\nDHCP=ipv4\n[DHCPv4]\nClientIdentifier=duid\nDUIDType=link-layer\n' \
+    >/run/systemd/network/1.network
+exec env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/none SYSTEMD_LOG_TARGET=console /lib/systemd/systemd-networkd"""
+
+
+class Networkd(ServerTest):
+    """A client whose identifier is no text: an address is kept for its MAC, and its lease survives the daemon."""
+
+    hosts = ("server", "networkd")
+
+    def test_a_binary_identifier_is_given_back(self):
+        self.lab.ip("server", f"addr add {peers.SERVER}/24 dev eth0")
+        wire, mac = self.capture("server"), self.mac("networkd")
+        keys = {"fixed": [{"macAddress": mac, "ipv4Address": KEPT}], "ipv4Router": peers.SERVER}
+        server = self.serve(**keys)
+        self.peer("networkd", "sh", "-c", NETWORKD)
+        wire.wait_dhcp(ACK, 20, yiaddr=KEPT)
+        shown = server.request("/server", "leaseInformation")["interfaceList"]
+        identifier = wire.wait_dhcp(REQUEST, 0, source=mac).options[61]
+        self.assertEqual(identifier[0], 255)  # RFC 4361
+        self.assertEqual(shown[0]["leases"][0]["clientIdentifierHex"], identifier.hex())
+        lab.stop(server.process, signal.SIGKILL)
+        again = self.serve(leases=shown, **keys)
+        killed = wire.frames[-1]
+        asked = wire.wait_dhcp(REQUEST, LEASE_SECONDS, after=killed, source=mac, ciaddr=KEPT)
+        wire.wait_dhcp(ACK, 5, after=asked, yiaddr=KEPT)
+        self.assertEqual(self.table(again), {mac: KEPT})
+
+
 class Declined(ServerTest):
     hosts = ("server", "squatter", "udhcpc")
 
