@@ -118,7 +118,7 @@ double Shortest(bool rfc, uint32_t slots, int rounds) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-    const int rounds = argc > 1 ? std::max(std::atoi(argv[1]), 1) : 30;
+    const int rounds = argc > 1 ? std::max(static_cast<int>(std::strtol(argv[1], nullptr, 10)), 1) : 30;
     for (const bool rfc : {false, true}) {
         const double small = Shortest(rfc, 100, rounds);
         const double large = Shortest(rfc, 60'000, rounds);
