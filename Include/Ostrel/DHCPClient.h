@@ -8,6 +8,7 @@
 
 #include "Ostrel/ARPShared.h"
 #include "Ostrel/Address.h"
+#include "Ostrel/FrameBudget.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/PacketFilter.h"
 #include "Ostrel/Status.h"
@@ -72,12 +73,6 @@ struct Ostrel_StormBreaker {
     bool holds;                     // whether further ones are held back
 };
 
-// When the latest frames of a client went out, in milliseconds of the monotonic clock: a ring.
-struct Ostrel_FrameRecord {
-    std::array<uint64_t, 30> sent;
-    uint32_t count;  // of them so far
-};
-
 // Moments are in milliseconds of the monotonic clock.
 struct Ostrel_ClientObj {
     Ostrel_InterfaceObj* iface;        // not owned
@@ -119,7 +114,7 @@ struct Ostrel_ClientObj {
     uint64_t lastDefence;         // meaningless without one
     Ostrel_IPv4 declinedAddress;  // of the DECLINE that waits to be sent
     Ostrel_IPv4 declinedServer;   // likewise
-    Ostrel_FrameRecord frames;
+    Ostrel_FrameRing frames;
     Ostrel_StormBreaker discovers;
     Ostrel_StormBreaker declines;
 };

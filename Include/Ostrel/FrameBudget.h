@@ -16,7 +16,8 @@ struct Ostrel_FrameBudget {
     uint32_t mostPerMinute;
 };
 
-// The milliseconds until one frame may go out after which there is room in the minute for `number - 1` more; 0: now.
+// The milliseconds until a frame may go out after which there is room for `number - 1` more, in the minute, and in the
+// second for as many of them as it holds; 0: now.
 [[nodiscard]] uint32_t Ostrel_FrameRest(const Ostrel_FrameRing& frames, const Ostrel_FrameBudget& budget,
                                         uint32_t number = 1);
 

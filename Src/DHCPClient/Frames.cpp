@@ -4,35 +4,19 @@
 // not sent, as it could be lost on the wire, and what would have followed it takes its course: a REQUEST is repeated, a
 // probe was one of several. Before an exchange begins there must be room in the minute for all of it, so that no
 // address comes into use unchecked for want of room.
-#include <algorithm>
-
 #include "Ostrel/Log.h"
 
 #include "DHCPClient/Machine.h"
-#include "os_time.h"
 
 namespace {
 
-constexpr uint64_t kSecond = 1000;  // milliseconds
-constexpr uint64_t kMinute = 60'000;
 constexpr uint32_t kExchange = 8;  // DISCOVER, REQUEST, three probes, and two announcements or a DECLINE
-
-static_assert(kRFCRules.client.mostPerMinute <= std::tuple_size_v<decltype(Ostrel_FrameRecord::sent)>);
-
-// The milliseconds until `number` more frames are no more than `most` in any window of that length.
-uint32_t RestOf(const Ostrel_FrameRecord& frames, uint32_t number, uint32_t most, uint64_t window) {
-    if (most == 0 || frames.count + number <= most) return 0;
-    const uint32_t size = static_cast<uint32_t>(frames.sent.size());
-    const uint64_t since = os_monotonic_milliseconds() - frames.sent[(frames.count + number - 1 - most) % size];
-    return since > window ? 0 : static_cast<uint32_t>(window + 1 - since);  // the clock's grain counts against us
-}
 
 }  // namespace
 
 uint32_t Ostrel_DHCPClientFrameRest(const Ostrel_ClientObj* client, uint32_t number) {
     const Ostrel_ClientRules& rules = *client->rules;
-    return std::max(RestOf(client->frames, std::min(number, rules.mostPerSecond), rules.mostPerSecond, kSecond),
-                    RestOf(client->frames, number, rules.mostPerMinute, kMinute));
+    return Ostrel_FrameRest(client->frames, {rules.mostPerSecond, rules.mostPerMinute}, number);
 }
 
 uint32_t Ostrel_DHCPClientExchangeRest(const Ostrel_ClientObj* client) {
@@ -51,8 +35,7 @@ bool Ostrel_DHCPClientTakeFrame(Ostrel_ClientObj* client) {
                     client->iface->ifname.data());
         return false;
     }
-    Ostrel_FrameRecord& frames = client->frames;
-    frames.sent[frames.count++ % frames.sent.size()] = os_monotonic_milliseconds();
+    Ostrel_FrameNote(client->frames);
     return true;
 }
 

@@ -54,13 +54,7 @@ const Ostrel_TimeoutKind& Ostrel_DHCPClientKindOf(const Ostrel_ClientObj* client
 }
 
 uint32_t Ostrel_DHCPClientDraw(const Ostrel_ClientObj* client, uint32_t minimum, uint32_t maximum) {
-    uint32_t drawn = minimum;
-    if (client->rules->randomIsSecret) {
-        if (maximum > minimum) drawn += SecretNumber() % (maximum - minimum);
-    } else {
-        Ostrel_RandomizeTimeout(minimum, maximum, &drawn);
-    }
-    return drawn;
+    return Ostrel_DrawTimeout(client->rules->randomIsSecret, minimum, maximum);
 }
 
 uint32_t Ostrel_DHCPClientNewTransactionID(const Ostrel_ClientObj* client) {

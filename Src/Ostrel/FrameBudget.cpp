@@ -21,7 +21,7 @@ uint32_t RestOf(const Ostrel_FrameRing& frames, uint32_t number, uint32_t most, 
 }  // namespace
 
 uint32_t Ostrel_FrameRest(const Ostrel_FrameRing& frames, const Ostrel_FrameBudget& budget, uint32_t number) {
-    return std::max(RestOf(frames, 1, budget.mostPerSecond, kSecond),
+    return std::max(RestOf(frames, std::min(number, budget.mostPerSecond), budget.mostPerSecond, kSecond),
                     RestOf(frames, number, budget.mostPerMinute, kMinute));
 }
 

@@ -29,8 +29,8 @@ constexpr size_t kLongestClientIdentifier = 254;  // with its type byte, what op
 constexpr size_t kLongestHostName = 253;          // of a name with its domain (RFC 1035 section 2.3.4)
 constexpr char kNoName[] = "none";
 
-// What 'apply' and whoever reads a lease can use beside the usual: MTU, NTP servers, search domains.
-constexpr std::array<int, 3> kWantedOptions{26, 42, 119};
+// What 'apply' and whoever reads a lease can use beside the usual: MTU, NTP servers, search domains, routes.
+constexpr std::array<int, 4> kWantedOptions{26, 42, 119, 121};
 
 struct ClientOptions {
     std::string interface;
