@@ -340,7 +340,8 @@ TEST_F(VoroBusTest, OneWhoWaitsForNothingIsRefusedAndOneWhoWaitsIsNot) {
     std::vector<Answer> answers(100);
     for (auto& answer : answers) hasty.Send("/", "echo", full, &answer);
     hasty.Flush();
-    EXPECT_EQ(waits.Call("/", "echo", "?"), "?");
+    // The bus takes from both in turn: by now it has handed on what was waiting.
+    for (size_t i = 0; i < 200; ++i) ASSERT_EQ(waits.Call("/", "echo", full), full) << i;
     ASSERT_TRUE(hasty.RunUntil([&] { return answers.back().has_value(); }));
     EXPECT_TRUE(answers.front() == full);
     EXPECT_TRUE(answers.back() == "org.freedesktop.DBus.Error.LimitsExceeded");

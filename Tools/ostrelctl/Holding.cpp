@@ -7,7 +7,6 @@
 #include "Holding.h"
 
 #include <algorithm>
-#include <endian.h>
 
 #include "Ostrel/DHCPClient.h"
 
@@ -27,15 +26,9 @@ static_assert(kCheckedAge > kARPCheckSeconds, "a reply must not count before the
 
 enum class Standing { None, Pending, Counts };
 
-// Neither 0/8, 127/8 nor what begins with 224/4 can be a host's address, whoever hands it out.
-bool IsHostAddress(Ostrel_IPv4 address) {
-    const uint32_t network = be32toh(address) >> 24;
-    return network != 0 && network != 127 && network < 224;
-}
-
 bool IsUsable(const ClientLease& said, const Hearing& hearing) {
     const bool ended = said.times && said.times->ends <= hearing.wall / 1000;
-    return IsHostAddress(said.address) && said.mask != kAnyIPv4 && !ended;
+    return Ostrel_IsOfHost(said.address) && said.mask != kAnyIPv4 && !ended;
 }
 
 bool HasPassed(const Sighting& seen, const ClientLease& said, const Hearing& hearing) {
