@@ -1,8 +1,9 @@
 // What servers, neighbours, strangers, plugs and callers may do to a client, by either set of rules, with many seeds.
+// Those of the server are in ServerHazardTest.cpp.
 //
-// Each hazard lasts five minutes. By the rfc rules the client never sends more than 4 frames in a second or 30 in a
-// minute, and has a lease within two minutes of its end. Where the plain rules let it send more, the table says so:
-// then the hazard is one.
+// Some make it send too much, for five minutes: by the rfc rules it never sends more than 4 frames in a second or 30 in
+// a minute, and has a lease within two minutes of their end. Where the plain rules let it send more, the table says so:
+// then the hazard is one. Others happen to it by the plain rules only.
 
 #include <cstdlib>
 
@@ -12,6 +13,11 @@ namespace sim {
 namespace {
 
 constexpr Duration kPlay = 300s;
+
+uint64_t Seeds(uint64_t usual) {
+    const char* const wish = std::getenv("OSTREL_HAZARD_SEEDS");
+    return wish == nullptr ? usual : std::strtoull(wish, nullptr, 10);
+}
 
 // What there is to act with.
 struct Play {
@@ -166,8 +172,7 @@ TEST(ClientHazard, NeverMakesAClientSendMoreThanFourFramesASecondOrThirtyAMinute
         {"a server that comes and goes", HasAServerThatComesAndGoes, false},
         {"a wire that loses, repeats and delays", LivesOnABadWire, false},
     };
-    const char* const wish = std::getenv("OSTREL_HAZARD_SEEDS");
-    const uint64_t seeds = wish == nullptr ? 5 : std::strtoull(wish, nullptr, 10);
+    const uint64_t seeds = Seeds(5);
     for (const auto& [what, hazard, floodsPlain] : hazards) {
         SCOPED_TRACE(what);
         const Outcome plain = Try(hazard, false, seeds);
@@ -178,6 +183,69 @@ TEST(ClientHazard, NeverMakesAClientSendMoreThanFourFramesASecondOrThirtyAMinute
         EXPECT_EQ(rfc.tooMany, 0U);
         EXPECT_EQ(rfc.noLease, 0U);
         EXPECT_TRUE(!floodsPlain || plain.tooMany != 0) << "then it is no hazard";
+    }
+}
+
+Duration Draw(World& world, Duration below) {
+    return Duration(static_cast<int64_t>(world.random() % static_cast<uint64_t>(below.count())));
+}
+
+// A stranger refuses the lease of a client that renews it.
+bool ForeignRefusal(uint64_t seed, bool rfc) {
+    Lan lan(seed, {{"rfc", rfc}});
+    ScriptedServer server(lan.wire, {.leaseTime = 600});
+    lan.Init();
+    lan.RunFor(30s);
+    EXPECT_EQ(lan.Lease().address, "192.0.2.10");
+    ScriptedServer stranger(lan.wire, {.mac = kOtherMAC, .address = ToIPv4("192.0.2.66"), .silent = true});
+    for (int i = 0; i < 20; ++i) {
+        lan.RunFor(Draw(lan.world, 30s));
+        DHCPMessage refusal = stranger.Answer({.ethernetSource = kClientMAC, .chaddr = kClientMAC}, kNak);
+        refusal.xid = static_cast<uint32_t>(lan.world.random());
+        stranger.Send(refusal);
+    }
+    return lan.Sent(kDiscover).size() > 1;  // it had to start over
+}
+
+// The first transaction id of a device that starts with this seed.
+uint32_t FirstTransaction(uint64_t seed, bool rfc) {
+    Lan lan(seed, {{"rfc", rfc}});
+    lan.Init();
+    lan.RunFor(10s);
+    return lan.Sent(kDiscover).at(0).xid;
+}
+
+bool SameTransaction(uint64_t seed, bool rfc) {
+    return FirstTransaction(2 * seed, rfc) == FirstTransaction(2 * seed + 1, rfc);
+}
+
+// A switch that is off for a while: how long the client waits once there is a server.
+bool LongSilence(uint64_t seed, bool rfc) {
+    Lan lan(seed, {{"rfc", rfc}});
+    ScriptedServer server(lan.wire);
+    server.script.silent = true;
+    lan.Init();
+    lan.RunFor(20min + Draw(lan.world, 10min));
+    server.script.silent = false;
+    lan.RunFor(90s);
+    return lan.Lease().address != "192.0.2.10";
+}
+
+TEST(Hazard, HappensUnderThePlainRulesOnly) {
+    const std::pair<const char*, bool (*)(uint64_t seed, bool rfc)> hazards[] = {
+        {"a stranger's DHCPNAK takes a lease", ForeignRefusal},
+        {"two devices begin with the same transaction id", SameTransaction},
+        {"no address 90 s after a switch of 20 to 30 minutes' rest is back", LongSilence},
+    };
+    const uint64_t seeds = Seeds(25);
+    for (const auto& [what, happens] : hazards) {
+        std::array<uint64_t, 2> times{};
+        for (const bool rfc : {false, true})
+            for (uint64_t seed = 1; seed <= seeds; ++seed) times[rfc] += happens(seed, rfc) ? 1 : 0;
+        std::printf("| %s | %llu | %llu |\n", what, static_cast<unsigned long long>(times[0]),
+                    static_cast<unsigned long long>(times[1]));
+        EXPECT_GT(times[0], 0U) << what;
+        EXPECT_EQ(times[1], 0U) << what;
     }
 }
 

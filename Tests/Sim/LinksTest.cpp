@@ -90,18 +90,6 @@ TEST_P(Links, ThatDoNotRunAtFirstAreWaitedFor) {
     EXPECT_TRUE(Interface().link.isRunning);
 }
 
-TEST_P(Links, ANewAddressIsSentFrom) {
-    lan.world.ChangeMAC("eth0", kNewMAC);
-    lan.RunFor(300ms);
-    EXPECT_EQ(Told(), GetParam() ? Told2(1, 1) : Told2(0, 0));
-    ASSERT_TRUE(lan.Init());
-    lan.RunFor(10s);
-    const DHCPMessage last = lan.Sent(kDiscover).back();
-    const MAC& expected = GetParam() ? kNewMAC : kClientMAC;
-    EXPECT_EQ(last.ethernetSource, expected);
-    EXPECT_EQ(last.chaddr, expected);
-}
-
 TEST_P(Links, AnInterfaceThatIsPutBackGoesOn) {
     lan.world.RemoveInterface("eth0");
     lan.RunFor(10s);
@@ -165,22 +153,6 @@ TEST_P(Links, ARenamedInterfaceGoesByItsNewName) {
     lan.RunFor(1s);
     EXPECT_STREQ(Interface().ifname.data(), "eth0");
     EXPECT_TRUE(Interface().link.isRunning);
-}
-
-// A device that sleeps: its monotonic clock and plain timeouts stand still, an alarm wakes it.
-TEST_P(Links, ASuspendedDeviceIsToldWhenItIsAwake) {
-    const uint32_t before = lan.world.MonotonicSeconds();
-    const size_t sent = lan.FramesSent();
-    lan.world.Suspend(1h);
-    lan.world.SetLink("eth0", false);
-    lan.RunFor(1h - 1s);
-    EXPECT_EQ(lan.FramesSent(), sent);
-    EXPECT_EQ(Lines("is awake again"), 0U);
-    EXPECT_EQ(Told(), Told2(0, 0));
-    lan.RunFor(2s);
-    EXPECT_EQ(lan.world.MonotonicSeconds(), before + 1);
-    EXPECT_EQ(Lines("[eth0] The device was suspended, and is awake again."), GetParam() ? 1U : 0U);
-    EXPECT_EQ(Told(), Told2(GetParam() ? 1 : 0, 0));
 }
 
 }  // namespace
