@@ -437,16 +437,9 @@ TEST(ServerModel, AgreesFrameByFrameByTheRFCRules) {
         {{.maxLeases = 130, .leaseTime = 1300}, 260},
         {{.maxLeases = 63, .leaseTime = 9}, 90, 3000},
         {{.maxLeases = 130, .leaseTime = 600, .mtu = 576}, 300, 10000, {}, {{43, longData, true}}},
-        {{.mask = "255.255.255.248", .router = "0.0.0.0", .rangeStart = "192.168.1.2", .maxLeases = 5, .leaseTime = 20},
-         8,
-         250},
-        {{.address = "10.0.0.1",
-          .mask = "255.255.0.0",
-          .router = "10.0.0.1",
-          .rangeStart = "10.0.1.0",
-          .maxLeases = 260,
-          .leaseTime = 400},
-         400},
+        // Address, mask, router, start of the range, leases, seconds.
+        {{"192.168.1.1", "255.255.255.248", "0.0.0.0", "192.168.1.2", 5, 20}, 8, 250},
+        {{"10.0.0.1", "255.255.0.0", "10.0.0.1", "10.0.1.0", 260, 400}, 400},
     };
     for (Game& game : games) game.wishes.keys = KeysOf(game);
     PlayGames(games, {0, 1000, 4'000'000'000},

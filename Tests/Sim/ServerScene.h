@@ -89,42 +89,29 @@ public:
         if (testing::Test::HasFailure()) std::cerr << world.Describe();
     }
 
+    // The reply is kept in `startReply`.
     bool Start(const ServerWishes& wishes, std::string_view ifname = "eth0") {
         valdo::JValue dnsServers = valdo::Array();
         for (const std::string& server : wishes.dnsServers) dnsServers.append(std::string_view(server));
         const valdo::JValue domainName =
             wishes.domainName.empty() ? valdo::JValue() : valdo::JValue(std::string_view(wishes.domainName));
-        if (!wishes.keys.empty()) return StartWithKeys(wishes, dnsServers, domainName);
-        return daemon.Initialize(ifname, {{"mode", "server"},
-                                          {"ipv4LinkLocal", wishes.linkLocal},
-                                          {"ipv4Address", wishes.address.c_str()},
-                                          {"ipv4Subnet", wishes.mask.c_str()},
-                                          {"ipv4Router", wishes.router.c_str()},
-                                          {"ipv4RangeStart", wishes.rangeStart.c_str()},
-                                          {"maxLeases", wishes.maxLeases},
-                                          {"leaseTime", wishes.leaseTime},
-                                          {"dnsServers", dnsServers},
-                                          {"domainName", domainName}});
-    }
-
-    // The reply is kept in `startReply`.
-    bool StartWithKeys(const ServerWishes& wishes, const valdo::JValue& dnsServers, const valdo::JValue& domainName) {
         valdo::JValue request = valdo::Object();
-        for (const auto& [key, text] : {std::pair{"interface", std::string("eth0")},
-                                        {"mode", "server"},
-                                        {"ipv4Address", wishes.address},
-                                        {"ipv4Subnet", wishes.mask},
-                                        {"ipv4Router", wishes.router},
-                                        {"ipv4RangeStart", wishes.rangeStart}})
-            request.put(key, text.c_str());
-        request.put("maxLeases", wishes.maxLeases);
-        request.put("leaseTime", wishes.leaseTime);
-        request.put("dnsServers", dnsServers);
-        request.put("domainName", domainName);
+        for (const auto& [key, value] : Members{{"interface", ifname},
+                                                {"mode", "server"},
+                                                {"ipv4LinkLocal", wishes.linkLocal},
+                                                {"ipv4Address", wishes.address.c_str()},
+                                                {"ipv4Subnet", wishes.mask.c_str()},
+                                                {"ipv4Router", wishes.router.c_str()},
+                                                {"ipv4RangeStart", wishes.rangeStart.c_str()},
+                                                {"maxLeases", wishes.maxLeases},
+                                                {"leaseTime", wishes.leaseTime},
+                                                {"dnsServers", dnsServers},
+                                                {"domainName", domainName}})
+            request.put(key, value);
         std::string text;
         EXPECT_TRUE(valdo::JGenerator::toString(request, valdo::JSchemaFragment("{}"), text));
-        text.back() = ',';
-        startReply = world.Call("/", "interfaceInitialize", text + wishes.keys + "}");
+        if (!wishes.keys.empty()) text.replace(text.size() - 1, 1, "," + wishes.keys + "}");
+        startReply = world.Call("/", "interfaceInitialize", text);
         return startReply.starts_with(R"({"returnValue":true)");
     }
 
