@@ -30,7 +30,7 @@ TEST(KeptLeases, AreAgainWhatTheyWere) {
     for (const std::string& kept : {LastOf(shown, "interfaceList"), LastOf(lan.world.posts.back().payload, "leases")}) {
         EXPECT_TRUE(lan.daemon.Finalize("eth0"));
         lan.world.RunFor(60s);
-        EXPECT_TRUE(lan.Start({.keys = keys + R"(,"leases":)" + kept})) << lan.startReply;
+        EXPECT_TRUE(lan.Start({.keys = (keys + R"(,"leases":)").append(kept)})) << lan.startReply;
         EXPECT_EQ(table(), shown);
     }
 }
