@@ -167,7 +167,7 @@ private:
     Frame DrawFrame() {
         constexpr std::array kTypes{kDiscover, kDiscover, kRequest, kRequest, kRequest, kInform, kRelease, kDecline};
         const MAC mac = DrawStation();
-        const uint32_t types = !isFilling ? kTypes.size() : game.probe > 5000 ? 2 : 6;
+        const uint32_t types = !isFilling ? uint32_t{kTypes.size()} : game.probe > 5000 ? 2 : 6;
         const auto type = Draw(40) == 0 ? static_cast<MessageType>(Draw(256)) : kTypes[Draw(types)];
         DHCPMessage message = MessageFrom(mac, type);
         if (Draw(8) == 0) message.ethernetSource = {2, 0, 0, 0, 8, 8};  // an extender

@@ -352,9 +352,12 @@ class Options(Applying):
         peers.start(self, self.dnsmasq())
         record = self.recorder("one")
         rehearsal = self.tool("one", "apply", "eth0", "--dry-run", path=record)
-        applier = self.tool("one", "apply", "eth0", path=record)
         daemon = self.daemon(host="one")
         daemon.become_client(requestOptions=self.WANTED)
+        for command in ("ip link set eth0 mtu 1400", "ip route append 198.51.100.0/24 via 192.0.2.9 dev eth0 src ",
+                        "search a.example b.a.example", "# not used: ntpServers"):
+            self.see(rehearsal, command)
+        applier = self.tool("one", "apply", "eth0", path=record)
         self.see(applier, "by resolvconf")
         lease = daemon.lease()
         self.assertEqual(lease["searchDomains"], ["a.example", "b.a.example"])
@@ -363,9 +366,6 @@ class Options(Applying):
         self.assertEqual(self.mtu(), 1400)
         self.assertIn("search a.example b.a.example\n", (record / "eth0.ostrel").read_text())
         self.see(applier, "not used: ntpServers")
-        for command in ("ip link set eth0 mtu 1400", "ip route append 198.51.100.0/24 via 192.0.2.9 dev eth0 src ",
-                        "search a.example b.a.example", "# not used: ntpServers"):
-            self.see(rehearsal, command)
 
         daemon.must("/client", "leaseAction", interface="eth0", leaseAction="halt")
         self.see(applier, "- route to 198.51.100.0/24 via 192.0.2.9")
