@@ -8,9 +8,11 @@
 
 #include "Ostrel/ARPShared.h"
 #include "Ostrel/Address.h"
+#include "Ostrel/Counters.h"
 #include "Ostrel/FrameBudget.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/PacketFilter.h"
+#include "Ostrel/Reason.h"
 #include "Ostrel/Status.h"
 
 #include "os_memory.h"
@@ -73,6 +75,22 @@ struct Ostrel_StormBreaker {
     bool holds;                     // whether further ones are held back
 };
 
+// What "interfaceState" tells of a client beside its state and lease. Moments are in milliseconds of the monotonic
+// clock, 0 where there is none; counts and the last four are of the acquisition under way and begin anew with a lease.
+struct Ostrel_ClientStory {
+    uint64_t since;        // it is in its state
+    Ostrel_Reason reason;  // why it came to be in it, or, where the address went out of use in it, why that was
+    uint64_t nextTry;      // when it sends next of its own accord, where it waits for an answer or to begin
+    uint64_t renews;       // T1, T2 and the end of a lease that counts
+    uint64_t rebinds;
+    uint64_t expires;
+    uint32_t tries;               // DISCOVERs, or REQUESTs of this state
+    Ostrel_IPv4 server;           // who offered, granted or refused last; 0: nobody
+    uint32_t refusals;            // DHCPNAKs
+    Ostrel_IPv4 conflictAddress;  // the one that another host had; 0: none
+    Ostrel_MAC conflictMAC;       // that host's
+};
+
 // Moments are in milliseconds of the monotonic clock.
 struct Ostrel_ClientObj {
     Ostrel_InterfaceObj* iface;        // not owned
@@ -87,6 +105,7 @@ struct Ostrel_ClientObj {
     bool identifierIsAddress;   // the identifier is made of macAddr
     bool broadcast;             // replies are asked for by broadcast
     bool linkIsLost;
+    bool isInDoubt;                      // the lease, since the link was lost or the device asleep, until confirmed
     bool isChecking;                     // the address, with ARP; in BOUND
     uint32_t configMode;                 // kOstrelConfig bits
     os_array<uint8_t> clientIdentifier;  // option 61: a type byte, then the identifier
@@ -117,6 +136,8 @@ struct Ostrel_ClientObj {
     Ostrel_FrameRing frames;
     Ostrel_StormBreaker discovers;
     Ostrel_StormBreaker declines;
+    Ostrel_ClientStory story;
+    Ostrel_ClientCounters counters;
 };
 
 // Life. Initialize stores the object in the interface's dhcpClient; on failure nothing is stored and nothing is left.
@@ -141,6 +162,11 @@ struct Ostrel_ActionValues {
 // which frames count, and whether the lease is defended first.
 void Ostrel_DHCPClientARPPacketHandler(Ostrel_ClientObj* client, const Ostrel_EthernetHeader* frame,
                                        const Ostrel_ARPHeader* arpHeader, const Ostrel_ARPAddresses* addresses);
+
+// The state as "interfaceState" shows it, "STATIC" for a client that talks no DHCP, and whether the address may be
+// used: it is checked, its lease has not ended, and, since the link was lost, has been confirmed.
+[[nodiscard]] const char* Ostrel_DHCPClientShownState(const Ostrel_ClientObj* client);
+[[nodiscard]] bool Ostrel_DHCPClientHolds(const Ostrel_ClientObj* client);
 
 // Tells the server that the lease is not needed any more, where there is one. The client stays as it is.
 void Ostrel_DHCPClientRelease(Ostrel_ClientObj* client);

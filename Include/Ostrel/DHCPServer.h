@@ -12,6 +12,7 @@
 
 #include "Ostrel/ARPShared.h"
 #include "Ostrel/Address.h"
+#include "Ostrel/Counters.h"
 #include "Ostrel/DHCPShared.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/InterfaceConfig.h"
@@ -90,6 +91,7 @@ struct Ostrel_ServerObj {
     Ostrel_OptionList options;              // beside those that stand above
     os_records<Ostrel_ServerProbe> probes;  // kMaxServerProbes of them; null when nothing is probed
     uint32_t numProbes;                     // under way, in the order of their ends
+    Ostrel_ServerCounters counters;
 };
 
 // Life. Initialize stores the server in the interface's dhcpServer; on failure nothing is stored and nothing is left:
@@ -108,6 +110,19 @@ void Ostrel_DHCPServerFinalize(Ostrel_ServerObj* server);
 // kBadParamErr for any other word, kNoSuchItemErr for an address that the server does not lease.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPServerLeaseAction(Ostrel_ServerObj* server, Ostrel_IPv4 address,
                                                          const char* action);
+
+// Slots by state, as "interfaceState" shows them. Kept ones, which are free for their client, are with the free ones.
+struct Ostrel_ServerGauges {
+    uint32_t active;
+    uint32_t offered;
+    uint32_t held;
+    uint32_t free;
+};
+[[nodiscard]] Ostrel_ServerGauges Ostrel_DHCPServerGaugesOf(const Ostrel_ServerObj* server);
+
+// Somebody has begun to subscribe to "leaseEvents", or nobody does any more: while somebody does, the end of a lease is
+// told when its time is over, and not when the next frame comes.
+void Ostrel_DHCPServerAudienceChanged(Ostrel_ServerObj* server);
 
 // Every ARP frame of the interface: one from an address that is probed says that somebody has it.
 void Ostrel_DHCPServerARPPacketHandler(Ostrel_ServerObj* server, const Ostrel_EthernetHeader* frame,

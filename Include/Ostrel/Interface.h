@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "Ostrel/Address.h"
+#include "Ostrel/Counters.h"
 #include "Ostrel/InterfaceConfig.h"
 #include "Ostrel/PacketFilter.h"
 #include "Ostrel/Rules.h"
@@ -23,11 +24,19 @@ constexpr size_t kTransmitBufferSize = 2048;  // bytes
 // The interface's link, where the rules have it watched.
 struct Ostrel_InterfaceLink {
     bool isWatched;
+    bool isThere;           // in the device; always true where nobody watches
     bool isRunning;         // as the roles were told last; always true where nobody watches
     bool isSettling;        // it is back, and the roles will be told when it has run for a while
     int32_t index;          // the kernel's number of the interface, which is still that of one that was taken out
     uint32_t settlingTime;  // milliseconds that it has to run before the roles are told
     uint64_t runningSince;  // when they were told that it is back, in milliseconds of the monotonic clock
+};
+
+// How much of what the interface sends and gets the trace has told in a second.
+struct Ostrel_TraceSample {
+    uint64_t second;   // of the monotonic clock
+    uint32_t told;     // frames in it
+    uint32_t leftOut;  // frames since the last that was told
 };
 
 struct Ostrel_InterfaceObj {
@@ -36,12 +45,15 @@ struct Ostrel_InterfaceObj {
     std::array<char, kInterfaceNameSize> ifname;
     Ostrel_MAC macAddr;  // read each time a filter is opened on the interface, and when it changes
     Ostrel_InterfaceLink link;
-    wpabuf* txFrame;                // every outgoing frame is assembled here; owned
-    wpabuf* txPayload;              // a BOOTP message before it is framed; owned
-    uint32_t mode;                  // role bits
-    const Ostrel_Rules* rules;      // never null
-    os_array<char> valueKeys;       // what the caller gave beside the usual keys, as JSON; null: nothing
-    bool leaseIsHeld;               // by the client, its address checked
+    wpabuf* txFrame;            // every outgoing frame is assembled here; owned
+    wpabuf* txPayload;          // a BOOTP message before it is framed; owned
+    uint32_t mode;              // role bits
+    const Ostrel_Rules* rules;  // never null
+    os_array<char> valueKeys;   // what the caller gave beside the usual keys, as JSON; null: nothing
+    bool leaseIsHeld;           // by the client, its address checked
+    bool pictureIsStale;        // what subscribers know of it is no longer true, and will be posted
+    Ostrel_TraceSample traceSample;
+    Ostrel_ARPCounters counters;
     Ostrel_PacketFilter arpFilter;  // shared by the roles
     Ostrel_ClientObj* dhcpClient;   // the roles: owned, null when not run
     Ostrel_ServerObj* dhcpServer;

@@ -11,6 +11,7 @@
 #include "Ostrel/Address.h"
 #include "Ostrel/FrameBudget.h"
 #include "Ostrel/Interface.h"
+#include "Ostrel/Reason.h"
 #include "Ostrel/Status.h"
 
 enum Ostrel_LinkLocalState : int32_t {
@@ -36,8 +37,15 @@ struct Ostrel_LinkLocalObj {
     uint32_t numChoices;     // addresses given up to others; the next that follows from the MAC follows from this too
     bool isFallback;         // selects only while the client has no lease
     bool isWanted;           // the last action was not "halt"
+    uint64_t since;          // milliseconds of the monotonic clock: it is in its state
+    Ostrel_Reason reason;    // why it came to be in it
     Ostrel_FrameRing frames;
 };
+
+// The state as "interfaceState" shows it: "IDLE", "INIT", "PROBE", "ANNOUNCE", "HELD", "DEFEND"; and whether the
+// address may be used.
+[[nodiscard]] const char* Ostrel_LinkLocalShownState(const Ostrel_LinkLocalObj* linkLocal);
+[[nodiscard]] bool Ostrel_LinkLocalHolds(const Ostrel_LinkLocalObj* linkLocal);
 
 // Life. Initialize stores the object in the interface's linkLocal and leaves it idle; Finalize ignores null and does
 // not clear the slot.

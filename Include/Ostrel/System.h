@@ -16,13 +16,21 @@ constexpr char kServiceName[] = "org.ostrel.dhcp";
 constexpr char kLogFile[] = "/var/log/ostrel.log";
 constexpr uint32_t kInactivitySeconds = 300;  // how long the daemon stays with no interface to manage
 
+// Subscribers, by what they subscribe to: enrolled calls. The bus area counts; who would have news asks first.
+struct Ostrel_Audience {
+    uint32_t states;       // of "/" "interfaceState"
+    uint32_t trace;        // of "/" "trace"
+    uint32_t leaseEvents;  // of "/server" "leaseEvents"
+};
+
 struct Ostrel_SystemObj {
     Ostrel_InterfaceObj* interfaceList;  // head of the list of managed interfaces, in creation order; owned
     VSHandle* serviceHandle;             // set by Ostrel_VoroServiceInitialize; owned
     Ostrel_WallClock wallClock;          // lease times are shown by it
     Ostrel_Status failure;               // for which the loop was ended; kNoErr otherwise
     uint32_t numWatchedLinks;            // interfaces that follow their link
-    Ostrel_LeaseTexts* leaseTexts;       // the bus area's; Ostrel_VoroServiceFinalize frees them
+    Ostrel_Audience audience;
+    Ostrel_LeaseTexts* leaseTexts;  // the bus area's; Ostrel_VoroServiceFinalize frees them
 };
 
 // Event-loop callback: stops the loop when no interface came for kInactivitySeconds. Both contexts are null.

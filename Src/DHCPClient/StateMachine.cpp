@@ -149,6 +149,14 @@ const char* Ostrel_ClientStateString(Ostrel_ClientState state) {
     return "UNKNOWN";
 }
 
+const char* Ostrel_DHCPClientShownState(const Ostrel_ClientObj* client) {
+    return Ostrel_DHCPClientIsStatic(client) ? "STATIC" : Ostrel_ClientStateString(client->state);
+}
+
+bool Ostrel_DHCPClientHolds(const Ostrel_ClientObj* client) {
+    return client->iface->leaseIsHeld && !client->isInDoubt;
+}
+
 Ostrel_Status Ostrel_DHCPClientStateTransition_Init(Ostrel_ClientObj* client, Ostrel_ClientSetback setback) {
     Ostrel_DHCPClientEnterState(client, kClientStateInit);
     Ostrel_DHCPClientCancelAllTimeouts(client);

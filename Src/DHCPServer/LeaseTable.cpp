@@ -295,3 +295,16 @@ Ostrel_LeaseInformation* Ostrel_DHCPServer_LeaseNextUsed(const Ostrel_ServerObj*
     const uint32_t from = lease == nullptr ? 0 : Ostrel_LeaseSlotNumber(server, lease) + 1;
     return Ostrel_LeaseSlotAt(server, SlotSetLowestAbsent(server->index->free, server->index->withheld, from));
 }
+
+Ostrel_ServerGauges Ostrel_DHCPServerGaugesOf(const Ostrel_ServerObj* server) {
+    Ostrel_ServerGauges gauges{};
+    for (const Ostrel_LeaseInformation& lease : Ostrel_LeaseSlotsOf(server)) {
+        gauges.active += lease.state == kLeaseStateActive;
+        gauges.offered += lease.state == kLeaseStateOffered;
+        gauges.held += lease.state == kLeaseStateHeld;
+        gauges.free += lease.state == kLeaseStateFree || lease.state == kLeaseStateKept;
+    }
+    return gauges;
+}
+
+void Ostrel_DHCPServerAudienceChanged(Ostrel_ServerObj* /*server*/) {}

@@ -315,6 +315,16 @@ const char* Ostrel_LinkLocalStateString(Ostrel_LinkLocalState state) {
     return "UNKNOWN";
 }
 
+const char* Ostrel_LinkLocalShownState(const Ostrel_LinkLocalObj* linkLocal) {
+    if (linkLocal->state == kLinkLocalStateUnknown) return "IDLE";
+    const bool isSettled = linkLocal->state == kLinkLocalStateAnnounce && linkLocal->numAnnounces >= kAnnouncements;
+    return isSettled ? "HELD" : Ostrel_LinkLocalStateString(linkLocal->state);
+}
+
+bool Ostrel_LinkLocalHolds(const Ostrel_LinkLocalObj* linkLocal) {
+    return IsHeld(linkLocal) && linkLocal->iface->link.isRunning;
+}
+
 Ostrel_Status Ostrel_LinkLocalInitialize(Ostrel_InterfaceObj* iface, const Ostrel_InterfaceConfig* config) {
     auto* linkLocal = os_new<Ostrel_LinkLocalObj>();
     OSTREL_REQUIRE(linkLocal != nullptr, "linkLocal", kOutOfMemoryErr);

@@ -91,6 +91,7 @@ Ostrel_Status Ostrel_InterfaceInitialize(Ostrel_SystemObj* sysObj, const Ostrel_
     OSTREL_REQUIRE(iface->txPayload != nullptr, "ifaceRef->txPayload", kOutOfMemoryErr);
     iface->mode = config->mode;
     iface->rules = Ostrel_RulesOf(*config);
+    iface->link.isThere = true;
     iface->link.isRunning = true;
     OSTREL_REQUIRE_NOERR(KeepValueKeys(*config, iface.get()));
 
@@ -99,6 +100,7 @@ Ostrel_Status Ostrel_InterfaceInitialize(Ostrel_SystemObj* sysObj, const Ostrel_
                 iface->ifname.data(), iface->macAddr);
     *tail = iface.release();
     Ostrel_InterfaceWatchLink(*tail);
+    Ostrel_InterfacePictureChanged(*tail);
     eloop_cancel_timeout(Ostrel_InactivityTimeout, nullptr, nullptr);
     DebugPrintF(kDebugLevelNotice, "%s() Cancel Inactivity Timer\n", __func__);
     return kNoErr;
@@ -107,6 +109,7 @@ Ostrel_Status Ostrel_InterfaceInitialize(Ostrel_SystemObj* sysObj, const Ostrel_
 void Ostrel_InterfaceFinalize(Ostrel_InterfaceObj** listHead, Ostrel_InterfaceObj* iface) {
     const char* ifname = iface->ifname.data();
     DebugPrintF(kDebugLevelNotice, "Remove %p from the interface list, for interface %s\n", iface, ifname);
+    Ostrel_InterfacePictureTurns(iface);
     if (listHead != nullptr) {
         DebugPrintF(kDebugLevelChatty, "### Must Remove Interface From List <%s>; current head <%p>\n", ifname,
                     *listHead);
@@ -121,6 +124,7 @@ void Ostrel_InterfaceFinalize(Ostrel_InterfaceObj** listHead, Ostrel_InterfaceOb
     Ostrel_LinkLocalFinalize(iface->linkLocal);
     Ostrel_DHCPClientFinalize(iface->dhcpClient);
     Ostrel_PacketFilterFinalize(&iface->arpFilter);
+    if (listHead != nullptr) Ostrel_VoroServicePublishInterfaceState(iface->sysObj, ifname);
     os_delete(iface);
 
     if (listHead != nullptr && *listHead == nullptr) Ostrel_SetInactivityTimeout(__func__);

@@ -167,6 +167,7 @@ void Ostrel_InterfaceWatchLink(Ostrel_InterfaceObj* iface) {
     if (!iface->rules->interface.linkIsWatched) return;
     const os_link now = os_link_of(iface->ifname.data());
     iface->link = {.isWatched = true,
+                   .isThere = now.isThere,
                    .isRunning = true,
                    .isSettling = false,
                    .index = now.index,

@@ -1,0 +1,28 @@
+// When the state of an interface is posted: once for all that one event of the loop changes, but never past a state.
+//
+// Nothing is armed while nobody subscribes; whoever subscribes is answered with what is.
+#include "Ostrel/Publish.h"
+
+#include "eloop.h"
+
+namespace {
+
+void Ostrel_PictureTimeout(void* context, void*) {
+    auto* iface = static_cast<Ostrel_InterfaceObj*>(context);
+    iface->pictureIsStale = false;
+    Ostrel_VoroServicePublishInterfaceState(iface->sysObj, iface->ifname.data());
+}
+
+}  // namespace
+
+void Ostrel_InterfacePictureChanged(Ostrel_InterfaceObj* iface) {
+    if (iface->pictureIsStale || iface->sysObj->audience.states == 0) return;
+    iface->pictureIsStale = true;
+    if (eloop_register_timeout(0, 0, Ostrel_PictureTimeout, iface, nullptr) != 0) Ostrel_InterfacePictureTurns(iface);
+}
+
+void Ostrel_InterfacePictureTurns(Ostrel_InterfaceObj* iface) {
+    if (!iface->pictureIsStale) return;
+    eloop_cancel_timeout(Ostrel_PictureTimeout, iface, nullptr);
+    Ostrel_PictureTimeout(iface, nullptr);
+}
