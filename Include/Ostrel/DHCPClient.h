@@ -14,6 +14,7 @@
 #include "Ostrel/PacketFilter.h"
 #include "Ostrel/Reason.h"
 #include "Ostrel/Status.h"
+#include "Ostrel/Verdict.h"
 
 #include "os_memory.h"
 
@@ -159,9 +160,11 @@ struct Ostrel_ActionValues {
                                                          const Ostrel_ActionValues& values = {});
 
 // Every ARP frame of the interface: one of another host that has the leased address takes the lease away. The rules say
-// which frames count, and whether the lease is defended first.
-void Ostrel_DHCPClientARPPacketHandler(Ostrel_ClientObj* client, const Ostrel_EthernetHeader* frame,
-                                       const Ostrel_ARPHeader* arpHeader, const Ostrel_ARPAddresses* addresses);
+// which frames count, and whether the lease is defended first. The verdict: what the frame is to the client.
+[[nodiscard]] Ostrel_Verdict Ostrel_DHCPClientARPPacketHandler(Ostrel_ClientObj* client,
+                                                               const Ostrel_EthernetHeader* frame,
+                                                               const Ostrel_ARPHeader* arpHeader,
+                                                               const Ostrel_ARPAddresses* addresses);
 
 // The state as "interfaceState" shows it, "STATIC" for a client that talks no DHCP, and whether the address may be
 // used: it is checked, its lease has not ended, and, since the link was lost, has been confirmed.

@@ -13,6 +13,7 @@
 #include "Ostrel/Interface.h"
 #include "Ostrel/Reason.h"
 #include "Ostrel/Status.h"
+#include "Ostrel/Verdict.h"
 
 enum Ostrel_LinkLocalState : int32_t {
     kLinkLocalStateUnknown = 0,  // idle: not started, or not needed
@@ -60,9 +61,11 @@ void Ostrel_LinkLocalFinalize(Ostrel_LinkLocalObj* linkLocal);
 // What is to be told of it: the address, or 0 while there is none to tell.
 [[nodiscard]] Ostrel_IPv4 Ostrel_LinkLocalShownAddress(const Ostrel_LinkLocalObj* linkLocal);
 
-// Every ARP frame of the interface.
-void Ostrel_LinkLocalARPPacketHandler(Ostrel_LinkLocalObj* linkLocal, const Ostrel_EthernetHeader* frame,
-                                      const Ostrel_ARPHeader* arpHeader, const Ostrel_ARPAddresses* addresses);
+// Every ARP frame of the interface. The verdict: what it is to the selector.
+[[nodiscard]] Ostrel_Verdict Ostrel_LinkLocalARPPacketHandler(Ostrel_LinkLocalObj* linkLocal,
+                                                              const Ostrel_EthernetHeader* frame,
+                                                              const Ostrel_ARPHeader* arpHeader,
+                                                              const Ostrel_ARPAddresses* addresses);
 
 // The interface has lost its link, or has it back; the client of the interface holds a lease, or not any more; and the
 // device was suspended and is awake again.

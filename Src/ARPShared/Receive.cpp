@@ -24,7 +24,8 @@ void Ostrel_ARPPacketFilterHandler(void* context, const uint8_t* /*sourceAddress
     const auto* ethernet = reinterpret_cast<const Ostrel_EthernetHeader*>(frame.data());
     const auto* arp = reinterpret_cast<const Ostrel_ARPHeader*>(arpStart);
     const auto* addresses = reinterpret_cast<const Ostrel_ARPAddresses*>(arpStart + sizeof(Ostrel_ARPHeader));
-    if (iface->dhcpClient != nullptr) Ostrel_DHCPClientARPPacketHandler(iface->dhcpClient, ethernet, arp, addresses);
+    if (iface->dhcpClient != nullptr)
+        (void)Ostrel_DHCPClientARPPacketHandler(iface->dhcpClient, ethernet, arp, addresses);
     if (iface->dhcpServer != nullptr) Ostrel_DHCPServerARPPacketHandler(iface->dhcpServer, ethernet, arp, addresses);
-    if (iface->linkLocal != nullptr) Ostrel_LinkLocalARPPacketHandler(iface->linkLocal, ethernet, arp, addresses);
+    if (iface->linkLocal != nullptr) (void)Ostrel_LinkLocalARPPacketHandler(iface->linkLocal, ethernet, arp, addresses);
 }

@@ -105,16 +105,19 @@ void Ostrel_DHCPClientTimeout_Declining(void* context, void* /*iface*/) {
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
 }
 
-void Ostrel_DHCPClientARPPacketHandler(Ostrel_ClientObj* client, const Ostrel_EthernetHeader* /*frame*/,
-                                       const Ostrel_ARPHeader* arpHeader, const Ostrel_ARPAddresses* addresses) {
-    OSTREL_REQUIRE(client != nullptr, "client", );
-    if (!IsConflict(client, arpHeader, addresses) || Defends(client)) return;
+Ostrel_Verdict Ostrel_DHCPClientARPPacketHandler(Ostrel_ClientObj* client, const Ostrel_EthernetHeader* /*frame*/,
+                                                 const Ostrel_ARPHeader* arpHeader,
+                                                 const Ostrel_ARPAddresses* addresses) {
+    OSTREL_REQUIRE(client != nullptr, "client", {.kind = Ostrel_VerdictKind::NotConcerned});
+    if (!IsConflict(client, arpHeader, addresses)) return {.kind = Ostrel_VerdictKind::NotConcerned};
+    if (Defends(client)) return {};
     const bool isHeldBack = Ostrel_DHCPClientStormAsk(client, client->declines, "DECLINE") != 0;
-    if (isHeldBack && client->state == kClientStateInit) return;  // the restart from the last one still waits
+    if (isHeldBack && client->state == kClientStateInit) return {};  // the restart from the last one still waits
 
     Ostrel_DHCPClientDisarm(client, kClientTimeoutArping);
     DebugPrintF(kDebugLevelInfo, "[%s] DHCP Client RX'd ARP %s from %.6a for lease offer of %.4a.\n",
                 client->iface->ifname.data(), be16toh(arpHeader->operation) == kARPReply ? "REPLY" : "REQUEST",
                 addresses->senderMAC, &client->lease.IPv4Address);
     Decline(client, isHeldBack);
+    return {};
 }

@@ -365,15 +365,20 @@ Ostrel_IPv4 Ostrel_LinkLocalShownAddress(const Ostrel_LinkLocalObj* linkLocal) {
     return linkLocal->rules->onlyHeldIsShown && !IsHeld(linkLocal) ? kAnyIPv4 : linkLocal->IPv4Address;
 }
 
-void Ostrel_LinkLocalARPPacketHandler(Ostrel_LinkLocalObj* linkLocal, const Ostrel_EthernetHeader*,
-                                      const Ostrel_ARPHeader* arpHeader, const Ostrel_ARPAddresses* addresses) {
-    OSTREL_REQUIRE(linkLocal != nullptr, "linkLocal", );
-    if (!IsConflict(linkLocal, arpHeader, addresses)) return;
+Ostrel_Verdict Ostrel_LinkLocalARPPacketHandler(Ostrel_LinkLocalObj* linkLocal, const Ostrel_EthernetHeader*,
+                                                const Ostrel_ARPHeader* arpHeader,
+                                                const Ostrel_ARPAddresses* addresses) {
+    OSTREL_REQUIRE(linkLocal != nullptr, "linkLocal", {.kind = Ostrel_VerdictKind::NotConcerned});
+    if (!IsConflict(linkLocal, arpHeader, addresses)) return {.kind = Ostrel_VerdictKind::NotConcerned};
 
     LogConflict(linkLocal, addresses->senderMAC);
-    if (!CanDefend(linkLocal)) return GiveAddressUp(linkLocal);
+    if (!CanDefend(linkLocal)) {
+        GiveAddressUp(linkLocal);
+        return {};
+    }
     const Ostrel_Status status = Ostrel_LinkLocalStateTransition_Defend(linkLocal);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
+    return {};
 }
 
 // What is held stays until the link is back: there may be nobody to tell, and the network may be the same. Then it is
