@@ -1,7 +1,8 @@
 // The data of one option of a lease, as a server may have sent it: the first byte is its code, the rest its data.
 //
 // Every decoder of that code gives null or a value that can be written and read again, and of a bounded size. The same
-// bytes go through the collecting of options as well, as a message of which they are all that follows the cookie.
+// bytes go through the collecting of options as well, as a message of which they are all that follows the cookie, and
+// through the words for frames, as that message and as a frame of their own.
 
 #include <algorithm>
 #include <cstdlib>
@@ -11,6 +12,8 @@
 #include "Ostrel/DHCPShared.h"
 #include "Ostrel/OstrelJsonUtils.h"
 #include "Ostrel/OstrelJsonUtilsOptions.h"
+
+#include "frame_words.h"
 
 namespace {
 
@@ -41,12 +44,26 @@ void Decode(uint8_t code, Bytes data) {
     }
 }
 
+// Words are of a bounded size, and nothing in them moves a terminal's cursor.
+void RequireWords(Bytes frame) {
+    const frame_words words = frame_words_of(frame);
+    size_t size = words.text.size();
+    for (const frame_option& option : words.options) {
+        size += option.text.size();
+        Require(std::ranges::none_of(option.text, [](char c) { return c >= 0 && c < ' '; }));
+    }
+    Require(!words.type.empty() && !words.text.empty() && size <= 16384 + 16 * frame.size());
+}
+
 void Collect(Bytes data) {
     std::vector<uint8_t> frame(282);
+    frame[12] = 0x08;
     frame[14] = 0x45;
+    frame[23] = 17;
     std::ranges::copy(kOptionsCookie, frame.end() - 4);
     frame.insert(frame.end(), data.begin(), data.end());
     std::copy_n(data.begin(), std::min<size_t>(data.size(), 192), frame.begin() + 86);  // sname and file
+    RequireWords(frame);
     Ostrel_PreprocessedPacket packet{};
     Require(Ostrel_BOOTPPacketPreprocess(frame, &packet) == kNoErr);
     const std::vector<uint8_t> codes{1, 12, 26, 42, 100, 101, 114, 119, 121, 42};
@@ -67,5 +84,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
     Decode(data[0], Bytes(data, size).subspan(1));
     Collect(Bytes(data, size).subspan(1));
+    RequireWords(Bytes(data, size));
     return 0;
 }
