@@ -16,3 +16,6 @@ struct Ostrel_WallClock {
 
 // The wall-clock time, in seconds since 1970, of a moment of the monotonic clock that is not in the future.
 [[nodiscard]] int64_t Ostrel_WallClockTimeOf(Ostrel_WallClock* clock, uint32_t moment);
+
+// The same of one that is less than 68 years off, whichever way.
+[[nodiscard]] int64_t Ostrel_WallClockTimeNear(Ostrel_WallClock* clock, uint32_t moment);

@@ -1,8 +1,8 @@
 // Enrolled callers.
 //
-// A caller is enrolled under category and method as often as it asked, up to kVSMaxEnrolled calls in all. It is watched
-// from its first enrolment on, so that its departure is noticed, until nothing is left to know of it. However an
-// enrolment ends, it is taken off the books first; then the cancel function runs for each of its calls.
+// A caller is enrolled under category, method and subject as often as it asked, up to kVSMaxEnrolled calls in all. It
+// is watched from its first enrolment on, so that its departure is noticed, until nothing is left to know of it.
+// However an enrolment ends, it is taken off the books first; then the cancel function runs for each of its calls.
 #include <algorithm>
 #include <cerrno>
 #include <numeric>
@@ -17,9 +17,11 @@ bool IsUnder(const BusEnrolment& enrolment, const BusCategory* category, std::st
     return enrolment.category == category && method == enrolment.method;
 }
 
-auto FindEnrolment(BusPeer& peer, const BusCategory* category, std::string_view method) {
-    return std::find_if(peer.enrolments.begin(), peer.enrolments.end(),
-                        [=](auto& enrolment) { return IsUnder(enrolment, category, method); });
+// The one that this call is, or would be, part of.
+auto FindEnrolment(BusPeer& peer, const VSMessage& message) {
+    return std::find_if(peer.enrolments.begin(), peer.enrolments.end(), [&](auto& enrolment) {
+        return IsUnder(enrolment, message.category, message.name) && enrolment.subject == message.subject;
+    });
 }
 
 size_t CountCalls(const BusPeer& peer) {
@@ -43,19 +45,24 @@ void ReportCancelled(VSHandle* handle, const BusEnrolment& enrolment) noexcept {
 // Takes an enrolment off the books, with the posts that were still wanted under it. The peer may be gone then.
 void End(BusPeer& peer, std::vector<BusEnrolment>::iterator place) noexcept {
     VSHandle* handle = peer.handle;
-    const BusEnrolment ended = *place;
+    const BusEnrolment ended = std::move(*place);
     peer.enrolments.erase(place);
-    std::erase_if(peer.wanted, [&](auto& news) { return IsUnder(ended, news->category, news->method); });
+    std::erase_if(peer.wanted, [&](auto& news) {
+        return !BusIsEnrolled(peer, news->category, news->method, news->subject.c_str());
+    });
     BusForgetIdle(handle, peer.name);
     ReportCancelled(handle, ended);
 }
 
-// Ends the caller's enrolled calls under the message's method.
+// Ends the caller's enrolled calls under the message's method, whatever their subjects.
 void Cancel(const VSMessage& message) noexcept {
-    BusPeer* peer = BusFindPeer(message.category->handle, message.caller);
-    if (peer == nullptr) return;
-    const auto place = FindEnrolment(*peer, message.category, message.name);
-    if (place != peer->enrolments.end()) End(*peer, place);
+    VSHandle* handle = message.category->handle;
+    for (BusPeer* peer = BusFindPeer(handle, message.caller); peer != nullptr;
+         peer = BusFindPeer(handle, message.caller)) {
+        const BusEnrolment* first = BusFirstEnrolment(*peer, message.category, message.name);
+        if (first == nullptr) return;
+        End(*peer, peer->enrolments.begin() + (first - peer->enrolments.data()));
+    }
 }
 
 // 1 when the peer's leaving will be noticed, 0 when too many are watched already, or a negative errno value.
@@ -81,9 +88,9 @@ int Enrol(VSMessage& message) {
         BusForgetIdle(handle, message.caller);
         return watched;
     }
-    const auto place = FindEnrolment(peer, message.category, message.name);
+    const auto place = FindEnrolment(peer, message);
     if (place == peer.enrolments.end())
-        peer.enrolments.push_back({message.category, message.method->name, 1});
+        peer.enrolments.push_back({message.category, message.method->name, message.subject, 1});
     else
         ++place->count;
     message.enrolled = true;
@@ -92,20 +99,29 @@ int Enrol(VSMessage& message) {
 
 }  // namespace
 
-bool BusIsEnrolled(const BusPeer& peer, const BusCategory* category, std::string_view method) noexcept {
-    return std::any_of(peer.enrolments.begin(), peer.enrolments.end(),
-                       [=](auto& enrolment) { return IsUnder(enrolment, category, method); });
+bool BusIsEnrolled(const BusPeer& peer, const BusCategory* category, std::string_view method,
+                   const char* subject) noexcept {
+    return std::any_of(peer.enrolments.begin(), peer.enrolments.end(), [=](auto& enrolment) {
+        return IsUnder(enrolment, category, method) &&
+               (subject == nullptr || enrolment.subject.empty() || enrolment.subject == subject);
+    });
+}
+
+BusEnrolment* BusFirstEnrolment(BusPeer& peer, const BusCategory* category, std::string_view method) noexcept {
+    const auto place = std::find_if(peer.enrolments.begin(), peer.enrolments.end(),
+                                    [=](auto& enrolment) { return IsUnder(enrolment, category, method); });
+    return place == peer.enrolments.end() ? nullptr : &*place;
 }
 
 void BusWithdraw(VSMessage& message) noexcept {
     BusPeer* peer = BusFindPeer(message.category->handle, message.caller);
     if (!message.enrolled || peer == nullptr) return;
     message.enrolled = false;
-    const auto place = FindEnrolment(*peer, message.category, message.name);
+    const auto place = FindEnrolment(*peer, message);
     if (place == peer->enrolments.end()) return;
     if (place->count == 1) return End(*peer, place);
     --place->count;
-    ReportCancelled(message.category->handle, {message.category, message.method->name, 1});
+    ReportCancelled(message.category->handle, {message.category, message.method->name, {}, 1});
 }
 
 void BusDrop(BusPeer& peer) noexcept {
@@ -126,12 +142,18 @@ bool VSSubscriptionSetCancelFunction(VSHandle* handle, VSMethodFunction function
 }
 
 bool VSSubscriptionProcess(VSHandle* handle, VSMessage* message, bool* subscribed, VSError* error) noexcept {
+    return VSSubscriptionProcessFor(handle, message, nullptr, subscribed, error);
+}
+
+bool VSSubscriptionProcessFor(VSHandle* handle, VSMessage* message, const char* subject, bool* subscribed,
+                              VSError* error) noexcept {
     *subscribed = false;
     if (handle == nullptr || message == nullptr || message->call == nullptr)
         return BusFail(error, EINVAL, "no caller to enrol");
     try {
         const SubscriptionWish wish =
             message->request ? SubscriptionWishOf(*message->request) : ReadSubscriptionWish(message->payload);
+        message->subject = subject == nullptr ? "" : subject;
         if (wish == SubscriptionWish::Cancel) Cancel(*message);
         const int enrolled = wish == SubscriptionWish::Enrol ? Enrol(*message) : 0;
         if (enrolled < 0) return BusFail(error, enrolled, "the caller cannot be watched");
@@ -142,9 +164,10 @@ bool VSSubscriptionProcess(VSHandle* handle, VSMessage* message, bool* subscribe
     }
 }
 
-bool VSSubscriptionHasSubscribers(const VSHandle* handle, const char* category, const char* method) noexcept {
+bool VSSubscriptionHasSubscribers(const VSHandle* handle, const char* category, const char* method,
+                                  const char* subject) noexcept {
     if (handle == nullptr || category == nullptr || method == nullptr) return false;
     const BusCategory* found = BusFindCategory(handle, category);
     return found != nullptr && std::any_of(handle->peers.begin(), handle->peers.end(),
-                                           [=](auto& peer) { return BusIsEnrolled(*peer, found, method); });
+                                           [=](auto& peer) { return BusIsEnrolled(*peer, found, method, subject); });
 }

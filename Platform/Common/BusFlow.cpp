@@ -7,8 +7,9 @@
 // Posts tell a state. A subscriber that keeps up gets one for every change, at once. One to whom kMaxPosts or
 // kMaxPostBytes are under way doesn't keep up: of each subject it gets the last state, once, in rounds of kRound that
 // build each text once for all, until it has caught up. So does everybody while too much waits to leave this process.
-// One that answers no Ping for a minute is dropped; what it has not taken stays in its account until it reads or
-// leaves.
+// Events are no states, and nothing of them is kept here: who has not taken kMaxEvents of them misses what comes then.
+// They have an account of their own, and at most half of what all peers share, so that they never delay a state. One
+// that answers no Ping for a minute is dropped; what it has not taken stays in its account until it reads or leaves.
 //
 // Replies have to go out. Past kMaxReplyBytes, the last reply not counted, a caller's next calls are refused. A Ping
 // would not do for callers: many wait for each reply and never come to the Ping, since their library handles only what
@@ -30,6 +31,8 @@ constexpr size_t kMebibyte = 1024 * kKibibyte;
 // Not known to be taken, of one peer
 constexpr size_t kMaxPosts = 32;
 constexpr size_t kMaxPostBytes = kMebibyte;
+constexpr size_t kMaxEvents = 128;
+constexpr size_t kMaxEventBytes = 256 * kKibibyte;
 constexpr size_t kMaxReplyBytes = 4 * kMebibyte;
 constexpr uint32_t kMaxRefusals = 128;                // beyond that, as replies
 constexpr size_t kReplyBytesToAsk = 256 * kKibibyte;  // about
@@ -55,13 +58,15 @@ auto FindPlace(VSHandle* handle, std::string_view name) {
 }
 
 bool IsNothing(const BusUnderWay& underWay) {
-    return underWay.posts == 0 && underWay.replyBytes == 0;
+    return underWay.posts == 0 && underWay.events == 0 && underWay.replyBytes == 0;
 }
 
 void SettlePosts(BusPeer& peer, const BusUnderWay& taken) {
     peer.underWay.posts -= taken.posts;
     peer.underWay.postBytes -= taken.postBytes;
-    peer.handle->bytesUnderWay -= taken.postBytes;
+    peer.underWay.events -= taken.events;
+    peer.underWay.eventBytes -= taken.eventBytes;
+    peer.handle->bytesUnderWay -= taken.postBytes + taken.eventBytes;
 }
 
 // Ping and count may both find that the same replies were taken.
@@ -96,7 +101,8 @@ bool HasManyReplies(const BusPeer& peer) {
 }
 
 bool NeedsPing(const BusPeer& peer) {
-    return !peer.pinged && (peer.underWay.posts > 0 || (!peer.handle->canCount && HasManyReplies(peer)));
+    return !peer.pinged &&
+           (peer.underWay.posts > 0 || peer.underWay.events > 0 || (!peer.handle->canCount && HasManyReplies(peer)));
 }
 
 void Check(void* context, void*);
@@ -179,10 +185,9 @@ int Build(BusNews& news) noexcept {
     } catch (...) {
         return -ENOMEM;
     }
-    if (news.text.size() > kBusMaxText) return -EMSGSIZE;
-    if (!IsFitForBus(news.text)) return -EINVAL;
-    news.built = true;
-    return 0;
+    const int checked = BusCheckText(news.text);
+    news.built = checked == 0;
+    return checked;
 }
 
 int Send(BusPeer& peer, BusNews& news) {
@@ -318,6 +323,27 @@ void BusForgetIdle(VSHandle* handle, std::string_view name) noexcept {
     if (peer.enrolments.empty() && !peer.pinged && IsNothing(peer.underWay)) Remove(handle, place);
 }
 
+bool BusTakesEvents(const BusPeer& peer) noexcept {
+    VSHandle& handle = *peer.handle;
+    return peer.underWay.events < kMaxEvents && peer.underWay.eventBytes < kMaxEventBytes &&
+           handle.bytesUnderWay < kMaxUnderWay / 2 && handle.connection->WaitingBytes() < kMaxWaiting / 2;
+}
+
+int BusSendEvent(BusPeer& peer, const BusNews& event) {
+    const int sent = peer.handle->connection->SendPost(event, peer);
+    if (sent < 0) return sent;
+    ++peer.underWay.events;
+    peer.underWay.eventBytes += event.text.size();
+    peer.handle->bytesUnderWay += event.text.size();
+    if (NeedsPing(peer)) Ping(peer);
+    return 0;
+}
+
+int BusCheckText(const std::string& text) noexcept {
+    if (text.size() > kBusMaxText) return -EMSGSIZE;
+    return IsFitForBus(text) ? 0 : -EINVAL;
+}
+
 bool BusTakesReplies(VSHandle* handle, std::string_view caller) noexcept {
     BusPeer* peer = BusFindPeer(handle, caller);
     if (peer == nullptr) return true;
@@ -393,13 +419,13 @@ void BusCameToRest(VSHandle* handle) noexcept {
 bool VSSubscriptionPost(VSHandle* handle, const char* category, const char* method, const char* subject,
                         VSStateFunction state, VSError* error) noexcept {
     if (handle == nullptr || subject == nullptr || state == nullptr) return BusFail(error, EINVAL, "nothing to post");
-    if (!VSSubscriptionHasSubscribers(handle, category, method)) return true;
+    if (!VSSubscriptionHasSubscribers(handle, category, method, subject)) return true;
     int result = 0;
     try {
         const BusCategory* found = BusFindCategory(handle, category);
         const auto news = Renew(handle, found, BusFindMethod(*found, method)->name, subject, state);
         for (const auto& peer : handle->peers) {
-            const int told = BusIsEnrolled(*peer, found, method) ? Tell(*peer, news) : 0;
+            const int told = BusIsEnrolled(*peer, found, method, subject) ? Tell(*peer, news) : 0;
             if (result == 0) result = told;
         }
     } catch (...) {

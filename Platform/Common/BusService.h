@@ -2,6 +2,7 @@
 //   BusCall.cpp           categories, calls and replies
 //   BusEnrolment.cpp      who is enrolled under what, and how that ends
 //   BusFlow.cpp           what is under way to whom, what is posted, who reads
+//   BusEvents.cpp         what is told once
 // A platform brings a BusConnection, makes the VSHandle in VSRegister, hands every call to BusServeCall, and tells what
 // its peers do.
 #pragma once
@@ -31,11 +32,13 @@ struct BusCategory {
     void* data;               // handed to the methods
 };
 
-// The enrolled calls of one caller under one method.
+// The enrolled calls of one caller under one method, about one subject.
 struct BusEnrolment {
     const BusCategory* category;
-    const char* method;  // from the category's table
-    size_t count;        // at least 1
+    const char* method;   // from the category's table
+    std::string subject;  // empty: all
+    size_t count;         // at least 1
+    uint64_t missed = 0;  // in the first one of a method: events that the caller is yet to be told it has missed
 };
 
 // A subject whose state somebody still waits for. It names the subject and holds nothing of it, which may be gone when
@@ -51,8 +54,10 @@ struct BusNews {
 
 // What a peer has been sent and is not known to have taken.
 struct BusUnderWay {
-    size_t posts = 0;
+    size_t posts = 0;  // of states
     size_t postBytes = 0;
+    size_t events = 0;
+    size_t eventBytes = 0;
     size_t replyBytes = 0;
 };
 
@@ -135,6 +140,7 @@ struct VSMessage {
     bool expectsReply = true;
     bool answered = false;
     bool enrolled = false;                   // by this call
+    std::string subject{};                   // under which it was enrolled
     const char* refusal = nullptr;           // why an answer is beyond a limit
     std::optional<valdo::JValue> request{};  // as the method has parsed it
 };
@@ -156,7 +162,12 @@ bool BusFail(VSError* error, int code, const char* what, const char* file = __bu
 [[nodiscard]] BusRefusal BusServeCall(VSMessage& message) noexcept;
 
 // BusEnrolment.cpp
-[[nodiscard]] bool BusIsEnrolled(const BusPeer& peer, const BusCategory* category, std::string_view method) noexcept;
+// Whether the peer gets what is told of the subject; null: of any.
+[[nodiscard]] bool BusIsEnrolled(const BusPeer& peer, const BusCategory* category, std::string_view method,
+                                 const char* subject) noexcept;
+// The first of the peer's enrolments under the method, whatever its subject; null: it has none.
+[[nodiscard]] BusEnrolment* BusFirstEnrolment(BusPeer& peer, const BusCategory* category,
+                                              std::string_view method) noexcept;
 // Ends the one enrolment that this call, which gets no answer, has made.
 void BusWithdraw(VSMessage& message) noexcept;
 // Ends all that the peer has enrolled.
@@ -165,6 +176,12 @@ void BusDrop(BusPeer& peer) noexcept;
 // BusFlow.cpp
 [[nodiscard]] BusPeer* BusFindPeer(VSHandle* handle, std::string_view name) noexcept;
 [[nodiscard]] BusPeer& BusFindOrAddPeer(VSHandle* handle, std::string_view name);
+// Whether one more event may be sent to it now.
+[[nodiscard]] bool BusTakesEvents(const BusPeer& peer) noexcept;
+// Sends an event, whose text is built, and puts it on the peer's account; 0 or a negative errno value.
+[[nodiscard]] int BusSendEvent(BusPeer& peer, const BusNews& event);
+// Whether the bus takes the text: 0 or a negative errno value.
+[[nodiscard]] int BusCheckText(const std::string& text) noexcept;
 // Frees the peer's record when nothing is left to know of it.
 void BusForgetIdle(VSHandle* handle, std::string_view name) noexcept;
 // Whether a call of that caller may be carried out: it takes its replies, as far as is known.

@@ -13,6 +13,11 @@
 // soon as it has taken some of what it was sent before; so the state is asked for when it is sent, perhaps later, and
 // not at all when nobody takes it. One that takes nothing for a minute is no longer enrolled, as if it had left.
 //
+// An event is told once, in its place among the events of its method, and nothing of it is kept: VSSubscriptionTell. A
+// subscriber that does not keep up misses events, and is told how many before the next one that it gets.
+//
+// Whoever is enrolled about one subject is told of that one alone; one that is enrolled more than once is told once.
+//
 // A caller that doesn't read the replies to its calls has further ones refused by the platform.
 //
 // Every fallible call returns false with `error` filled; it must have been initialised, and is emptied with
@@ -64,6 +69,14 @@ struct VSSignal {
 // the subject is gone, for instance. `data` is the category's. False when memory is out.
 using VSStateFunction = bool (*)(void* data, const char* subject, std::string* text);
 
+// What is told once. Each writes a text, once however many get it, and not at all when nobody can be sent it now; false
+// when memory is out.
+struct VSEvent {
+    bool (*write)(void* data, const void* event, std::string* text);  // `data` is the category's
+    bool (*writeMissed)(uint64_t count, std::string* text);           // that so many were missed
+    const void* event;                                                // for `write`
+};
+
 struct VSProperty {
     const char* name;
     uint32_t flags;
@@ -103,14 +116,24 @@ void VSMessageSetRequest(VSMessage* message, const valdo::JValue& request) noexc
 [[nodiscard]] bool VSSubscriptionProcess(VSHandle* handle, VSMessage* message, bool* subscribed,
                                          VSError* error) noexcept;
 
+// The same for what concerns one subject alone, by its name; null: for all of them. "subscribe": false ends the
+// caller's calls under category and method whatever their subject.
+[[nodiscard]] bool VSSubscriptionProcessFor(VSHandle* handle, VSMessage* message, const char* subject, bool* subscribed,
+                                            VSError* error) noexcept;
+
 // Lets each subscriber of category and method know of the new state of `subject`, once however often it enrolled: now
 // when there is room, later otherwise. `state` must stay callable until VSUnregister. True without subscribers.
 [[nodiscard]] bool VSSubscriptionPost(VSHandle* handle, const char* category, const char* method, const char* subject,
                                       VSStateFunction state, VSError* error) noexcept;
 
-// True when a post under category and method would reach someone.
-[[nodiscard]] bool VSSubscriptionHasSubscribers(const VSHandle* handle, const char* category,
-                                                const char* method) noexcept;
+// Tells each of them of an event that concerns `subject`, at once or never. True without subscribers; false when
+// someone has missed it for another reason than not keeping up.
+[[nodiscard]] bool VSSubscriptionTell(VSHandle* handle, const char* category, const char* method, const char* subject,
+                                      const VSEvent& event, VSError* error) noexcept;
+
+// True when a post under category and method, about that subject or, with null, about any, would reach someone.
+[[nodiscard]] bool VSSubscriptionHasSubscribers(const VSHandle* handle, const char* category, const char* method,
+                                                const char* subject = nullptr) noexcept;
 
 // Gives up the name, closes the connection and frees the handle, whatever the result. False when the connection was
 // already lost. A null handle is a failure.

@@ -7,6 +7,13 @@
 
 namespace {
 
+// One that is being brought up is not, nor one that comes down: nobody knows it yet, or any more.
+bool IsManaged(const Ostrel_InterfaceObj* iface) {
+    const Ostrel_InterfaceObj* one = iface->sysObj->interfaceList;
+    while (one != nullptr && one != iface) one = one->next;
+    return one != nullptr;
+}
+
 void Ostrel_PictureTimeout(void* context, void*) {
     auto* iface = static_cast<Ostrel_InterfaceObj*>(context);
     iface->pictureIsStale = false;
@@ -16,7 +23,7 @@ void Ostrel_PictureTimeout(void* context, void*) {
 }  // namespace
 
 void Ostrel_InterfacePictureChanged(Ostrel_InterfaceObj* iface) {
-    if (iface->pictureIsStale || iface->sysObj->audience.states == 0) return;
+    if (iface->pictureIsStale || iface->sysObj->audience.states == 0 || !IsManaged(iface)) return;
     iface->pictureIsStale = true;
     if (eloop_register_timeout(0, 0, Ostrel_PictureTimeout, iface, nullptr) != 0) Ostrel_InterfacePictureTurns(iface);
 }

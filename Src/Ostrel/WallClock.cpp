@@ -19,3 +19,9 @@ int64_t Ostrel_WallClockTimeOf(Ostrel_WallClock* clock, uint32_t moment) {
     const uint32_t age = now - moment;  // unsigned: the clock may have wrapped meanwhile
     return Ostrel_WallClockOffset(clock) + int64_t{now} - int64_t{age};
 }
+
+int64_t Ostrel_WallClockTimeNear(Ostrel_WallClock* clock, uint32_t moment) {
+    const uint32_t now = os_monotonic_seconds();
+    const auto ahead = static_cast<int32_t>(moment - now);  // the clock may wrap meanwhile
+    return Ostrel_WallClockOffset(clock) + int64_t{now} + int64_t{ahead};
+}

@@ -92,5 +92,5 @@ bool Ostrel_VoroMethod_ClientLeaseInformation(VSHandle* handle, VSMessage* messa
 }
 
 Ostrel_Status Ostrel_VoroServicePublishClientLeaseInformation(Ostrel_SystemObj* sysObj, Ostrel_ClientObj* client) {
-    return Ostrel_VSUtil_PostLeases(__func__, sysObj, "/client", client->iface->ifname.data(), WriteState);
+    return Ostrel_VSUtil_Post(__func__, sysObj, {"/client", kLeaseMethod}, client->iface->ifname.data(), WriteState);
 }

@@ -1,5 +1,5 @@
 // Methods that act on what is managed already: "/" "interfaceFinalize", "/" "setDebugLevel", "/client" and "/server"
-// "leaseAction", and what happens when a subscription ends.
+// "leaseAction".
 //
 // Each handler reads its request with a function of its own that returns a status, and answers with that; what fails
 // there is reported under the handler's name. Only "interfaceFinalize" gives an error code and text with a failure; the
@@ -146,22 +146,5 @@ bool Ostrel_VoroMethod_ServerLeaseAction(VSHandle* handle, VSMessage* message, v
     Ostrel_Status status = Ostrel_VSUtil_ReadRequest(message, context, &request);
     if (status == kNoErr) status = ActOnAddress(request, static_cast<const Ostrel_SystemObj*>(context));
     Ostrel_VSUtil_SendPlainReply(request, handle, message, status);
-    return true;
-}
-
-bool Ostrel_VoroMethod_Unsubscribe(VSHandle* /*handle*/, VSMessage* message, void* context) {
-    auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
-    if (!Ostrel_VSUtil_HasLeaseSubscribers(sysObj, "/server")) Ostrel_LeaseTextsForgetAll(sysObj);
-    const char* method = VSMessageGetMethod(message);
-    Ostrel_LogPrint(kQxLogDebug, "%s: %s\n", __func__, method);
-    int32_t index = 0;
-    const Ostrel_Status status = OstrelJsonUtilsLookupTableIndexByString(gTblSubscribers, method, &index);
-    if (status != kNoErr) {
-        OSTREL_REPORT_STATUS(status);
-        return true;
-    }
-    uint32_t& count = gTblSubscribers[index].value;
-    if (count > 0) --count;
-    Ostrel_LogPrint(kQxLogInfo, "%s now has %d subscribers (removed one).\n", method, count);
     return true;
 }

@@ -17,7 +17,6 @@ using valdo::JValue;
 
 namespace {
 
-constexpr char kLeaseMethod[] = "leaseInformation";
 constexpr char kListKey[] = "interfaceList";
 const valdo::JSchemaFragment kAnything("{}");
 
@@ -58,6 +57,11 @@ void Ostrel_VSUtil_SendPlainReply(const Ostrel_Request& request, VSHandle* handl
                                 message);
 }
 
+void Ostrel_VSUtil_SendRefusal(const Ostrel_Request& request, VSHandle* handle, VSMessage* message) {
+    LogProblem(request);
+    Ostrel_VSUtil_SendTextReply({false, 0, nullptr, nullptr, nullptr, request.problem.data(), false}, handle, message);
+}
+
 void Ostrel_VSUtil_AnswerWithList(const Ostrel_ListMethod& method, VSHandle* handle, VSMessage* message,
                                   void* context) {
     auto* sysObj = static_cast<Ostrel_SystemObj*>(context);
@@ -77,12 +81,12 @@ void Ostrel_VSUtil_AnswerWithList(const Ostrel_ListMethod& method, VSHandle* han
     Ostrel_VSUtil_SendTextReply({true, 0, nullptr, kListKey, isWritten ? &list : nullptr}, handle, message);
 }
 
-Ostrel_Status Ostrel_VSUtil_PostLeases(const char* function, Ostrel_SystemObj* sysObj, const char* category,
-                                       const char* ifname, VSStateFunction state) {
+Ostrel_Status Ostrel_VSUtil_Post(const char* function, Ostrel_SystemObj* sysObj, const Ostrel_PostPlace& place,
+                                 const char* ifname, VSStateFunction state) {
     if (sysObj->serviceHandle == nullptr) return kNoErr;
     VSError error;
     VSErrorInit(&error);
-    const bool success = VSSubscriptionPost(sysObj->serviceHandle, category, kLeaseMethod, ifname, state, &error);
+    const bool success = VSSubscriptionPost(sysObj->serviceHandle, place.category, place.method, ifname, state, &error);
     return success ? kNoErr : Ostrel_VSUtil_BusFailure(function, __LINE__, &error);
 }
 

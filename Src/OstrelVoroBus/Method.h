@@ -31,6 +31,7 @@ bool Ostrel_VoroMethod_SetDebugLevel(VSHandle* handle, VSMessage* message, void*
 bool Ostrel_VoroMethod_InterfaceInitialize(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_InterfaceFinalize(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_InterfaceConfigDump(VSHandle* handle, VSMessage* message, void* context);
+bool Ostrel_VoroMethod_InterfaceState(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_ClientLeaseAction(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_ClientLeaseInformation(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_ServerLeaseAction(VSHandle* handle, VSMessage* message, void* context);
@@ -72,8 +73,11 @@ struct Ostrel_Reply {
     int32_t errorCode;
     const char* errorText;
     const char* payloadKey;
-    const std::string* payload;  // as text; null with a key: it could not be made, and the call goes unanswered
-    const char* problem = "";    // what was wrong with the request; empty: it is left out
+    const std::string* payload;          // as text; null with a key: it could not be made, and the call goes unanswered
+    const char* problem = "";            // what was wrong with the request; empty: it is left out
+    bool enrols = true;                  // the request's subscription wish is carried out
+    const char* subject = nullptr;       // the interface that a subscription is about; null: all
+    Ostrel_SystemObj* sysObj = nullptr;  // whose audience it is; null: of "leaseInformation" at most
 };
 
 // As Ostrel_VSUtil_SendJSONReply, which is the same to whoever reads the log.
@@ -86,6 +90,9 @@ void Ostrel_VSUtil_SendStatusReply(const Ostrel_Request& request, VSHandle* hand
 void Ostrel_VSUtil_SendPlainReply(const Ostrel_Request& request, VSHandle* handle, VSMessage* message,
                                   Ostrel_Status status);
 
+// Answers a request that can't be used with the problem, and enrols nobody.
+void Ostrel_VSUtil_SendRefusal(const Ostrel_Request& request, VSHandle* handle, VSMessage* message);
+
 // A whole method that lists something of every interface, or of the one that the request names, as "interfaceList".
 // `selected` is null when the request names no managed interface.
 struct Ostrel_ListMethod {
@@ -95,13 +102,19 @@ struct Ostrel_ListMethod {
 };
 void Ostrel_VSUtil_AnswerWithList(const Ostrel_ListMethod& method, VSHandle* handle, VSMessage* message, void* context);
 
-// Tells the subscribers of the category's "leaseInformation" that the leases of an interface have changed. `state`
-// writes the post when one is sent; the category's data is the system object. kGenericErr when the bus
-// refuses, reported under `function`.
-[[nodiscard]] Ostrel_Status Ostrel_VSUtil_PostLeases(const char* function, Ostrel_SystemObj* sysObj,
-                                                     const char* category, const char* ifname, VSStateFunction state);
+struct Ostrel_PostPlace {
+    const char* category;
+    const char* method;
+};
 
-// Whether such a post would reach someone.
+// Tells the subscribers of a method that what it shows of an interface has changed. `state` writes the post when one is
+// sent; the category's data is the system object. kGenericErr when the bus refuses, reported under `function`.
+[[nodiscard]] Ostrel_Status Ostrel_VSUtil_Post(const char* function, Ostrel_SystemObj* sysObj,
+                                               const Ostrel_PostPlace& place, const char* ifname,
+                                               VSStateFunction state);
+constexpr char kLeaseMethod[] = "leaseInformation";
+
+// Whether a post of leases would reach someone.
 [[nodiscard]] bool Ostrel_VSUtil_HasLeaseSubscribers(const Ostrel_SystemObj* sysObj, const char* category);
 
 // Writes {"returnValue": true, <key>: <list>}, the text of a post. False when memory is out.

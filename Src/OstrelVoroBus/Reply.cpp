@@ -10,6 +10,7 @@
 #include "Ostrel/Log.h"
 #include "Ostrel/System.h"
 
+#include "Audience.h"
 #include "Method.h"
 
 using valdo::JValue;
@@ -18,24 +19,25 @@ namespace {
 
 constexpr char kSender[] = "Ostrel_VSUtil_SendJSONReply";  // the name in the log, whoever is called
 
-void CountSubscriber(VSMessage* message) {
+void CountSubscriber(Ostrel_SystemObj* sysObj, VSMessage* message) {
     const char* method = VSMessageGetMethod(message);
-    int32_t index = 0;
-    if (OstrelJsonUtilsLookupTableIndexByString(gTblSubscribers, method, &index) != kNoErr) return;
-    const uint32_t count = ++gTblSubscribers[index].value;
-    Ostrel_LogPrint(kQxLogDebug, "%s now has %d subscribers (added one).\n", method, count);
+    uint32_t* count = Ostrel_VSUtil_AudienceOf(sysObj, method);
+    if (count == nullptr) return;
+    ++*count;
+    Ostrel_LogPrint(kQxLogDebug, "%s now has %d subscribers (added one).\n", method, *count);
 }
 
 // Enrols the caller when its request asks for it.
-bool Subscribe(VSHandle* handle, VSMessage* message) {
+bool Subscribe(const Ostrel_Reply& content, VSHandle* handle, VSMessage* message) {
+    if (!content.enrols) return false;
     VSError error;
     VSErrorInit(&error);
     bool subscribed = false;
-    if (!VSSubscriptionProcess(handle, message, &subscribed, &error)) {
+    if (!VSSubscriptionProcessFor(handle, message, content.subject, &subscribed, &error)) {
         OstrelVSErrorPrintAndFree(&error);
         return false;
     }
-    if (subscribed) CountSubscriber(message);
+    if (subscribed) CountSubscriber(content.sysObj, message);
     return subscribed;
 }
 
@@ -58,7 +60,7 @@ bool WriteReply(const Ostrel_Reply& content, bool subscribed, std::string* text)
 
 Ostrel_Status Ostrel_VSUtil_SendTextReply(const Ostrel_Reply& content, VSHandle* handle, VSMessage* message) {
     Ostrel_LogPrint(kQxLogDebug, "%s: %s\n", kSender, VSMessageGetPayload(message));
-    const bool subscribed = Subscribe(handle, message);
+    const bool subscribed = Subscribe(content, handle, message);
     VSError error;
     VSErrorInit(&error);
     std::string text;

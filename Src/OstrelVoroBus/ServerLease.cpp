@@ -94,5 +94,5 @@ bool Ostrel_VoroMethod_ServerLeaseInformation(VSHandle* handle, VSMessage* messa
 }
 
 Ostrel_Status Ostrel_VoroServicePublishServerLeaseInformation(Ostrel_SystemObj* sysObj, Ostrel_ServerObj* server) {
-    return Ostrel_VSUtil_PostLeases(__func__, sysObj, "/server", server->iface->ifname.data(), WriteState);
+    return Ostrel_VSUtil_Post(__func__, sysObj, {"/server", kLeaseMethod}, server->iface->ifname.data(), WriteState);
 }

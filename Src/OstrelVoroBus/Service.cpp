@@ -16,6 +16,7 @@ const VSMethod gOstrelServiceMethodsRoot[] = {
     {"interfaceInitialize", Ostrel_VoroMethod_InterfaceInitialize, 0},
     {"interfaceFinalize", Ostrel_VoroMethod_InterfaceFinalize, 0},
     {"interfaceConfigDump", Ostrel_VoroMethod_InterfaceConfigDump, 0},
+    {"interfaceState", Ostrel_VoroMethod_InterfaceState, 0},
     {nullptr, nullptr, 0},
 };
 
@@ -40,6 +41,7 @@ OstrelJsonUtilsUint32StringTableEntry gTblSubscribers[3] = {
 
 namespace {
 
+constexpr VSSignal kRootSignals[] = {{"interfaceStateUpdate", 0}, {nullptr, 0}};
 constexpr VSSignal kLeaseSignals[] = {{"leaseInformationUpdate", 0}, {nullptr, 0}};
 
 bool RegisterCategory(Ostrel_SystemObj* sysObj, const char* category, const VSMethod* methods, const VSSignal* signals,
@@ -50,7 +52,7 @@ bool RegisterCategory(Ostrel_SystemObj* sysObj, const char* category, const VSMe
 
 bool RegisterService(Ostrel_SystemObj* sysObj, VSError* error) {
     return VSRegister(kServiceName, &sysObj->serviceHandle, error) &&
-           RegisterCategory(sysObj, "/", gOstrelServiceMethodsRoot, nullptr, error) &&
+           RegisterCategory(sysObj, "/", gOstrelServiceMethodsRoot, kRootSignals, error) &&
            RegisterCategory(sysObj, "/client", gOstrelServiceMethodsClient, kLeaseSignals, error) &&
            RegisterCategory(sysObj, "/server", gOstrelServiceMethodsServer, kLeaseSignals, error) &&
            VSSubscriptionSetCancelFunction(sysObj->serviceHandle, Ostrel_VoroMethod_Unsubscribe, sysObj, error) &&
@@ -75,6 +77,7 @@ Ostrel_Status Ostrel_VoroServiceFinalize(Ostrel_SystemObj* sysObj) {
     VSErrorInit(&error);
     const bool success = VSUnregister(sysObj->serviceHandle, &error);
     sysObj->serviceHandle = nullptr;  // freed, whatever the result
+    sysObj->audience = {};
     Ostrel_LeaseTextsForgetAll(sysObj);
     return success ? kNoErr : Ostrel_VSUtil_BusFailure(__func__, __LINE__, &error);
 }

@@ -21,6 +21,7 @@ METHODS = {
     ("/", "interfaceInitialize"): FAILED,
     ("/", "interfaceFinalize"): FAILED,
     ("/", "interfaceConfigDump"): {"returnValue": False, "interfaceList": []},
+    ("/", "interfaceState"): REFUSED,
     ("/client", "leaseAction"): REFUSED,
     ("/client", "leaseInformation"): {**FAILED, "interfaceList": []},
     ("/server", "leaseAction"): REFUSED,
@@ -194,7 +195,7 @@ class Requests(lab.LabTest):
         signal = ("signal", "s", "-")
         expected = {
             "/": {".setDebugLevel": text, ".interfaceInitialize": text, ".interfaceFinalize": text,
-                  ".interfaceConfigDump": text},
+                  ".interfaceConfigDump": text, ".interfaceState": text, ".interfaceStateUpdate": signal},
             "/client": {".leaseAction": text, ".leaseInformation": text, ".leaseInformationUpdate": signal},
             "/server": {".leaseAction": text, ".leaseInformation": text, ".leaseInformationUpdate": signal},
         }
