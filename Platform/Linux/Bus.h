@@ -16,7 +16,10 @@ struct _GSource;
 struct _GMainContext;
 
 struct BusDeleter {
-    void operator()(sd_bus* bus) const noexcept { sd_bus_close_unref(bus); }
+    void operator()(sd_bus* bus) const noexcept {
+        sd_bus_close(bus);
+        sd_bus_unref(bus);
+    }
     void operator()(sd_bus_slot* slot) const noexcept { sd_bus_slot_unref(slot); }
     void operator()(sd_bus_message* message) const noexcept { sd_bus_message_unref(message); }
 };

@@ -4,10 +4,24 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <glib.h>
+
+#ifdef OSTREL_HAS_SD_DAEMON
 #include <systemd/sd-daemon.h>
+#endif
 
 namespace {
+
+#ifndef OSTREL_HAS_SD_DAEMON
+// Built for a system without systemd: nobody waits to be notified.
+int sd_watchdog_enabled(int, uint64_t*) {
+    return 0;
+}
+int sd_notify(int, const char*) {
+    return 0;
+}
+#endif
 
 GSource* source = nullptr;
 

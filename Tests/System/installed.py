@@ -1,7 +1,7 @@
-"""A lab whose hosts have the package installed.
+"""A lab whose hosts have the packages installed.
 
-Its files lie over /usr, in the mount namespace of what runs there; the accounts are those of the machine, those of the
-package, and the users `stranger` and `member`, of whom the second is in the group that may call. The bus is configured
+Their files lie over /usr, in the mount namespace of what runs there; the accounts are those of the machine, those of the
+packages, and the users `stranger` and `member`, of whom the second is in the group that may call. The bus is configured
 as on any machine, with the policies and activation files of /usr, and found in the usual place.
 """
 import collections
@@ -43,13 +43,14 @@ os.execv(sys.argv[end + 1], sys.argv[end + 1:])
 
 
 def install(root):
-    """Makes the package and unpacks it; the accounts that it asks for are in root/etc."""
+    """Makes the packages and unpacks them; the accounts that they ask for are in root/etc."""
     made = subprocess.run(["cpack", "-G", "DEB", "--config", str(BUILD / "CPackConfig.cmake"),
                            "-B", str(root / "made")], capture_output=True, text=True)
     if made.returncode != 0:
         raise RuntimeError(made.stdout + made.stderr)
-    (package,) = (root / "made").glob("*.deb")
-    subprocess.run(["dpkg-deb", "-x", str(package), str(root)], check=True)
+    for package in ("ostreld", "ostrelctl"):
+        (archive,) = (root / "made").glob(f"{package}_*.deb")
+        subprocess.run(["dpkg-deb", "-x", str(archive), str(root)], check=True)
     (root / "etc").mkdir()
     for accounts in ("passwd", "group"):
         shutil.copy(f"/etc/{accounts}", root / "etc")

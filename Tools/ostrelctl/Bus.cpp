@@ -4,6 +4,8 @@
 // bus has names for its refusals; here they become words, and what to do about them.
 #include "Bus.h"
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 
@@ -23,10 +25,12 @@ struct ErrorRelease {
 };
 
 bool IsAbsence(const sd_bus_error& error) {
-    return sd_bus_error_has_names(&error, SD_BUS_ERROR_SERVICE_UNKNOWN, SD_BUS_ERROR_NAME_HAS_NO_OWNER,
-                                  SD_BUS_ERROR_NO_REPLY, SD_BUS_ERROR_DISCONNECTED, SD_BUS_ERROR_TIMEOUT) > 0 ||
-           (error.name != nullptr && (std::string_view(error.name).starts_with("org.freedesktop.DBus.Error.Spawn.") ||
-                                      std::string_view(error.name).starts_with("org.freedesktop.systemd1.")));
+    constexpr std::array<std::string_view, 5> kNames{SD_BUS_ERROR_SERVICE_UNKNOWN, SD_BUS_ERROR_NAME_HAS_NO_OWNER,
+                                                     SD_BUS_ERROR_NO_REPLY, SD_BUS_ERROR_DISCONNECTED,
+                                                     SD_BUS_ERROR_TIMEOUT};
+    const std::string_view name = error.name == nullptr ? "" : error.name;
+    return std::find(kNames.begin(), kNames.end(), name) != kNames.end() ||
+           name.starts_with("org.freedesktop.DBus.Error.Spawn.") || name.starts_with("org.freedesktop.systemd1.");
 }
 
 const char* NextForAbsence(const sd_bus_error& error) {
