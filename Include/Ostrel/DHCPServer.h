@@ -18,6 +18,7 @@
 #include "Ostrel/InterfaceConfig.h"
 #include "Ostrel/PacketFilter.h"
 #include "Ostrel/Status.h"
+#include "Ostrel/Verdict.h"
 
 #include "os_memory.h"
 
@@ -124,9 +125,12 @@ struct Ostrel_ServerGauges {
 // told when its time is over, and not when the next frame comes.
 void Ostrel_DHCPServerAudienceChanged(Ostrel_ServerObj* server);
 
-// Every ARP frame of the interface: one from an address that is probed says that somebody has it.
-void Ostrel_DHCPServerARPPacketHandler(Ostrel_ServerObj* server, const Ostrel_EthernetHeader* frame,
-                                       const Ostrel_ARPHeader* arpHeader, const Ostrel_ARPAddresses* addresses);
+// Every ARP frame of the interface: one from an address that is probed says that somebody has it. The verdict: what the
+// frame is to the server.
+[[nodiscard]] Ostrel_Verdict Ostrel_DHCPServerARPPacketHandler(Ostrel_ServerObj* server,
+                                                               const Ostrel_EthernetHeader* frame,
+                                                               const Ostrel_ARPHeader* arpHeader,
+                                                               const Ostrel_ARPAddresses* addresses);
 
 // The receive callback of port 67.
 void Ostrel_BOOTPServerPacketFilterHandler(void* iface, const uint8_t* sourceAddress, std::span<const uint8_t> frame);

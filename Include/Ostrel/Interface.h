@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 #include <string_view>
 
 #include "Ostrel/Address.h"
@@ -32,6 +33,12 @@ struct Ostrel_InterfaceLink {
     uint64_t runningSince;  // when they were told that it is back, in milliseconds of the monotonic clock
 };
 
+// A received frame that a role is handling and that the trace has not told yet.
+struct Ostrel_FrameUnderWay {
+    const char* role;
+    std::span<const uint8_t> bytes;  // not owned; empty: none
+};
+
 // How much of what the interface sends and gets the trace has told in a second.
 struct Ostrel_TraceSample {
     uint64_t second;   // of the monotonic clock
@@ -53,6 +60,7 @@ struct Ostrel_InterfaceObj {
     bool leaseIsHeld;           // by the client, its address checked
     bool pictureIsStale;        // what subscribers know of it is no longer true, and will be posted
     Ostrel_TraceSample traceSample;
+    Ostrel_FrameUnderWay frameUnderWay;
     Ostrel_ARPCounters counters;
     Ostrel_PacketFilter arpFilter;  // shared by the roles
     Ostrel_ClientObj* dhcpClient;   // the roles: owned, null when not run

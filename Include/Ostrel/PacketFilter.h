@@ -53,4 +53,6 @@ void Ostrel_PacketFilterFinalize(Ostrel_PacketFilter* filter);
 
 // Sends what the interface's txFrame holds through the filter's socket. True only when fewer bytes went out than it
 // has: a frame that the link layer refuses with an error counts as sent, and is lost as it could be lost on the wire.
-[[nodiscard]] bool Ostrel_SendIsCutShort(Ostrel_InterfaceObj* iface, const Ostrel_PacketFilter* filter);
+// The trace, for which it is of this role, tells it as failed in either case.
+[[nodiscard]] bool Ostrel_SendIsCutShort(Ostrel_InterfaceObj* iface, const Ostrel_PacketFilter* filter,
+                                         const char* role);

@@ -57,7 +57,7 @@ struct Ostrel_LeaseEvent {
 void Ostrel_VoroServicePublishLeaseEvent(Ostrel_InterfaceObj* iface, const Ostrel_LeaseEvent& event);
 
 // A frame of an interface and what became of it, for the subscribers of "/" "trace"; the frame is whole, from its
-// Ethernet header on. Whoever calls it has asked first whether somebody listens.
+// Ethernet header on. Whoever calls it has asked first whether somebody listens. Roles go through the calls below.
 enum class Ostrel_Direction : uint8_t { Received, Sent };
 
 [[nodiscard]] inline bool Ostrel_TraceIsWanted(const Ostrel_InterfaceObj* iface) {
@@ -65,3 +65,12 @@ enum class Ostrel_Direction : uint8_t { Received, Sent };
 }
 void Ostrel_VoroServicePublishFrame(Ostrel_InterfaceObj* iface, const char* role, Ostrel_Direction direction,
                                     std::span<const uint8_t> frame, const Ostrel_Verdict& verdict);
+
+// A received frame is told when its role has handled it, but before anything that is sent because of it: what it was
+// sent for is then told as taken. The frame has to outlive both calls, of which none costs anything while nobody
+// listens. A role that knows the verdict earlier may say so earlier: the first one counts.
+void Ostrel_TraceReceiving(Ostrel_InterfaceObj* iface, const char* role, std::span<const uint8_t> frame);
+void Ostrel_TraceReceived(Ostrel_InterfaceObj* iface, const Ostrel_Verdict& verdict);
+
+// The frame in the interface's txFrame was sent, or what became of it.
+void Ostrel_TraceSent(Ostrel_InterfaceObj* iface, const char* role, const Ostrel_Verdict& verdict);

@@ -35,7 +35,9 @@ Ostrel_Status Ostrel_ARPPacketSend(Ostrel_InterfaceObj* iface, const Ostrel_Pack
 
     DebugPrintF(kDebugLevelVerbose, "[%s] TX ARP Packet\n", iface->ifname.data());
     DebugHexDump(kDebugLevelVerbose, wpabuf_bytes(iface->txFrame));
-    OSTREL_REQUIRE(!Ostrel_SendIsCutShort(iface, filter), "( err >= wpabuf_len( iface->txFrame ) )", kSendFailedErr);
+    const bool isCutShort = Ostrel_SendIsCutShort(iface, filter, "arp");
+    OSTREL_REQUIRE(!isCutShort, "( err >= wpabuf_len( iface->txFrame ) )", kSendFailedErr);
+    ++iface->counters.requestSent;
     return kNoErr;
 }
 

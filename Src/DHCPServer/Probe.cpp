@@ -23,6 +23,8 @@ void Ostrel_DHCPServerTimeout_Probe(void* context, void* iface);
 // Milliseconds; the time of a probe is configured.
 constexpr Ostrel_TimeoutKind kProbeTimeout{Ostrel_DHCPServerTimeout_Probe, "org.ostrel.dhcp.server.probe", false, 0, 0};
 
+constexpr Ostrel_Verdict kNotConcerned{.kind = Ostrel_VerdictKind::NotConcerned};
+
 std::span<Ostrel_ServerProbe> UnderWay(const Ostrel_ServerObj* server) {
     return {server->probes.get(), server->numProbes};
 }
@@ -87,22 +89,24 @@ bool Claims(const Ostrel_ARPAddresses& addresses, Ostrel_IPv4 address) {
 }
 
 // Somebody has the address of a probe, who may be the client itself.
-void Ostrel_DHCPServerProbeFails(Ostrel_ServerObj* server, Ostrel_ServerProbe* probe, const Ostrel_MAC& host) {
+Ostrel_Verdict Ostrel_DHCPServerProbeFails(Ostrel_ServerObj* server, Ostrel_ServerProbe* probe,
+                                           const Ostrel_MAC& host) {
     Ostrel_PreprocessedPacket discover;
-    if (!Read(*probe, &discover)) return;
+    if (!Read(*probe, &discover)) return kNotConcerned;
     const Ostrel_ServerClient client = Ostrel_DHCPServerClientOf(server, discover);
-    if (host == client.station || host == discover.ethHdr->src) return;
+    if (host == client.station || host == discover.ethHdr->src) return kNotConcerned;
     const uint64_t key = Ostrel_DHCPServerKeyOfAddress(server, host);
     if (!Ostrel_DHCPServer_LeaseMayBeHeldFor(server, key)) {
         DebugPrintF(kDebugLevelInfo, "[%s] %.6a has too many addresses to be believed\n", server->iface->ifname.data(),
                     host);
-        return;
+        return {.kind = Ostrel_VerdictKind::Limited};
     }
     const Ostrel_ServerProbe taken = Take(server, probe);
     Ostrel_LeaseInformation* const lease = &server->leases[taken.slot];
     Ostrel_DHCPServer_LeaseHold(server, lease, host, key, os_monotonic_seconds(), "in use");
     const Ostrel_Status status = Ostrel_DHCPServerProcessDiscover(server, {discover, client});
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
+    return {};
 }
 
 }  // namespace
@@ -155,13 +159,15 @@ bool Ostrel_DHCPServerProbeBegin(Ostrel_ServerObj* server, const Ostrel_LeaseInf
     return true;
 }
 
-void Ostrel_DHCPServerARPPacketHandler(Ostrel_ServerObj* server, const Ostrel_EthernetHeader* /*frame*/,
-                                       const Ostrel_ARPHeader* /*arpHeader*/, const Ostrel_ARPAddresses* addresses) {
-    OSTREL_REQUIRE(server != nullptr, "server", );
+Ostrel_Verdict Ostrel_DHCPServerARPPacketHandler(Ostrel_ServerObj* server, const Ostrel_EthernetHeader* /*frame*/,
+                                                 const Ostrel_ARPHeader* /*arpHeader*/,
+                                                 const Ostrel_ARPAddresses* addresses) {
+    OSTREL_REQUIRE(server != nullptr, "server", kNotConcerned);
     const Ostrel_MAC host = addresses->senderMAC;
-    if (server->numProbes == 0 || host == server->iface->macAddr || host == Ostrel_MAC{}) return;
+    if (server->numProbes == 0 || host == server->iface->macAddr || host == Ostrel_MAC{}) return kNotConcerned;
     for (Ostrel_ServerProbe& probe : UnderWay(server)) {
         if (!IsOfferedTo(server, probe) || !Claims(*addresses, server->leases[probe.slot].IPv4Address)) continue;
         return Ostrel_DHCPServerProbeFails(server, &probe, host);
     }
+    return kNotConcerned;
 }

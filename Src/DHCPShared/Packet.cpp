@@ -80,6 +80,8 @@ Ostrel_Status Ostrel_SendPacket(Ostrel_InterfaceObj* iface, const Ostrel_PacketF
 
     DebugPrintF(kDebugLevelVerbose, "Sending DHCP Packet\n");
     DebugHexDump(kDebugLevelVerbose, wpabuf_bytes(iface->txFrame));
-    OSTREL_REQUIRE(!Ostrel_SendIsCutShort(iface, filter), "( err >= wpabuf_len( iface->txFrame ) )", kSendFailedErr);
+    const char* const role = sourcePort == kBOOTPServerPort ? "server" : "client";
+    OSTREL_REQUIRE(!Ostrel_SendIsCutShort(iface, filter, role), "( err >= wpabuf_len( iface->txFrame ) )",
+                   kSendFailedErr);
     return kNoErr;
 }

@@ -8,6 +8,7 @@
 #include "Ostrel/Check.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/Log.h"
+#include "Ostrel/Publish.h"
 #include "Ostrel/Wire.h"
 
 namespace {
@@ -106,7 +107,10 @@ Ostrel_Status Ostrel_BOOTPPacketFilterInitialize(Ostrel_InterfaceObj* iface, Ost
     return kNoErr;
 }
 
-bool Ostrel_SendIsCutShort(Ostrel_InterfaceObj* iface, const Ostrel_PacketFilter* filter) {
+bool Ostrel_SendIsCutShort(Ostrel_InterfaceObj* iface, const Ostrel_PacketFilter* filter, const char* role) {
     const int sent = l2_packet_send(filter->l2.get(), nullptr, 0, wpabuf_bytes(iface->txFrame));
-    return sent >= 0 && static_cast<size_t>(sent) < wpabuf_len(iface->txFrame);
+    const bool isCutShort = sent >= 0 && static_cast<size_t>(sent) < wpabuf_len(iface->txFrame);
+    using enum Ostrel_VerdictKind;
+    Ostrel_TraceSent(iface, role, {.kind = sent < 0 || isCutShort ? Failed : Taken});
+    return isCutShort;
 }
