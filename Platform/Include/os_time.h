@@ -14,6 +14,9 @@
 // Seconds of the wall clock since 1970-01-01 00:00:00 UTC.
 [[nodiscard]] int64_t os_wall_seconds() noexcept;
 
+// The same clock in microseconds.
+[[nodiscard]] int64_t os_wall_microseconds() noexcept;
+
 // The local-time text of `wallSeconds` in the form of ctime_r, "Mon Nov 16 11:40:22 2026\n", NUL-terminated, written
 // into `text`, which should hold at least 64 characters. False, with an empty text, when it doesn't fit or the year
 // cannot be represented.

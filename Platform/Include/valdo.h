@@ -39,6 +39,7 @@ public:
     JValue(uint32_t value) noexcept;
     JValue(std::string_view text) noexcept;
     JValue(const char* text) noexcept;
+    JValue(const std::string& text) noexcept : JValue(std::string_view(text)) {}
 
     [[nodiscard]] bool isNull() const noexcept;
     [[nodiscard]] bool isString() const noexcept;

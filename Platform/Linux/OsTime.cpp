@@ -52,6 +52,12 @@ int64_t os_wall_seconds() noexcept {
     return std::time(nullptr);
 }
 
+int64_t os_wall_microseconds() noexcept {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return int64_t{now.tv_sec} * 1'000'000 + int64_t{now.tv_nsec} / 1000;
+}
+
 bool os_local_time_text(int64_t wallSeconds, std::span<char> text) noexcept {
     if (text.empty()) return false;
     text[0] = '\0';

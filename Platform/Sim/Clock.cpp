@@ -24,6 +24,11 @@ int64_t os_wall_seconds() noexcept {
     return world.wallStart + std::chrono::duration_cast<std::chrono::seconds>(world.Now()).count();
 }
 
+int64_t os_wall_microseconds() noexcept {
+    const sim::World& world = sim::World::Get();
+    return world.wallStart * 1'000'000 + world.Now().count();
+}
+
 bool os_local_time_text(int64_t wallSeconds, std::span<char> text) noexcept {
     if (text.empty()) return false;
     const time_t seconds = wallSeconds + sim::World::Get().zoneSeconds;

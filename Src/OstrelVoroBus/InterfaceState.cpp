@@ -14,6 +14,7 @@
 #include "Ostrel/System.h"
 
 #include "Audience.h"
+#include "LeaseFields.h"
 #include "Method.h"
 
 using valdo::JValue;
@@ -21,13 +22,6 @@ using valdo::JValue;
 namespace {
 
 constexpr char kMethod[] = "interfaceState";
-
-void PutIPv4(JValue& object, const char* key, Ostrel_IPv4 address) {
-    if (address == kAnyIPv4)
-        object.put(key, JValue());
-    else
-        OstrelJsonUtilsIPv4Put(object, key, address);
-}
 
 // A moment in milliseconds of the monotonic clock, in whole seconds of the wall clock; null for 0.
 void PutMoment(JValue& object, const char* key, Ostrel_SystemObj* sysObj, uint64_t moment) {
@@ -61,9 +55,9 @@ JValue ClientOf(Ostrel_SystemObj* sysObj, const Ostrel_ClientObj& client) {
     object.put("state", Ostrel_DHCPClientShownState(&client));
     PutMoment(object, "since", sysObj, story.since);
     object.put("reason", Ostrel_ReasonWord(story.reason));
-    PutIPv4(object, "ipv4Address", AddressOf(client));
+    Ostrel_VSUtil_PutIPv4(object, "ipv4Address", AddressOf(client));
     object.put("held", Ostrel_DHCPClientHolds(&client));
-    PutIPv4(object, "server", story.server);
+    Ostrel_VSUtil_PutIPv4(object, "server", story.server);
     PutMoment(object, "renews", sysObj, story.renews);
     PutMoment(object, "rebinds", sysObj, story.rebinds);
     PutMoment(object, "expires", sysObj, story.expires);
@@ -80,7 +74,7 @@ JValue LinkLocalOf(Ostrel_SystemObj* sysObj, const Ostrel_LinkLocalObj& linkLoca
     object.put("state", Ostrel_LinkLocalShownState(&linkLocal));
     PutMoment(object, "since", sysObj, linkLocal.since);
     object.put("reason", Ostrel_ReasonWord(linkLocal.reason));
-    PutIPv4(object, "ipv4Address", isIdle ? kAnyIPv4 : linkLocal.IPv4Address);
+    Ostrel_VSUtil_PutIPv4(object, "ipv4Address", isIdle ? kAnyIPv4 : linkLocal.IPv4Address);
     object.put("held", Ostrel_LinkLocalHolds(&linkLocal));
     object.put("conflicts", linkLocal.numConflicts);
     return object;

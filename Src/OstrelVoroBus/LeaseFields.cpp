@@ -48,6 +48,13 @@ void Ostrel_VSUtil_PutNetwork(JValue& object, const Ostrel_ClientLease& lease) {
     if (lease.domainNameLen != 0) object.put("domainName", lease.domainName.get());
 }
 
+void Ostrel_VSUtil_PutIPv4(JValue& object, const char* key, Ostrel_IPv4 address) {
+    if (address == kAnyIPv4)
+        object.put(key, JValue());
+    else
+        OstrelJsonUtilsIPv4Put(object, key, address);
+}
+
 void Ostrel_VSUtil_LogServerTime(uint32_t leaseTime) {
     Ostrel_LogPrint(kQxLogDebug, "server  time <%d>\n", leaseTime);
 }

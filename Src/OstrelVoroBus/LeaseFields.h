@@ -22,6 +22,9 @@ void Ostrel_VSUtil_PutNetwork(valdo::JValue& object, const Ostrel_ClientLease& l
 // clock, and runs for `leaseTime` seconds. The strings are local time.
 void Ostrel_VSUtil_PutLeaseTimes(Ostrel_SystemObj* sysObj, uint32_t began, uint32_t leaseTime, valdo::JValue& object);
 
+// An address, or null for none.
+void Ostrel_VSUtil_PutIPv4(valdo::JValue& object, const char* key, Ostrel_IPv4 address);
+
 // The line of every slot of a server's table that is shown.
 void Ostrel_VSUtil_LogServerTime(uint32_t leaseTime);
 

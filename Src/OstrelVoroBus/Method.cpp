@@ -90,6 +90,16 @@ Ostrel_Status Ostrel_VSUtil_Post(const char* function, Ostrel_SystemObj* sysObj,
     return success ? kNoErr : Ostrel_VSUtil_BusFailure(function, __LINE__, &error);
 }
 
+void Ostrel_VSUtil_Tell(const char* function, const Ostrel_InterfaceObj* iface, const Ostrel_PostPlace& place,
+                        const VSEvent& event) {
+    VSHandle* handle = iface->sysObj->serviceHandle;
+    if (handle == nullptr) return;
+    VSError error;
+    VSErrorInit(&error);
+    if (!VSSubscriptionTell(handle, place.category, place.method, iface->ifname.data(), event, &error))
+        (void)Ostrel_VSUtil_BusFailure(function, __LINE__, &error);
+}
+
 bool Ostrel_VSUtil_HasLeaseSubscribers(const Ostrel_SystemObj* sysObj, const char* category) {
     return sysObj->serviceHandle != nullptr &&
            VSSubscriptionHasSubscribers(sysObj->serviceHandle, category, kLeaseMethod);

@@ -32,6 +32,8 @@ bool Ostrel_VoroMethod_InterfaceInitialize(VSHandle* handle, VSMessage* message,
 bool Ostrel_VoroMethod_InterfaceFinalize(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_InterfaceConfigDump(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_InterfaceState(VSHandle* handle, VSMessage* message, void* context);
+bool Ostrel_VoroMethod_LeaseEvents(VSHandle* handle, VSMessage* message, void* context);
+bool Ostrel_VoroMethod_Trace(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_ClientLeaseAction(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_ClientLeaseInformation(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_ServerLeaseAction(VSHandle* handle, VSMessage* message, void* context);
@@ -112,6 +114,10 @@ struct Ostrel_PostPlace {
 [[nodiscard]] Ostrel_Status Ostrel_VSUtil_Post(const char* function, Ostrel_SystemObj* sysObj,
                                                const Ostrel_PostPlace& place, const char* ifname,
                                                VSStateFunction state);
+
+// Tells them of an event on the interface, which concerns it alone. A failure is reported under `function`.
+void Ostrel_VSUtil_Tell(const char* function, const Ostrel_InterfaceObj* iface, const Ostrel_PostPlace& place,
+                        const VSEvent& event);
 constexpr char kLeaseMethod[] = "leaseInformation";
 
 // Whether a post of leases would reach someone.

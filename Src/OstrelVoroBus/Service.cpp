@@ -17,6 +17,7 @@ const VSMethod gOstrelServiceMethodsRoot[] = {
     {"interfaceFinalize", Ostrel_VoroMethod_InterfaceFinalize, 0},
     {"interfaceConfigDump", Ostrel_VoroMethod_InterfaceConfigDump, 0},
     {"interfaceState", Ostrel_VoroMethod_InterfaceState, 0},
+    {"trace", Ostrel_VoroMethod_Trace, 0},
     {nullptr, nullptr, 0},
 };
 
@@ -29,6 +30,7 @@ const VSMethod gOstrelServiceMethodsClient[] = {
 const VSMethod gOstrelServiceMethodsServer[] = {
     {"leaseAction", Ostrel_VoroMethod_ServerLeaseAction, 0},
     {"leaseInformation", Ostrel_VoroMethod_ServerLeaseInformation, 0},
+    {"leaseEvents", Ostrel_VoroMethod_LeaseEvents, 0},
     {nullptr, nullptr, 0},
 };
 
@@ -41,8 +43,9 @@ OstrelJsonUtilsUint32StringTableEntry gTblSubscribers[3] = {
 
 namespace {
 
-constexpr VSSignal kRootSignals[] = {{"interfaceStateUpdate", 0}, {nullptr, 0}};
-constexpr VSSignal kLeaseSignals[] = {{"leaseInformationUpdate", 0}, {nullptr, 0}};
+constexpr VSSignal kRootSignals[] = {{"interfaceStateUpdate", 0}, {"traceUpdate", 0}, {nullptr, 0}};
+constexpr VSSignal kClientSignals[] = {{"leaseInformationUpdate", 0}, {nullptr, 0}};
+constexpr VSSignal kServerSignals[] = {{"leaseInformationUpdate", 0}, {"leaseEventsUpdate", 0}, {nullptr, 0}};
 
 bool RegisterCategory(Ostrel_SystemObj* sysObj, const char* category, const VSMethod* methods, const VSSignal* signals,
                       VSError* error) {
@@ -53,8 +56,8 @@ bool RegisterCategory(Ostrel_SystemObj* sysObj, const char* category, const VSMe
 bool RegisterService(Ostrel_SystemObj* sysObj, VSError* error) {
     return VSRegister(kServiceName, &sysObj->serviceHandle, error) &&
            RegisterCategory(sysObj, "/", gOstrelServiceMethodsRoot, kRootSignals, error) &&
-           RegisterCategory(sysObj, "/client", gOstrelServiceMethodsClient, kLeaseSignals, error) &&
-           RegisterCategory(sysObj, "/server", gOstrelServiceMethodsServer, kLeaseSignals, error) &&
+           RegisterCategory(sysObj, "/client", gOstrelServiceMethodsClient, kClientSignals, error) &&
+           RegisterCategory(sysObj, "/server", gOstrelServiceMethodsServer, kServerSignals, error) &&
            VSSubscriptionSetCancelFunction(sysObj->serviceHandle, Ostrel_VoroMethod_Unsubscribe, sysObj, error) &&
            VSGmainAttach(sysObj->serviceHandle, eloop_get_gnome_loop(), error);
 }

@@ -93,7 +93,7 @@ TEST(BusNews, WhatCannotBeUsedEnrolsNobodyAndIsTold) {
     NewsLan lan;
     ASSERT_TRUE(lan.daemon.Initialize("eth0"));
     const char* names[] = {"5", "null", "[]", R"("")", R"("seventeen-letters")", R"("eth0\u0000")"};
-    for (const char* method : {"interfaceState"}) {
+    for (const char* method : {"interfaceState", "trace", "leaseEvents"}) {
         for (const char* name : names) {
             const std::string request = R"({"interface":)" + std::string(name) + R"(,"subscribe":true})";
             const std::string reply = lan.Ask(method, request, ":1.1");
@@ -108,8 +108,128 @@ TEST(BusNews, WhatCannotBeUsedEnrolsNobodyAndIsTold) {
         EXPECT_EQ(lan.Ask(method, kAll, ":1.1"), "");
         lan.world.failReplies = false;
     }
-    EXPECT_EQ(lan.daemon.system.audience.states, 0U);
-    EXPECT_EQ(lan.world.BusAccounts(), 1U);
+    const Ostrel_Audience& audience = lan.daemon.system.audience;
+    EXPECT_EQ(audience.states + audience.trace + audience.leaseEvents, 0U);
+}
+
+// How many events a subscriber got, was told that it has missed, and whether they came in order with the right counts.
+struct Account {
+    uint64_t got = 0;
+    uint64_t missed = 0;
+
+    void Add(const Texts& texts) {
+        for (const std::string& text : texts) {
+            const size_t missedPlace = text.find(R"("event":"missed","count":)");
+            const size_t expires = text.find(R"("expires":)");
+            if (missedPlace != std::string::npos) {
+                missed += std::stoul(text.substr(missedPlace + 25));
+            } else if (text.find(R"("event":)") != std::string::npos) {
+                EXPECT_EQ(std::stoul(text.substr(expires + 10)), first + got + missed) << "not in its place";
+                ++got;
+            }
+        }
+    }
+    uint64_t first;  // what the first one expires at
+};
+
+TEST(BusNews, AFloodOfEventsDelaysNoStateAndIsCounted) {
+    NewsLan lan;
+    ASSERT_TRUE(lan.daemon.Initialize("eth0"));
+    for (const char* caller : {":1.1", ":1.2", ":1.3"}) {
+        EXPECT_EQ(lan.Ask("leaseEvents", kEth0, caller), R"({"returnValue":true,"subscribed":true})");
+        (void)lan.Ask("interfaceState", kEth0, caller);
+    }
+    (void)lan.Ask("leaseEvents", R"({"interface":"usb0","subscribe":true})", ":1.4");
+    Ostrel_InterfaceObj* eth0 = lan.Find("eth0");
+    const auto wall = static_cast<uint64_t>(lan.world.wallStart);
+    uint32_t told = 0;
+    const auto tell = [&](uint32_t count) {
+        for (uint32_t i = 0; i < count; ++i) {
+            const std::vector<uint8_t> name(100, 0xFF);
+            Ostrel_VoroServicePublishLeaseEvent(eth0, {Ostrel_LeaseEventKind::Granted,
+                                                       0x0100A8C0,
+                                                       {2, 0, 0, 0, 0, 9},
+                                                       name,
+                                                       true,
+                                                       lan.world.monotonicStart + told++});
+            if (i % 50 == 0) lan.world.RunFor(1ms);
+        }
+    };
+    Account reader{.first = wall};
+    Account slow{.first = wall};
+    lan.world.StopReading(":1.2");
+    lan.world.StopReading(":1.3");
+    tell(2000);
+    reader.Add(lan.Take(":1.1"));
+    EXPECT_EQ(reader.got, 2000U);
+    const size_t unread = lan.world.UnreadBytes(":1.2");
+    EXPECT_LT(unread, 256U * 1024 + 2000);
+    EXPECT_GT(unread, 20'000U) << "nothing was tried";
+
+    eth0->leaseIsHeld = true;
+    Ostrel_InterfacePictureChanged(eth0);
+    lan.world.RunFor(1ms);
+    EXPECT_GT(lan.world.UnreadBytes(":1.2"), unread) << "the state was held up by events";
+    for (int i = 0; i < 100; ++i) {
+        Ostrel_InterfacePictureChanged(eth0);
+        Ostrel_InterfacePictureTurns(eth0);
+    }
+    lan.world.ReadAgain(":1.2");
+    lan.world.RunFor(1s);
+    tell(200);
+    const Texts texts = lan.Take(":1.2");
+    slow.Add(texts);
+    EXPECT_EQ(slow.got + slow.missed, 2200U) << "each is either told or counted";
+    EXPECT_GE(slow.missed, 1800U);
+    EXPECT_LT(texts.size(), 128U + 1 + 200 + 40) << "states are coalesced";
+    reader.Add(lan.Take(":1.1"));
+    EXPECT_EQ(reader.got, 2200U);
+    EXPECT_TRUE(lan.Take(":1.4").empty());
+
+    lan.world.failPosts = true;
+    tell(3);
+    lan.world.failPosts = false;
+    tell(1);
+    reader.Add(lan.Take(":1.1"));
+    EXPECT_EQ(reader.missed, 3U);
+    for (const char* caller : {":1.1", ":1.2", ":1.3", ":1.4"}) lan.world.LeaveBus(caller);
+    const Ostrel_Audience& audience = lan.daemon.system.audience;
+    EXPECT_EQ(audience.states + audience.trace + audience.leaseEvents, 0U);
+    lan.world.RunFor(1s);
+    EXPECT_EQ(lan.world.PendingTimeouts(), 0U);
+}
+
+TEST(BusNews, AFrameIsToldWithWhatBecameOfIt) {
+    NewsLan lan;
+    ASSERT_TRUE(lan.daemon.Initialize("eth0"));
+    (void)lan.Ask("trace", kEth0, ":1.1");
+    const Frame frame = WriteARP({.ethernetDestination = kEveryone, .operation = 1, .senderMAC = kOtherMAC});
+    const auto publish = [&](const char* ifname) {
+        Ostrel_VoroServicePublishFrame(lan.Find(ifname), "arp", Ostrel_Direction::Received, frame,
+                                       {Ostrel_VerdictKind::Malformed, nullptr, 51, 3});
+    };
+    lan.world.RunFor(1500ms);
+    publish("eth0");
+    const Texts texts = lan.Take(":1.1");
+    ASSERT_EQ(texts.size(), 1U);
+    for (const char* part : {R"({"returnValue":true,"interface":"eth0","time":1780000001500000,"direction":"in",)",
+                             R"("role":"arp","source":"02:00:00:00:00:77","destination":"ff:ff:ff:ff:ff:ff",)",
+                             R"("xid":null,"addresses":{)", R"("verdict":"malformed: option 51 has 3 bytes","text":")",
+                             R"("frame":"ffffffffffff0200000000770806)"})
+        EXPECT_NE(texts[0].find(part), std::string::npos) << part << " " << texts[0];
+
+    for (int i = 0; i < 1000; ++i) {
+        publish("eth0");
+        if (i % 50 == 0) lan.world.RunFor(1ms);
+    }
+    EXPECT_EQ(lan.Take(":1.1").size(), 199U);
+    lan.world.RunFor(1s);
+    publish("eth0");
+    EXPECT_TRUE(lan.Take(":1.1").at(0).ends_with(R"("leftOut":801})"));
+    ASSERT_TRUE(lan.daemon.Initialize("usb0"));
+    publish("usb0");
+    EXPECT_TRUE(lan.Take(":1.1").empty());
+    EXPECT_EQ(lan.Find("usb0")->traceSample.told, 0U) << "not even decoded";
 }
 
 }  // namespace

@@ -22,10 +22,12 @@ METHODS = {
     ("/", "interfaceFinalize"): FAILED,
     ("/", "interfaceConfigDump"): {"returnValue": False, "interfaceList": []},
     ("/", "interfaceState"): REFUSED,
+    ("/", "trace"): REFUSED,
     ("/client", "leaseAction"): REFUSED,
     ("/client", "leaseInformation"): {**FAILED, "interfaceList": []},
     ("/server", "leaseAction"): REFUSED,
     ("/server", "leaseInformation"): {**FAILED, "interfaceList": []},
+    ("/server", "leaseEvents"): REFUSED,
 }
 NO_OBJECTS = ["", " ", "not JSON at all", "{", "{}}", "[]", '["interface", "eth0"]', "42", "null", '"interface"',
               "{'interface': 'eth0'}", '{"interface": "eth0",}', "\u00ff\U0001f600", "[" * 65000,
@@ -195,9 +197,11 @@ class Requests(lab.LabTest):
         signal = ("signal", "s", "-")
         expected = {
             "/": {".setDebugLevel": text, ".interfaceInitialize": text, ".interfaceFinalize": text,
-                  ".interfaceConfigDump": text, ".interfaceState": text, ".interfaceStateUpdate": signal},
+                  ".interfaceConfigDump": text, ".interfaceState": text, ".interfaceStateUpdate": signal, ".trace": text,
+                  ".traceUpdate": signal},
             "/client": {".leaseAction": text, ".leaseInformation": text, ".leaseInformationUpdate": signal},
-            "/server": {".leaseAction": text, ".leaseInformation": text, ".leaseInformationUpdate": signal},
+            "/server": {".leaseAction": text, ".leaseInformation": text, ".leaseInformationUpdate": signal,
+                        ".leaseEvents": text, ".leaseEventsUpdate": signal},
         }
         for path, members in expected.items():
             interface = lab.SERVICE if path == "/" else f"{lab.SERVICE}.{path[1:]}"
