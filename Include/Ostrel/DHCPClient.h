@@ -82,10 +82,10 @@ struct Ostrel_ClientStory {
     uint64_t since;        // it is in its state
     Ostrel_Reason reason;  // why it came to be in it, or, where the address went out of use in it, why that was
     uint64_t nextTry;      // when it sends next of its own accord, where it waits for an answer or to begin
-    uint64_t renews;       // T1, T2 and the end of a lease that counts
+    uint64_t renews;       // T1, T2 and the end of a lease that counts, as far as they are still to come
     uint64_t rebinds;
     uint64_t expires;
-    uint32_t tries;               // DISCOVERs, or REQUESTs of this state
+    uint32_t tries;               // DISCOVERs that nobody answered, or REQUESTs of this state
     Ostrel_IPv4 server;           // who offered, granted or refused last; 0: nobody
     uint32_t refusals;            // DHCPNAKs
     Ostrel_IPv4 conflictAddress;  // the one that another host had; 0: none
@@ -106,8 +106,9 @@ struct Ostrel_ClientObj {
     bool identifierIsAddress;   // the identifier is made of macAddr
     bool broadcast;             // replies are asked for by broadcast
     bool linkIsLost;
-    bool isInDoubt;                      // the lease, since the link was lost or the device asleep, until confirmed
+    bool isInDoubt;                      // the lease, since the link was lost, until confirmed; or its new address
     bool isChecking;                     // the address, with ARP; in BOUND
+    bool isToldToExtend;                 // the lease, by a caller, and has not asked yet
     uint32_t configMode;                 // kOstrelConfig bits
     os_array<uint8_t> clientIdentifier;  // option 61: a type byte, then the identifier
     uint32_t clientIdentifierLen;        // type byte included
@@ -137,6 +138,8 @@ struct Ostrel_ClientObj {
     Ostrel_FrameRing frames;
     Ostrel_StormBreaker discovers;
     Ostrel_StormBreaker declines;
+    std::array<uint64_t, 8> due;  // when its timeouts come, as far as the story tells of them; 0: not armed
+    uint64_t asleep;              // milliseconds that the device had been suspended when that was last looked at
     Ostrel_ClientStory story;
     Ostrel_ClientCounters counters;
 };
@@ -166,9 +169,12 @@ struct Ostrel_ActionValues {
                                                                const Ostrel_ARPHeader* arpHeader,
                                                                const Ostrel_ARPAddresses* addresses);
 
-// The state as "interfaceState" shows it, "STATIC" for a client that talks no DHCP, and whether the address may be
-// used: it is checked, its lease has not ended, and, since the link was lost, has been confirmed.
+// The state as "interfaceState" shows it, "STATIC" for a client that talks no DHCP; the address that the client has,
+// has checked or asks for, 0 where there is none; and whether that may be used: it is checked, its lease has not ended,
+// and, since the link was lost, has been confirmed. A device that was suspended has not lost its link: what it held it
+// still holds, until a server refuses it.
 [[nodiscard]] const char* Ostrel_DHCPClientShownState(const Ostrel_ClientObj* client);
+[[nodiscard]] Ostrel_IPv4 Ostrel_DHCPClientShownAddress(const Ostrel_ClientObj* client);
 [[nodiscard]] bool Ostrel_DHCPClientHolds(const Ostrel_ClientObj* client);
 
 // Tells the server that the lease is not needed any more, where there is one. The client stays as it is.

@@ -38,14 +38,18 @@ struct Ostrel_LinkLocalObj {
     uint32_t numChoices;     // addresses given up to others; the next that follows from the MAC follows from this too
     bool isFallback;         // selects only while the client has no lease
     bool isWanted;           // the last action was not "halt"
-    uint64_t since;          // milliseconds of the monotonic clock: it is in its state
-    Ostrel_Reason reason;    // why it came to be in it
+    bool isInDoubt;          // the address, while the link is lost
+    Ostrel_LinkLocalState
+        shown;             // to "interfaceState": by the plain rules "halt" and a conflict leave the state as it is
+    uint64_t since;        // milliseconds of the monotonic clock: it is in the state that is shown
+    Ostrel_Reason reason;  // why it came to be in it, or why the address may not be used
     Ostrel_FrameRing frames;
 };
 
 // The state as "interfaceState" shows it: "IDLE", "INIT", "PROBE", "ANNOUNCE", "HELD", "DEFEND"; and whether the
-// address may be used.
+// address may be used. That is the one that is probed, announced or held, 0 where there is none.
 [[nodiscard]] const char* Ostrel_LinkLocalShownState(const Ostrel_LinkLocalObj* linkLocal);
+[[nodiscard]] Ostrel_IPv4 Ostrel_LinkLocalChosenAddress(const Ostrel_LinkLocalObj* linkLocal);
 [[nodiscard]] bool Ostrel_LinkLocalHolds(const Ostrel_LinkLocalObj* linkLocal);
 
 // Life. Initialize stores the object in the interface's linkLocal and leaves it idle; Finalize ignores null and does

@@ -24,7 +24,7 @@ constexpr uint32_t kNumVerdicts = 13;
 
 struct Ostrel_Verdict {
     Ostrel_VerdictKind kind = Ostrel_VerdictKind::Taken;
-    const char* state = nullptr;  // of State: its name, a constant; of Malformed: what, unless an option is at fault
+    const char* state = nullptr;  // of State: its name; of Malformed: what is wrong, or null for an option's length
     uint8_t option = 0;           // of Malformed: the option at fault; 0: none
     uint32_t optionLength = 0;    // its bytes
 };
@@ -32,5 +32,6 @@ struct Ostrel_Verdict {
 // The key of its counter: "notForUs", "xid" and so on; "taken" for the first.
 [[nodiscard]] const char* Ostrel_VerdictName(Ostrel_VerdictKind kind);
 
-// In plain words: "taken", "not for us", "state BOUND", "malformed: option 51 has 3 bytes".
+// In plain words: "taken", "not for us", "state BOUND", "malformed: option 51 has 3 bytes", "malformed: option 51 is
+// missing", "malformed: no options".
 [[nodiscard]] std::string Ostrel_VerdictText(const Ostrel_Verdict& verdict);

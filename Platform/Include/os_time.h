@@ -11,6 +11,9 @@
 // The same clock in milliseconds.
 [[nodiscard]] uint64_t os_monotonic_milliseconds() noexcept;
 
+// Milliseconds that the device has been suspended since it started, in which that clock stood still.
+[[nodiscard]] uint64_t os_milliseconds_asleep() noexcept;
+
 // Seconds of the wall clock since 1970-01-01 00:00:00 UTC.
 [[nodiscard]] int64_t os_wall_seconds() noexcept;
 

@@ -34,6 +34,12 @@ const MinuteText* TextOfMinute(int64_t minute) noexcept {
     return known.length > 0 ? &known : nullptr;
 }
 
+uint64_t MillisecondsOf(clockid_t clock) noexcept {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+}
+
 }  // namespace
 
 uint32_t os_monotonic_seconds() noexcept {
@@ -43,9 +49,13 @@ uint32_t os_monotonic_seconds() noexcept {
 }
 
 uint64_t os_monotonic_milliseconds() noexcept {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+    return MillisecondsOf(CLOCK_MONOTONIC);
+}
+
+// Read in this order it is never less than what it was.
+uint64_t os_milliseconds_asleep() noexcept {
+    const uint64_t awake = MillisecondsOf(CLOCK_MONOTONIC);
+    return MillisecondsOf(CLOCK_BOOTTIME) - awake;
 }
 
 int64_t os_wall_seconds() noexcept {

@@ -19,6 +19,11 @@ uint64_t os_monotonic_milliseconds() noexcept {
            static_cast<uint64_t>(world.TimeAwake() / std::chrono::milliseconds(1));
 }
 
+uint64_t os_milliseconds_asleep() noexcept {
+    const sim::World& world = sim::World::Get();
+    return static_cast<uint64_t>((world.Now() - world.TimeAwake()) / std::chrono::milliseconds(1));
+}
+
 int64_t os_wall_seconds() noexcept {
     const sim::World& world = sim::World::Get();
     return world.wallStart + std::chrono::duration_cast<std::chrono::seconds>(world.Now()).count();

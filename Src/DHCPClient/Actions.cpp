@@ -10,9 +10,9 @@ namespace {
 
 // "init": all is acquired anew, or first asked for, where the caller knows what the client had.
 void Acquire(Ostrel_ClientObj* client, Ostrel_IPv4 address) {
-    Ostrel_DHCPClientStateTransition_Init(client);
+    Ostrel_DHCPClientStateTransition_Init(client, Ostrel_Reason::Action);
     if (address == kAnyIPv4 || Ostrel_DHCPClientIsStatic(client)) return;
-    Ostrel_DHCPClientStateTransition_Rebooting(client, address, 0);
+    Ostrel_DHCPClientStateTransition_Rebooting(client, address, 0, Ostrel_Reason::Action);
 }
 
 // Whether "renew" or "rebind" asks for more time, rather than for another lease.
@@ -24,6 +24,7 @@ bool Extends(const Ostrel_ClientObj* client) {
 // anyhow.
 void Extend(Ostrel_ClientObj* client, bool asksAll) {
     if (client->linkIsLost || client->state == kClientStateRebooting) return;
+    client->isToldToExtend = true;
     Ostrel_DHCPClientDisarm(client, kClientTimeoutRenewing);
     if (!asksAll) return Ostrel_DHCPClientTimeout_Renewing(client, client->iface);
     Ostrel_DHCPClientDisarm(client, kClientTimeoutRebinding);
@@ -48,7 +49,7 @@ Ostrel_Status Ostrel_DHCPClientLeaseAction(Ostrel_InterfaceObj* iface, const cha
     }
     if (word == "halt") {
         if (values.release) Ostrel_DHCPClientRelease(client);
-        Ostrel_DHCPClientStateTransition_InitReboot(client);
+        Ostrel_DHCPClientStateTransition_InitReboot(client, Ostrel_Reason::Action);
         return kNoErr;
     }
     DebugPrintF(kDebugLevelInfo, "[%s] DHCP Client unknown action request <%s>.\n", iface->ifname.data(), action);

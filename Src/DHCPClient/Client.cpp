@@ -11,6 +11,7 @@
 #include "Ostrel/Log.h"
 
 #include "DHCPClient/Machine.h"
+#include "os_time.h"
 
 namespace {
 
@@ -104,6 +105,8 @@ Ostrel_Status Ostrel_DHCPClientInitialize(Ostrel_InterfaceObj* iface, const Ostr
     OSTREL_REQUIRE_NOERR(Ostrel_BOOTPClientPacketFilterInitialize(client.get()));
 
     client->macAddr = iface->macAddr;
+    client->asleep = os_milliseconds_asleep();
+    client->story.since = os_monotonic_milliseconds();
     client->maxMessageSize = kMaxMessageSize;
     client->initDelayMin = kClientTimeouts[kClientTimeoutInit].shortest / 1000;
     client->initDelayMax = kClientTimeouts[kClientTimeoutInit].longest / 1000;
@@ -120,7 +123,7 @@ Ostrel_Status Ostrel_DHCPClientInitialize(Ostrel_InterfaceObj* iface, const Ostr
     if (isStatic) {
         Ostrel_DHCPClientArm(iface->dhcpClient, kClientTimeoutArping, 0);
     } else {
-        Ostrel_DHCPClientStateTransition_InitReboot(iface->dhcpClient);
+        Ostrel_DHCPClientStateTransition_InitReboot(iface->dhcpClient, Ostrel_Reason::Start);
     }
     return kNoErr;
 }

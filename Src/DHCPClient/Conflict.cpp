@@ -8,6 +8,7 @@
 
 #include "Ostrel/Check.h"
 #include "Ostrel/Log.h"
+#include "Ostrel/Publish.h"
 
 #include "DHCPClient/Machine.h"
 #include "os_device.h"
@@ -69,7 +70,7 @@ void Decline(Ostrel_ClientObj* client, bool isHeldBack) {
         const Ostrel_Status status = Ostrel_DHCPClientSend(client, Ostrel_DHCPClientDeclineOf(client));
         if (status != kNoErr) OSTREL_REPORT_STATUS(status);
     }
-    Ostrel_DHCPClientStateTransition_Init(client, kClientSetbackConflict);
+    Ostrel_DHCPClientStateTransition_Init(client, Ostrel_Reason::Conflict);
     if (!isHeldBack && rest != 0) Ostrel_DHCPClientArm(client, kClientTimeoutDeclining, rest);
 }
 
@@ -85,12 +86,12 @@ Ostrel_Status Ostrel_DHCPClientBeginCheck(Ostrel_ClientObj* client, uint32_t mil
 }
 
 void Ostrel_DHCPClientTimeout_Probing(void* context, void* /*iface*/) {
-    const Ostrel_Status status = Probe(Ostrel_DHCPClientEnterHandler(context, __func__));
+    const Ostrel_Status status = Probe(Ostrel_DHCPClientEnterHandler(context, kClientTimeoutProbing, __func__));
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
 }
 
 void Ostrel_DHCPClientTimeout_Announcing(void* context, void* /*iface*/) {
-    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
+    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, kClientTimeoutAnnouncing, __func__);
     if (Ostrel_DHCPClientHasToWait(client, kClientTimeoutAnnouncing)) return;
     const Ostrel_Status status = Ostrel_DHCPClientAskARP(client, client->lease.IPv4Address);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
@@ -99,7 +100,7 @@ void Ostrel_DHCPClientTimeout_Announcing(void* context, void* /*iface*/) {
 }
 
 void Ostrel_DHCPClientTimeout_Declining(void* context, void* /*iface*/) {
-    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
+    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, kClientTimeoutDeclining, __func__);
     const Ostrel_ClientMessage decline = Ostrel_DHCPClientDeclineOf(client->declinedAddress, client->declinedServer);
     const Ostrel_Status status = Ostrel_DHCPClientSend(client, decline);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
@@ -110,10 +111,13 @@ Ostrel_Verdict Ostrel_DHCPClientARPPacketHandler(Ostrel_ClientObj* client, const
                                                  const Ostrel_ARPAddresses* addresses) {
     OSTREL_REQUIRE(client != nullptr, "client", {.kind = Ostrel_VerdictKind::NotConcerned});
     if (!IsConflict(client, arpHeader, addresses)) return {.kind = Ostrel_VerdictKind::NotConcerned};
-    if (Defends(client)) return {};
-    const bool isHeldBack = Ostrel_DHCPClientStormAsk(client, client->declines, "DECLINE") != 0;
-    if (isHeldBack && client->state == kClientStateInit) return {};  // the restart from the last one still waits
-
+    Ostrel_DHCPClientTellConflict(client, addresses->senderMAC);
+    const bool isKept = Defends(client);
+    const bool isHeldBack = !isKept && Ostrel_DHCPClientStormAsk(client, client->declines, "DECLINE") != 0;
+    if (isKept || (isHeldBack && client->state == kClientStateInit)) {  // the restart from the last one still waits
+        Ostrel_InterfacePictureChanged(client->iface);
+        return {};
+    }
     Ostrel_DHCPClientDisarm(client, kClientTimeoutArping);
     DebugPrintF(kDebugLevelInfo, "[%s] DHCP Client RX'd ARP %s from %.6a for lease offer of %.4a.\n",
                 client->iface->ifname.data(), be16toh(arpHeader->operation) == kARPReply ? "REPLY" : "REQUEST",

@@ -33,6 +33,7 @@ bool Ostrel_DHCPClientTakeFrame(Ostrel_ClientObj* client) {
     if (Ostrel_DHCPClientFrameRest(client, 1) != 0) {
         DebugPrintF(kDebugLevelInfo, "[%s] DHCP Client leaves a frame out: there were too many.\n",
                     client->iface->ifname.data());
+        ++client->counters.dropped[static_cast<size_t>(Ostrel_VerdictKind::Limited)];
         return false;
     }
     Ostrel_FrameNote(client->frames);

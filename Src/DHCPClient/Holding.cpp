@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr uint64_t kLasting = 60'000;  // milliseconds: a lease that was held for so long has lasted
-
 void LogAddresses(const char* format, std::span<const Ostrel_IPv4> addresses) {
     for (size_t i = 0; i < addresses.size(); ++i) DebugPrintF(kDebugLevelInfo, format, i, &addresses[i]);
 }
@@ -39,17 +37,24 @@ void LogAcceptedLease(const Ostrel_ClientObj* client) {
     DebugPrintF(kDebugLevelInfo, "##### \n");
 }
 
+// Why a lease is extended now: its T1 or T2, unless a caller wants it, or it was asked for before.
+Ostrel_Reason ReasonToExtend(const Ostrel_ClientObj* client, Ostrel_ClientState state, Ostrel_Reason due) {
+    if (client->isToldToExtend) return Ostrel_Reason::Action;
+    return client->state == state ? Ostrel_Reason::Timeout : due;
+}
+
 // A REQUEST of its own transaction, by which a lease is extended.
-void BeginExtension(Ostrel_ClientObj* client, Ostrel_ClientState state) {
+void BeginExtension(Ostrel_ClientObj* client, Ostrel_ClientState state, Ostrel_Reason due) {
     if (client->state != state) client->transactionStart = os_monotonic_milliseconds();
-    Ostrel_DHCPClientEnterState(client, state);
+    Ostrel_DHCPClientEnterState(client, state, ReasonToExtend(client, state, due));
+    client->isToldToExtend = false;
     client->transactionID = Ostrel_DHCPClientNextTransactionID(client);
     client->requestSent = os_monotonic_milliseconds();
 }
 
 // Asks the server that granted the lease.
 Ostrel_Status Ostrel_DHCPClientStateTransition_Renewing(Ostrel_ClientObj* client) {
-    BeginExtension(client, kClientStateRenewing);
+    BeginExtension(client, kClientStateRenewing, Ostrel_Reason::Renewal);
     OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientSend(client, Ostrel_DHCPClientRenewalOf(client)));
     Ostrel_DHCPClientArm(client, kClientTimeoutRenewing,
                          Ostrel_DHCPClientTakeRetryWait(client, kClientTimeoutRenewing, client->lease.renewRetryTime));
@@ -58,7 +63,7 @@ Ostrel_Status Ostrel_DHCPClientStateTransition_Renewing(Ostrel_ClientObj* client
 
 // Broadcast: any server may extend the lease.
 Ostrel_Status Ostrel_DHCPClientStateTransition_Rebinding(Ostrel_ClientObj* client) {
-    BeginExtension(client, kClientStateRebinding);
+    BeginExtension(client, kClientStateRebinding, Ostrel_Reason::Rebinding);
     Ostrel_DHCPClientDisarm(client, kClientTimeoutRenewing);
     OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientSend(client, Ostrel_DHCPClientRebindingOf(client)));
     Ostrel_DHCPClientArm(
@@ -83,18 +88,9 @@ Welcome WelcomeOf(const Ostrel_ClientObj* client) {
 
 }  // namespace
 
-void Ostrel_DHCPClientSetHeld(Ostrel_ClientObj* client, bool isHeld) {
-    const uint64_t now = os_monotonic_milliseconds();
-    if (isHeld == client->iface->leaseIsHeld) return;
-    if (isHeld) client->heldSince = now;
-    if (!isHeld && now - client->heldSince >= kLasting) client->setbacks = 0;
-    client->defences = 0;
-    Ostrel_InterfaceLeaseChanged(client->iface, isHeld);
-}
-
 Ostrel_Status Ostrel_DHCPClientStateTransition_Bound(Ostrel_ClientObj* client) {
     const Welcome welcome = WelcomeOf(client);
-    Ostrel_DHCPClientEnterState(client, kClientStateBound);
+    Ostrel_DHCPClientEnterState(client, kClientStateBound, Ostrel_Reason::Ack);
     Ostrel_DHCPClientCancelAllTimeouts(client);
     Ostrel_DHCPClientFreeLeaseOffers(client);
     client->announcementsLeft = welcome.announcements;
@@ -103,7 +99,8 @@ Ostrel_Status Ostrel_DHCPClientStateTransition_Bound(Ostrel_ClientObj* client) {
 }
 
 void Ostrel_DHCPClientTimeout_Bound(void* context, void* /*iface*/) {
-    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
+    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, kClientTimeoutArping, __func__);
+    Ostrel_InterfacePictureTurns(client->iface);
     client->isChecking = false;
     LogAcceptedLease(client);
     Ostrel_DHCPClientSetHeld(client, true);
@@ -115,22 +112,20 @@ void Ostrel_DHCPClientTimeout_Bound(void* context, void* /*iface*/) {
 }
 
 void Ostrel_DHCPClientTimeout_Renewing(void* context, void* /*iface*/) {
-    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
+    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, kClientTimeoutRenewing, __func__);
     if (Ostrel_DHCPClientHasToWait(client, kClientTimeoutRenewing)) return;
     const Ostrel_Status status = Ostrel_DHCPClientStateTransition_Renewing(client);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
 }
 
 void Ostrel_DHCPClientTimeout_Rebinding(void* context, void* /*iface*/) {
-    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
+    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, kClientTimeoutRebinding, __func__);
     if (Ostrel_DHCPClientHasToWait(client, kClientTimeoutRebinding)) return;
     const Ostrel_Status status = Ostrel_DHCPClientStateTransition_Rebinding(client);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
 }
 
-// A lease that was over at once counts as a refusal, or a server that grants seconds would be asked without end.
 void Ostrel_DHCPClientTimeout_Expiry(void* context, void* /*iface*/) {
-    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
-    const bool hasLasted = os_monotonic_milliseconds() - client->heldSince >= kLasting;
-    Ostrel_DHCPClientStateTransition_Init(client, hasLasted ? kClientSetbackNone : kClientSetbackRefused);
+    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, kClientTimeoutExpiry, __func__);
+    Ostrel_DHCPClientStateTransition_Init(client, Ostrel_Reason::Expired);
 }

@@ -64,20 +64,19 @@ inline constexpr std::array<Ostrel_TimeoutKind, 13> kClientTimeouts{{
 [[nodiscard]] const Ostrel_TimeoutKind& Ostrel_DHCPClientKindOf(const Ostrel_ClientObj* client,
                                                                 Ostrel_ClientTimeout timeout);
 
-// Arms a timeout; an earlier one of its kind stays.
-inline void Ostrel_DHCPClientArm(Ostrel_ClientObj* client, Ostrel_ClientTimeout timeout, uint64_t milliseconds) {
-    Ostrel_ArmTimeout(client->iface, client, Ostrel_DHCPClientKindOf(client, timeout), milliseconds);
-}
-inline void Ostrel_DHCPClientDisarm(Ostrel_ClientObj* client, Ostrel_ClientTimeout timeout) {
-    Ostrel_DisarmTimeout(client->iface, client, Ostrel_DHCPClientKindOf(client, timeout));
-}
-inline void Ostrel_DHCPClientCancelAllTimeouts(Ostrel_ClientObj* client) {
-    Ostrel_DisarmTimeouts(client->iface, client, kClientTimeouts);
-}
+// Arms a timeout; an earlier one of its kind stays. PutOff cancels all but the end of the lease.
+void Ostrel_DHCPClientArm(Ostrel_ClientObj* client, Ostrel_ClientTimeout timeout, uint64_t milliseconds);
+void Ostrel_DHCPClientRearm(Ostrel_ClientObj* client, Ostrel_ClientTimeout timeout, uint64_t milliseconds);
+void Ostrel_DHCPClientDisarm(Ostrel_ClientObj* client, Ostrel_ClientTimeout timeout);
+void Ostrel_DHCPClientCancelAllTimeouts(Ostrel_ClientObj* client);
+void Ostrel_DHCPClientPutOff(Ostrel_ClientObj* client);
 
 [[nodiscard]] inline bool Ostrel_DHCPClientIsStatic(const Ostrel_ClientObj* client) {
     return (client->configMode & kOstrelConfigStatic) != 0;
 }
+
+inline constexpr uint32_t kRequestTries = 5;  // in REQUESTING, before the client starts over
+inline constexpr uint32_t kConfirmTries = 4;  // in REBOOTING, before a lease is kept without an answer
 
 // The object's parts. The first two leave what was there in place when memory is out. The identifier becomes `type`
 // and the bytes; kTooLongErr when that does not fit option 61.
@@ -89,41 +88,46 @@ void Ostrel_DHCPClientFreeLeaseInfo(Ostrel_ClientObj* client);
 // Drops the lease; a static one stays, and a manual address stays.
 void Ostrel_DHCPClientResetLeaseInfo(Ostrel_ClientObj* client);
 
-// The one door to a new state, and what a timeout's handler begins with.
-void Ostrel_DHCPClientEnterState(Ostrel_ClientObj* client, Ostrel_ClientState state);
-[[nodiscard]] Ostrel_ClientObj* Ostrel_DHCPClientEnterHandler(void* client, const char* handler);
+// The one door to a new state, and what a timeout's handler begins with. The state that it is in already, entered for
+// want of an answer, is only gone on with: it keeps its time and its reason.
+void Ostrel_DHCPClientEnterState(Ostrel_ClientObj* client, Ostrel_ClientState state, Ostrel_Reason reason);
+[[nodiscard]] Ostrel_ClientObj* Ostrel_DHCPClientEnterHandler(void* client, Ostrel_ClientTimeout timeout,
+                                                              const char* handler);
 
-// What has thrown the client back to INIT. The rules say how long it then pauses.
-enum Ostrel_ClientSetback : uint8_t {
-    kClientSetbackNone,
-    kClientSetbackRefused,   // a DHCPNAK, or a lease that was over at once
-    kClientSetbackConflict,  // another host has the address
-    kClientSetbackLink,      // the link was lost, or the device asleep
-};
-
-// Steps of the state machine that others than its own timeouts take. The first two never fail.
-Ostrel_Status Ostrel_DHCPClientStateTransition_Init(Ostrel_ClientObj* client,
-                                                    Ostrel_ClientSetback setback = kClientSetbackNone);
-Ostrel_Status Ostrel_DHCPClientStateTransition_InitReboot(Ostrel_ClientObj* client);
+// Steps of the state machine that others than its own timeouts take. The first two never fail. How long the client
+// pauses in INIT is up to the reason and the rules.
+Ostrel_Status Ostrel_DHCPClientStateTransition_Init(Ostrel_ClientObj* client, Ostrel_Reason reason);
+Ostrel_Status Ostrel_DHCPClientStateTransition_InitReboot(Ostrel_ClientObj* client, Ostrel_Reason reason);
 // Takes the lease record as the new lease and starts its ARP check.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPClientStateTransition_Bound(Ostrel_ClientObj* client);
 // Asks for `address`, after `milliseconds`. A lease that is held stays, and its end goes on counting.
-void Ostrel_DHCPClientStateTransition_Rebooting(Ostrel_ClientObj* client, Ostrel_IPv4 address, uint64_t milliseconds);
+void Ostrel_DHCPClientStateTransition_Rebooting(Ostrel_ClientObj* client, Ostrel_IPv4 address, uint64_t milliseconds,
+                                                Ostrel_Reason reason);
 
-// What the lease is from now on to the interface and its other roles: held, its address checked, or not.
+// What the lease is from now on to the interface and its other roles: held, its address checked, or not. Saying that it
+// is held puts an end to doubts.
 void Ostrel_DHCPClientSetHeld(Ostrel_ClientObj* client, bool isHeld);
-// Cancels every timeout but the end of the lease.
-void Ostrel_DHCPClientPutOff(Ostrel_ClientObj* client);
+// The lease stays, but nobody may use its address until it is confirmed.
+void Ostrel_DHCPClientDoubt(Ostrel_ClientObj* client, Ostrel_Reason reason);
+
+// Story.cpp: what "interfaceState" tells. A conflict is posted with what follows from it. Times looks at what is armed,
+// which is done wherever that changes; WasAsleep says that the clock of the moments has stood still.
+void Ostrel_DHCPClientTellSent(Ostrel_ClientObj* client, uint8_t messageType);
+void Ostrel_DHCPClientTellConflict(Ostrel_ClientObj* client, const Ostrel_MAC& mac);
+void Ostrel_DHCPClientTellTimes(Ostrel_ClientObj* client);
+void Ostrel_DHCPClientWasAsleep(Ostrel_ClientObj* client);
 
 // Begins the ARP check of the lease's address, of `milliseconds`; 0: none.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPClientBeginCheck(Ostrel_ClientObj* client, uint32_t milliseconds);
+
+inline constexpr uint64_t kLasting = 60'000;  // milliseconds: a lease that was held for so long has lasted
 
 // Waits.cpp: what is left to chance, and how long the client waits, in milliseconds.
 [[nodiscard]] uint32_t Ostrel_DHCPClientDraw(const Ostrel_ClientObj* client, uint32_t minimum, uint32_t maximum);
 [[nodiscard]] uint32_t Ostrel_DHCPClientNewTransactionID(const Ostrel_ClientObj* client);
 [[nodiscard]] uint32_t Ostrel_DHCPClientNextTransactionID(const Ostrel_ClientObj* client);
 [[nodiscard]] uint64_t Ostrel_DHCPClientWait(const Ostrel_ClientObj* client, uint64_t milliseconds);
-[[nodiscard]] uint64_t Ostrel_DHCPClientTakePause(Ostrel_ClientObj* client, Ostrel_ClientSetback setback);
+[[nodiscard]] uint64_t Ostrel_DHCPClientTakePause(Ostrel_ClientObj* client, Ostrel_Reason reason);
 [[nodiscard]] uint64_t Ostrel_DHCPClientTakeSelectingWait(Ostrel_ClientObj* client);
 [[nodiscard]] uint64_t Ostrel_DHCPClientRequestingWait(const Ostrel_ClientObj* client);
 // Of a period that has `remaining` seconds left: half of that, which is then used up, but not less than the row's
@@ -164,10 +168,16 @@ struct Ostrel_ClientMessage {
 [[nodiscard]] Ostrel_Status Ostrel_DHCPClientKeepSentOptions(Ostrel_ClientObj* client,
                                                              const Ostrel_OptionList& options);
 
-// A DHCPACK as a lease; the record is of no use on failure.
+// Who sent a DHCPNAK, by option 54, which it should have (RFC 2131 table 3), or else by its IPv4 source.
+[[nodiscard]] Ostrel_IPv4 Ostrel_DHCPClientRefuserOf(const Ostrel_PreprocessedPacket& packet);
+
+// A DHCPACK as a lease; on failure the record is of no use, and `fault` says what is wrong. FaultOf: what that is where
+// the option `code` could not be read.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPClientReadLease(const Ostrel_ClientObj* client,
                                                        const Ostrel_PreprocessedPacket& packet,
-                                                       Ostrel_ClientLease& lease);
+                                                       Ostrel_ClientLease& lease, Ostrel_Verdict& fault);
+[[nodiscard]] Ostrel_Verdict Ostrel_DHCPClientFaultOf(const Ostrel_OptionIndex& options, uint8_t code,
+                                                      Ostrel_Status status);
 
 // How many frames the rules let out in a second and in a minute. Take counts one that is about to be sent, or says that
 // there is no room for it; Rest is the milliseconds until there is room for so many more, ExchangeRest for those of a

@@ -12,11 +12,10 @@
 
 namespace {
 
-constexpr uint32_t kConfirmTries = 4;  // before the lease is kept without an answer
-
 // Nobody has confirmed the lease, nobody has refused it: it goes on to its end, and any server may extend it.
 void KeepUnconfirmed(Ostrel_ClientObj* client) {
-    Ostrel_DHCPClientEnterState(client, kClientStateRebinding);
+    Ostrel_DHCPClientEnterState(client, kClientStateRebinding, Ostrel_Reason::Timeout);
+    Ostrel_DHCPClientSetHeld(client, true);
     Ostrel_DHCPClientArm(
         client, kClientTimeoutRebinding,
         Ostrel_DHCPClientTakeRetryWait(client, kClientTimeoutRebinding, client->lease.rebindRetryTime));
@@ -29,14 +28,14 @@ void BeginTransaction(Ostrel_ClientObj* client) {
 }
 
 // Goes on where the network may be another one.
-void StartAfresh(Ostrel_ClientObj* client) {
+void StartAfresh(Ostrel_ClientObj* client, Ostrel_Reason reason) {
     if (client->state == kClientStateInitReboot || client->linkIsLost) return;
     if (!client->iface->leaseIsHeld) {
-        Ostrel_DHCPClientStateTransition_Init(client, kClientSetbackLink);
+        Ostrel_DHCPClientStateTransition_Init(client, reason);
         return;
     }
-    const uint64_t wait = Ostrel_DHCPClientTakePause(client, kClientSetbackLink);
-    Ostrel_DHCPClientStateTransition_Rebooting(client, client->lease.IPv4Address, wait);
+    const uint64_t wait = Ostrel_DHCPClientTakePause(client, reason);
+    Ostrel_DHCPClientStateTransition_Rebooting(client, client->lease.IPv4Address, wait, reason);
 }
 
 // The interface's Ethernet address may have become another one. An identifier made of it follows.
@@ -51,22 +50,17 @@ void TakeOverAddress(Ostrel_ClientObj* client) {
 
 }  // namespace
 
-void Ostrel_DHCPClientPutOff(Ostrel_ClientObj* client) {
-    for (const Ostrel_TimeoutKind& kind : kClientTimeouts) {
-        if (kind.handler != Ostrel_DHCPClientTimeout_Expiry) Ostrel_DisarmTimeout(client->iface, client, kind);
-    }
-}
-
-void Ostrel_DHCPClientStateTransition_Rebooting(Ostrel_ClientObj* client, Ostrel_IPv4 address, uint64_t milliseconds) {
-    Ostrel_DHCPClientEnterState(client, kClientStateRebooting);
-    Ostrel_DHCPClientPutOff(client);
+void Ostrel_DHCPClientStateTransition_Rebooting(Ostrel_ClientObj* client, Ostrel_IPv4 address, uint64_t milliseconds,
+                                                Ostrel_Reason reason) {
     client->rebootAddress = address;
+    Ostrel_DHCPClientEnterState(client, kClientStateRebooting, reason);
+    Ostrel_DHCPClientPutOff(client);
     client->requestRetries = 0;
     Ostrel_DHCPClientArm(client, kClientTimeoutRebooting, milliseconds);
 }
 
 void Ostrel_DHCPClientTimeout_Rebooting(void* context, void* /*iface*/) {
-    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
+    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, kClientTimeoutRebooting, __func__);
     if (client->linkIsLost) return;  // its return confirms the lease, or starts the client
     if (client->requestRetries == 0) {
         if (const uint32_t rest = Ostrel_DHCPClientExchangeRest(client); rest != 0) {
@@ -75,7 +69,7 @@ void Ostrel_DHCPClientTimeout_Rebooting(void* context, void* /*iface*/) {
         }
         BeginTransaction(client);
     } else if (!client->iface->leaseIsHeld) {
-        Ostrel_DHCPClientStateTransition_Init(client);
+        Ostrel_DHCPClientStateTransition_Init(client, Ostrel_Reason::Timeout);
         return;
     } else if (client->requestRetries >= kConfirmTries) {
         KeepUnconfirmed(client);
@@ -86,18 +80,23 @@ void Ostrel_DHCPClientTimeout_Rebooting(void* context, void* /*iface*/) {
         OSTREL_REPORT_STATUS(status);
         return;
     }
-    Ostrel_DHCPClientArm(client, kClientTimeoutRebooting, Ostrel_DHCPClientRequestingWait(client));
+    const uint64_t wait = Ostrel_DHCPClientRequestingWait(client);
     ++client->requestRetries;
+    Ostrel_DHCPClientArm(client, kClientTimeoutRebooting, wait);
 }
 
 void Ostrel_DHCPClientLinkChanged(Ostrel_ClientObj* client, bool isRunning) {
     if (isRunning == !client->linkIsLost || Ostrel_DHCPClientIsStatic(client)) return;
+    if (!isRunning) {
+        Ostrel_DHCPClientDoubt(client, client->iface->link.isThere ? Ostrel_Reason::Link : Ostrel_Reason::Removed);
+    }
     client->linkIsLost = !isRunning;
     TakeOverAddress(client);
     Ostrel_DHCPClientPutOff(client);
-    StartAfresh(client);
+    StartAfresh(client, Ostrel_Reason::Link);
 }
 
 void Ostrel_DHCPClientWokeUp(Ostrel_ClientObj* client) {
-    if (!Ostrel_DHCPClientIsStatic(client)) StartAfresh(client);
+    Ostrel_DHCPClientWasAsleep(client);
+    if (!Ostrel_DHCPClientIsStatic(client)) StartAfresh(client, Ostrel_Reason::WakeUp);
 }

@@ -17,6 +17,7 @@
 
 #include "Ostrel/Check.h"
 #include "Ostrel/Log.h"
+#include "Ostrel/Publish.h"
 
 #include "DHCPClient/Machine.h"
 
@@ -32,6 +33,10 @@ bool AwaitsAck(const Ostrel_ClientObj* client) {
            client->state == kClientStateRenewing || client->state == kClientStateRebinding;
 }
 
+Ostrel_Verdict OutOfState(const Ostrel_ClientObj* client) {
+    return {.kind = Ostrel_VerdictKind::State, .state = Ostrel_ClientStateString(client->state)};
+}
+
 // Whether a message comes from the server that the REQUEST under way was for.
 bool IsOfServerAsked(const Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
     Ostrel_IPv4 asked = kAnyIPv4;
@@ -44,16 +49,22 @@ bool IsOfServerAsked(const Ostrel_ClientObj* client, const Ostrel_PreprocessedPa
     return status == kNoErr && server == asked;
 }
 
-// Whether a DHCPACK, of the right transaction, may come from its server. A lease is extended by whoever knows of it.
-bool MayGrant(const Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
-    if (!client->rules->answersAreMatched || client->state != kClientStateRequesting) return true;
-    return IsOfServerAsked(client, packet);
+// What keeps a DHCPACK from counting. A lease is extended by whoever knows of it.
+Ostrel_Verdict JudgeAck(const Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
+    if (!IsForUs(client, packet)) return {.kind = Ostrel_VerdictKind::NotForUs};
+    if (packet.dhcpPkt->xid != client->transactionID) return {.kind = Ostrel_VerdictKind::TransactionID};
+    if (!AwaitsAck(client)) return OutOfState(client);
+    if (!client->rules->answersAreMatched || client->state != kClientStateRequesting) return {};
+    return {.kind = IsOfServerAsked(client, packet) ? Ostrel_VerdictKind::Taken : Ostrel_VerdictKind::Server};
 }
 
-// Whether a DHCPNAK ends what the client is doing.
-bool MayRefuse(const Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
-    if (!client->rules->answersAreMatched) return true;
-    return AwaitsAck(client) && packet.dhcpPkt->xid == client->transactionID && IsOfServerAsked(client, packet);
+// What keeps a DHCPNAK from ending what the client is doing.
+Ostrel_Verdict JudgeNack(const Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
+    if (!IsForUs(client, packet)) return {.kind = Ostrel_VerdictKind::NotForUs};
+    if (!client->rules->answersAreMatched) return {};
+    if (packet.dhcpPkt->xid != client->transactionID) return {.kind = Ostrel_VerdictKind::TransactionID};
+    if (!AwaitsAck(client)) return OutOfState(client);
+    return {.kind = IsOfServerAsked(client, packet) ? Ostrel_VerdictKind::Taken : Ostrel_VerdictKind::Server};
 }
 
 // A server that offers twice keeps its place; its later address counts.
@@ -69,62 +80,101 @@ Ostrel_Status StoreOffer(Ostrel_ClientObj* client, Ostrel_IPv4 serverIdentifier,
     return kNoErr;
 }
 
-void Ostrel_DHCPClientProcessOffer(Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
-    if (!IsForUs(client, packet)) return;
+Ostrel_Verdict Ostrel_DHCPClientProcessOffer(Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
+    if (!IsForUs(client, packet)) return {.kind = Ostrel_VerdictKind::NotForUs};
     OSTREL_REQUIRE(packet.dhcpPkt->xid == client->transactionID,
-                   "( preprocessPkt->dhcpPkt->xid == client->transactionID )", );
-    if (client->state != kClientStateSelecting) return;
+                   "( preprocessPkt->dhcpPkt->xid == client->transactionID )",
+                   {.kind = Ostrel_VerdictKind::TransactionID});
+    if (client->state != kClientStateSelecting) return OutOfState(client);
 
     Ostrel_IPv4 serverIdentifier = kAnyIPv4;
-    Ostrel_Status status =
-        Ostrel_BOOTPPacketFindOptionAsIPv4(Ostrel_OptionsOf(packet), kOptionServerIdentifier, &serverIdentifier);
+    const Ostrel_OptionIndex& options = Ostrel_OptionsOf(packet);
+    Ostrel_Status status = Ostrel_BOOTPPacketFindOptionAsIPv4(options, kOptionServerIdentifier, &serverIdentifier);
     if (status == kNoErr) status = StoreOffer(client, serverIdentifier, packet.dhcpPkt->yiaddr);
     if (status != kNoErr) {
         OSTREL_REPORT_STATUS(status);
-        return;
+        return Ostrel_DHCPClientFaultOf(options, kOptionServerIdentifier, status);
     }
+    ++client->counters.offerReceived;
+    client->story.server = client->leaseOffers->serverIdentifier;
+    Ostrel_InterfacePictureChanged(client->iface);
     // The selecting period ends on the next pass of the loop, after the offers that have already arrived.
-    Ostrel_RearmTimeout(client->iface, client, kClientTimeouts[kClientTimeoutSelecting], 0);
+    Ostrel_DHCPClientRearm(client, kClientTimeoutSelecting, 0);
+    return {};
 }
 
-Ostrel_Status Ostrel_DHCPClientProcessAck(Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
-    if (!IsForUs(client, packet) || packet.dhcpPkt->xid != client->transactionID || !AwaitsAck(client)) return kNoErr;
-    if (!MayGrant(client, packet)) return kNoErr;
+// The lease that is held stays with its address; with another one, that has to be checked first.
+void TakeLease(Ostrel_ClientObj* client, Ostrel_ClientLease& lease) {
+    ++client->counters.ackReceived;
+    if (lease.IPv4Address != client->lease.IPv4Address) Ostrel_DHCPClientDoubt(client, Ostrel_Reason::Ack);
+    Ostrel_InterfacePictureTurns(client->iface);
+    client->lease = std::move(lease);
+    client->story.server = client->lease.serverIdentifier;
+}
+
+Ostrel_Status Ostrel_DHCPClientProcessAck(Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet,
+                                          Ostrel_Verdict& verdict) {
+    verdict = JudgeAck(client, packet);
+    if (verdict.kind != Ostrel_VerdictKind::Taken) return kNoErr;
 
     Ostrel_ClientLease lease{};
-    const Ostrel_Status status = Ostrel_DHCPClientReadLease(client, packet, lease);
+    const Ostrel_Status status = Ostrel_DHCPClientReadLease(client, packet, lease, verdict);
     if (status != kNoErr) {
         OSTREL_REPORT_STATUS(status);
         // Where a lease is acquired the next retransmission may be answered better.
         const bool isExtending = client->state == kClientStateRenewing || client->state == kClientStateRebinding;
-        if (isExtending && client->rules->malformedAckEndsLease) Ostrel_DHCPClientStateTransition_Init(client);
+        if (isExtending && client->rules->malformedAckEndsLease)
+            Ostrel_DHCPClientStateTransition_Init(client, Ostrel_Reason::Malformed);
         return status;
     }
-    client->lease = std::move(lease);
-    return Ostrel_DHCPClientStateTransition_Bound(client);
+    TakeLease(client, lease);
+    return kNoErr;
 }
 
-void Ostrel_DHCPClientProcessNack(Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
-    if (!IsForUs(client, packet) || !MayRefuse(client, packet)) return;
-    Ostrel_DHCPClientStateTransition_Init(client, kClientSetbackRefused);
+Ostrel_Verdict Ostrel_DHCPClientProcessNack(Ostrel_ClientObj* client, const Ostrel_PreprocessedPacket& packet) {
+    const Ostrel_Verdict verdict = JudgeNack(client, packet);
+    if (verdict.kind != Ostrel_VerdictKind::Taken) return verdict;
+    ++client->counters.nakReceived;
+    Ostrel_InterfacePictureTurns(client->iface);
+    ++client->story.refusals;
+    client->story.server = Ostrel_DHCPClientRefuserOf(packet);
+    Ostrel_DHCPClientStateTransition_Init(client, Ostrel_Reason::Nak);
+    return verdict;
+}
+
+// Counts what became of a frame, and tells those who follow them.
+void Note(Ostrel_ClientObj* client, std::span<const uint8_t> frame, const Ostrel_Verdict& verdict) {
+    if (verdict.kind != Ostrel_VerdictKind::Taken) ++client->counters.dropped[static_cast<size_t>(verdict.kind)];
+    if (!Ostrel_TraceIsWanted(client->iface)) return;
+    Ostrel_VoroServicePublishFrame(client->iface, "client", Ostrel_Direction::Received, frame, verdict);
+}
+
+Ostrel_Verdict WithoutType(const Ostrel_ReceivedMessage& received) {
+    if (received.dissected == kBadSizeErr) return {.kind = Ostrel_VerdictKind::Malformed, .state = "too short"};
+    if (received.dissected != kNoErr) return {.kind = Ostrel_VerdictKind::Malformed, .state = "no options"};
+    return Ostrel_DHCPClientFaultOf(Ostrel_OptionsOf(received.packet), kOptionMessageType, received.typeFound);
 }
 
 }  // namespace
 
 void Ostrel_BOOTPClientPacketFilterHandler(void* context, const uint8_t* /*sourceAddress*/,
                                            std::span<const uint8_t> frame) {
-    const auto* iface = static_cast<const Ostrel_InterfaceObj*>(context);
+    auto* iface = static_cast<Ostrel_InterfaceObj*>(context);
     Ostrel_ClientObj* const client = iface->dhcpClient;
     const Ostrel_ReceivedMessage received = Ostrel_BOOTPPacketReceive(iface, "Client", "bootpc", frame);
     if (received.dissected != kNoErr) OSTREL_REPORT_STATUS(received.dissected);
     if (received.typeFound != kNoErr) {
         OSTREL_REPORT_STATUS(received.typeFound);
-        return;
+        return Note(client, frame, WithoutType(received));
     }
 
-    if (received.messageType == kDHCPOffer) Ostrel_DHCPClientProcessOffer(client, received.packet);
-    if (received.messageType == kDHCPNak) Ostrel_DHCPClientProcessNack(client, received.packet);
-    if (received.messageType != kDHCPAck) return;
-    const Ostrel_Status status = Ostrel_DHCPClientProcessAck(client, received.packet);
+    Ostrel_Verdict verdict{.kind = Ostrel_VerdictKind::MessageType};
+    Ostrel_Status status = kNoErr;
+    if (received.messageType == kDHCPOffer) verdict = Ostrel_DHCPClientProcessOffer(client, received.packet);
+    if (received.messageType == kDHCPNak) verdict = Ostrel_DHCPClientProcessNack(client, received.packet);
+    if (received.messageType == kDHCPAck) status = Ostrel_DHCPClientProcessAck(client, received.packet, verdict);
+    Note(client, frame, verdict);
+    const bool isGranted = received.messageType == kDHCPAck && verdict.kind == Ostrel_VerdictKind::Taken;
+    if (isGranted) status = Ostrel_DHCPClientStateTransition_Bound(client);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
 }

@@ -205,5 +205,10 @@ Ostrel_ClientMessage Ostrel_DHCPClientReleaseOf(const Ostrel_ClientLease& lease)
 
 Ostrel_Status Ostrel_DHCPClientSend(Ostrel_ClientObj* client, const Ostrel_ClientMessage& message) {
     if (message.type != kDHCPRelease && !Ostrel_DHCPClientTakeFrame(client)) return kNoErr;
-    return Ostrel_DHCPClientSend_BOOTPRequest(client, message);
+    const Ostrel_Status status = Ostrel_DHCPClientSend_BOOTPRequest(client, message);
+    if (status == kNoErr)
+        Ostrel_DHCPClientTellSent(client, message.type);
+    else
+        Ostrel_DHCPClientTellTimes(client);  // the step ends, with nothing armed for it
+    return status;
 }

@@ -62,7 +62,6 @@
 namespace {
 
 constexpr uint32_t kInitDelayCap = 299;  // seconds; an upper bound above it is no longer doubled
-constexpr uint32_t kRequestTries = 5;    // in REQUESTING, before the client starts over
 
 static_assert(std::string_view(kClientTimeouts[kClientTimeoutExpiry].name).starts_with(kServiceName));
 
@@ -83,14 +82,15 @@ Ostrel_Status AskForLease(Ostrel_ClientObj* client) {
 }
 
 Ostrel_Status Ostrel_DHCPClientStateTransition_Selecting(Ostrel_ClientObj* client) {
-    Ostrel_DHCPClientEnterState(client, kClientStateSelecting);
+    Ostrel_DHCPClientEnterState(client, kClientStateSelecting, client->story.reason);
     client->selectingTime = client->rules->firstRetry;
     OSTREL_REQUIRE_NOERR(AskForOffers(client));
     return kNoErr;
 }
 
 Ostrel_Status Ostrel_DHCPClientStateTransition_Requesting(Ostrel_ClientObj* client) {
-    Ostrel_DHCPClientEnterState(client, kClientStateRequesting);
+    client->story.server = client->leaseOffers->serverIdentifier;
+    Ostrel_DHCPClientEnterState(client, kClientStateRequesting, Ostrel_Reason::Offer);
     client->requestRetries = 0;
     client->requestSent = os_monotonic_milliseconds();
     OSTREL_REQUIRE_NOERR(AskForLease(client));
@@ -113,17 +113,6 @@ void RaiseInitDelay(Ostrel_ClientObj* client) {
 }
 
 }  // namespace
-
-void Ostrel_DHCPClientEnterState(Ostrel_ClientObj* client, Ostrel_ClientState state) {
-    DebugPrintF(kDebugLevelInfo, "[%s (%d)] DHCP Client state transition %s -> %s.\n", client->iface->ifname.data(),
-                os_monotonic_seconds(), Ostrel_ClientStateString(client->state), Ostrel_ClientStateString(state));
-    client->state = state;
-}
-
-Ostrel_ClientObj* Ostrel_DHCPClientEnterHandler(void* client, const char* handler) {
-    DebugPrintF(kDebugLevelTrace, "%s()\n", handler);
-    return static_cast<Ostrel_ClientObj*>(client);
-}
 
 const char* Ostrel_ClientStateString(Ostrel_ClientState state) {
     switch (state) {
@@ -149,27 +138,19 @@ const char* Ostrel_ClientStateString(Ostrel_ClientState state) {
     return "UNKNOWN";
 }
 
-const char* Ostrel_DHCPClientShownState(const Ostrel_ClientObj* client) {
-    return Ostrel_DHCPClientIsStatic(client) ? "STATIC" : Ostrel_ClientStateString(client->state);
-}
-
-bool Ostrel_DHCPClientHolds(const Ostrel_ClientObj* client) {
-    return client->iface->leaseIsHeld && !client->isInDoubt;
-}
-
-Ostrel_Status Ostrel_DHCPClientStateTransition_Init(Ostrel_ClientObj* client, Ostrel_ClientSetback setback) {
-    Ostrel_DHCPClientEnterState(client, kClientStateInit);
+Ostrel_Status Ostrel_DHCPClientStateTransition_Init(Ostrel_ClientObj* client, Ostrel_Reason reason) {
+    Ostrel_DHCPClientEnterState(client, kClientStateInit, reason);
     Ostrel_DHCPClientCancelAllTimeouts(client);
     Ostrel_DHCPClientResetLeaseInfo(client);
     Ostrel_DHCPClientFreeLeaseOffers(client);
     const uint32_t drawn = Ostrel_DHCPClientDraw(client, client->initDelayMin * 1000, client->initDelayMax * 1000);
     const uint32_t wholeSeconds = drawn - drawn % 1000;
-    Ostrel_DHCPClientArm(client, kClientTimeoutInit, wholeSeconds + Ostrel_DHCPClientTakePause(client, setback));
+    Ostrel_DHCPClientArm(client, kClientTimeoutInit, wholeSeconds + Ostrel_DHCPClientTakePause(client, reason));
     return kNoErr;
 }
 
-Ostrel_Status Ostrel_DHCPClientStateTransition_InitReboot(Ostrel_ClientObj* client) {
-    Ostrel_DHCPClientEnterState(client, kClientStateInitReboot);
+Ostrel_Status Ostrel_DHCPClientStateTransition_InitReboot(Ostrel_ClientObj* client, Ostrel_Reason reason) {
+    Ostrel_DHCPClientEnterState(client, kClientStateInitReboot, reason);
     Ostrel_DHCPClientCancelAllTimeouts(client);
     Ostrel_DHCPClientResetLeaseInfo(client);
     Ostrel_DHCPClientFreeLeaseOffers(client);
@@ -177,7 +158,7 @@ Ostrel_Status Ostrel_DHCPClientStateTransition_InitReboot(Ostrel_ClientObj* clie
 }
 
 void Ostrel_DHCPClientTimeout_Init(void* context, void* /*iface*/) {
-    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
+    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, kClientTimeoutInit, __func__);
     if (client->linkIsLost) return;  // its return starts the client
     if (const uint32_t rest = RestBeforeStart(client); rest != 0) {
         Ostrel_DHCPClientArm(client, kClientTimeoutInit, rest);
@@ -193,7 +174,7 @@ void Ostrel_DHCPClientTimeout_Init(void* context, void* /*iface*/) {
 }
 
 void Ostrel_DHCPClientTimeout_Selecting(void* context, void* /*iface*/) {
-    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
+    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, kClientTimeoutSelecting, __func__);
     if (client->leaseOffers != nullptr) {
         if (Ostrel_DHCPClientHasToWait(client, kClientTimeoutSelecting)) return;
         (void)Ostrel_DHCPClientStateTransition_Requesting(client);  // likewise
@@ -205,13 +186,13 @@ void Ostrel_DHCPClientTimeout_Selecting(void* context, void* /*iface*/) {
         return;
     }
     RaiseInitDelay(client);
-    Ostrel_DHCPClientStateTransition_Init(client);
+    Ostrel_DHCPClientStateTransition_Init(client, Ostrel_Reason::Timeout);
 }
 
 void Ostrel_DHCPClientTimeout_Requesting(void* context, void* /*iface*/) {
-    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, __func__);
+    Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, kClientTimeoutRequesting, __func__);
     if (++client->requestRetries >= kRequestTries) {
-        Ostrel_DHCPClientStateTransition_Init(client);
+        Ostrel_DHCPClientStateTransition_Init(client, Ostrel_Reason::Timeout);
         return;
     }
     const Ostrel_Status status = AskForLease(client);

@@ -38,6 +38,12 @@ uint64_t Fuzzed(const Ostrel_ClientObj* client, uint32_t seconds) {
     return milliseconds - milliseconds / 100 * Ostrel_DHCPClientDraw(client, 0, client->rules->leaseFuzz * 100) / 100;
 }
 
+// A lease that was over at once counts as a refusal, or a server that grants seconds would be asked without end.
+bool IsSetback(const Ostrel_ClientObj* client, Ostrel_Reason reason) {
+    if (reason == Ostrel_Reason::Expired) return os_monotonic_milliseconds() - client->heldSince < kLasting;
+    return reason == Ostrel_Reason::Nak || reason == Ostrel_Reason::Conflict;
+}
+
 // What is left of a time that began with the REQUEST, but not less than `least`.
 uint64_t LeftOf(const Ostrel_ClientObj* client, uint64_t milliseconds, uint64_t least) {
     const uint64_t passed = os_monotonic_milliseconds() - client->requestSent;
@@ -77,14 +83,15 @@ uint64_t Ostrel_DHCPClientWait(const Ostrel_ClientObj* client, uint64_t millisec
 }
 
 // The first pause is doubled with each setback, and never cut short by chance.
-uint64_t Ostrel_DHCPClientTakePause(Ostrel_ClientObj* client, Ostrel_ClientSetback setback) {
+uint64_t Ostrel_DHCPClientTakePause(Ostrel_ClientObj* client, Ostrel_Reason reason) {
     const Ostrel_ClientRules& rules = *client->rules;
-    if (setback == kClientSetbackNone) return 0;
-    if (setback == kClientSetbackLink) return Ostrel_DHCPClientDraw(client, 0, kLinkSpread);
+    if (reason == Ostrel_Reason::Link || reason == Ostrel_Reason::WakeUp)
+        return Ostrel_DHCPClientDraw(client, 0, kLinkSpread);
+    if (!IsSetback(client, reason)) return 0;
     const uint64_t doubled = uint64_t{rules.firstPause} << std::min(client->setbacks, kMostDoublings);
     ++client->setbacks;
     uint64_t pause = std::min<uint64_t>(doubled, rules.longestPause);
-    if (setback == kClientSetbackConflict) pause = std::max<uint64_t>(pause, rules.declinePause);
+    if (reason == Ostrel_Reason::Conflict) pause = std::max<uint64_t>(pause, rules.declinePause);
     return pause == 0 ? 0 : pause + Ostrel_DHCPClientDraw(client, 0, rules.jitter);
 }
 

@@ -26,6 +26,7 @@
 #include "Ostrel/Publish.h"
 #include "Ostrel/Timeout.h"
 
+#include "LinkLocal/Shown.h"
 #include "os_device.h"
 #include "os_memory.h"
 #include "os_time.h"
@@ -33,7 +34,6 @@
 namespace {
 
 constexpr int32_t kProbes = 3;              // RFC 3927 section 9, PROBE_NUM
-constexpr int32_t kAnnouncements = 2;       // ANNOUNCE_NUM
 constexpr int32_t kToleratedConflicts = 9;  // the tenth slows the selector down; MAX_CONFLICTS
 constexpr uint32_t kSlowInterval = 60'000;  // milliseconds, then before a new address; RATE_LIMIT_INTERVAL
 constexpr uint32_t kFallbackWait = 5000;    // milliseconds that the client is given first
@@ -85,12 +85,13 @@ void Publish(const Ostrel_LinkLocalObj* linkLocal) {
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
 }
 
-void EnterState(Ostrel_LinkLocalObj* linkLocal, Ostrel_LinkLocalState state) {
+void EnterState(Ostrel_LinkLocalObj* linkLocal, Ostrel_LinkLocalState state, Ostrel_Reason reason) {
     DebugPrintF(kDebugLevelInfo, "[%s (%d)] Link Local state transition %s -> %s.\n", linkLocal->iface->ifname.data(),
                 os_monotonic_seconds(), Ostrel_LinkLocalStateString(linkLocal->state),
                 Ostrel_LinkLocalStateString(state));
     const bool wasHeld = IsHeld(linkLocal);
     linkLocal->state = state;
+    Ostrel_LinkLocalShow(linkLocal, state, reason);
     if (linkLocal->rules->onlyHeldIsShown && IsHeld(linkLocal) != wasHeld) Publish(linkLocal);
 }
 
@@ -161,7 +162,7 @@ Ostrel_Status ProbeAndRearm(Ostrel_LinkLocalObj* linkLocal) {
 }
 
 Ostrel_Status Ostrel_LinkLocalStateTransition_Init(Ostrel_LinkLocalObj* linkLocal) {
-    EnterState(linkLocal, kLinkLocalStateInit);
+    EnterState(linkLocal, kLinkLocalStateInit, Ostrel_Reason::Timeout);
     linkLocal->numProbes = 0;
     linkLocal->numAnnounces = 0;
     ChooseAddress(linkLocal);
@@ -175,7 +176,7 @@ Ostrel_Status Ostrel_LinkLocalStateTransition_Init(Ostrel_LinkLocalObj* linkLoca
 }
 
 Ostrel_Status Ostrel_LinkLocalStateTransition_Probe(Ostrel_LinkLocalObj* linkLocal) {
-    EnterState(linkLocal, kLinkLocalStateProbe);
+    EnterState(linkLocal, kLinkLocalStateProbe, Ostrel_Reason::Timeout);
     if (linkLocal->numProbes >= kProbes) {
         Arm(linkLocal, kAnnounce, kTimeouts[kAnnounce].longest);
         return kNoErr;
@@ -189,13 +190,15 @@ Ostrel_Status Ostrel_LinkLocalAnnounceAddress(Ostrel_LinkLocalObj* linkLocal) {
     Ostrel_FrameNote(linkLocal->frames);
     OSTREL_REQUIRE_NOERR(Ostrel_ARPAsk(iface, linkLocal->IPv4Address, linkLocal->IPv4Address));
     ++linkLocal->numAnnounces;
+    Ostrel_LinkLocalShowAnnounced(linkLocal);
     DebugPrintF(kDebugLevelTrace, "[%s] IPv4 Link Local; TX'd %d ANNOUNCEs\n", iface->ifname.data(),
                 linkLocal->numAnnounces);
     return kNoErr;
 }
 
 Ostrel_Status Ostrel_LinkLocalStateTransition_Announce(Ostrel_LinkLocalObj* linkLocal) {
-    EnterState(linkLocal, kLinkLocalStateAnnounce);
+    const bool wasHeld = IsHeld(linkLocal);
+    EnterState(linkLocal, kLinkLocalStateAnnounce, wasHeld ? Ostrel_Reason::Timeout : Ostrel_Reason::Checked);
     if (linkLocal->numAnnounces >= kAnnouncements) {
         DebugPrintF(kDebugLevelInfo, "##### [%s] IPv4 Link Local Address \n", linkLocal->iface->ifname.data());
         DebugPrintF(kDebugLevelInfo, "     IPv4   Address     : %.4a\n", &linkLocal->IPv4Address);
@@ -215,7 +218,7 @@ bool CanDefend(const Ostrel_LinkLocalObj* linkLocal) {
 
 // The announcement stands for those that were still to come (RFC 3927 section 2.5 b).
 Ostrel_Status Ostrel_LinkLocalStateTransition_Defend(Ostrel_LinkLocalObj* linkLocal) {
-    EnterState(linkLocal, kLinkLocalStateDefend);
+    EnterState(linkLocal, kLinkLocalStateDefend, Ostrel_Reason::Conflict);
     Ostrel_LinkLocalCancelAllTimeouts(linkLocal);
     linkLocal->numAnnounces = kAnnouncements;
     Arm(linkLocal, kDefend, linkLocal->rules->defendInterval);
@@ -224,18 +227,27 @@ Ostrel_Status Ostrel_LinkLocalStateTransition_Defend(Ostrel_LinkLocalObj* linkLo
 }
 
 // There is no address any more, or no candidate.
-void DropAddress(Ostrel_LinkLocalObj* linkLocal, Ostrel_LinkLocalState state) {
-    if (linkLocal->state != state) EnterState(linkLocal, state);
+void DropAddress(Ostrel_LinkLocalObj* linkLocal, Ostrel_LinkLocalState state, Ostrel_Reason reason) {
+    if (linkLocal->state != state)
+        EnterState(linkLocal, state, reason);
+    else
+        Ostrel_LinkLocalShow(linkLocal, state, reason);
     linkLocal->IPv4Address = kAnyIPv4;
 }
 
+// By the plain rules the machine goes on from where it is, and only those are told who follow it.
+void LeaveAddress(Ostrel_LinkLocalObj* linkLocal, Ostrel_LinkLocalState state, Ostrel_Reason reason) {
+    if (linkLocal->rules->endsAtOnce) return DropAddress(linkLocal, state, reason);
+    Ostrel_LinkLocalShow(linkLocal, state, reason);
+}
+
 // Selects from the beginning, unless nobody wants that, or a lease makes it needless; without a link when that is back.
-void Restart(Ostrel_LinkLocalObj* linkLocal) {
+void Restart(Ostrel_LinkLocalObj* linkLocal, Ostrel_Reason reason) {
     const bool isNeeded = linkLocal->isWanted && !(linkLocal->isFallback && linkLocal->iface->leaseIsHeld);
     Ostrel_LinkLocalCancelAllTimeouts(linkLocal);
-    if (linkLocal->rules->endsAtOnce || !isNeeded)
-        DropAddress(linkLocal, isNeeded ? kLinkLocalStateInit : kLinkLocalStateUnknown);
-    if (isNeeded && linkLocal->iface->link.isRunning) Arm(linkLocal, kInit, linkLocal->isFallback ? kFallbackWait : 0);
+    if (!isNeeded) return DropAddress(linkLocal, kLinkLocalStateUnknown, reason);
+    LeaveAddress(linkLocal, kLinkLocalStateInit, reason);
+    if (linkLocal->iface->link.isRunning) Arm(linkLocal, kInit, linkLocal->isFallback ? kFallbackWait : 0);
 }
 
 void Ostrel_LinkLocalTimeout_Init(void* linkLocal, void*) {
@@ -259,7 +271,9 @@ void Ostrel_LinkLocalTimeout_Defend(void* linkLocal, void*) {
 }
 
 void Ostrel_LinkLocalTimeout_Forget(void* linkLocal, void*) {
-    static_cast<Ostrel_LinkLocalObj*>(linkLocal)->numConflicts = 0;
+    auto* selector = static_cast<Ostrel_LinkLocalObj*>(linkLocal);
+    selector->numConflicts = 0;
+    Ostrel_InterfacePictureChanged(selector->iface);
 }
 
 // A probe of another host has the sender address 0.0.0.0. By the plain rules it never concerns us: two hosts that probe
@@ -277,11 +291,14 @@ bool IsConflict(const Ostrel_LinkLocalObj* linkLocal, const Ostrel_ARPHeader* ar
     return !linkLocal->rules->probesCount || !os_is_own_address(addresses->senderMAC);
 }
 
-void LogConflict(const Ostrel_LinkLocalObj* linkLocal, const Ostrel_MAC& conflictingMAC) {
+void NoteConflict(const Ostrel_LinkLocalObj* linkLocal, const Ostrel_MAC& conflictingMAC) {
+    ++linkLocal->iface->counters.linkLocalConflicts;
     DebugPrintF(kDebugLevelInfo, "##### [%s] IPv4 Link Local Conflict\n", linkLocal->iface->ifname.data());
     DebugPrintF(kDebugLevelInfo, "     IPv4 Link Local Address : %.4a\n", &linkLocal->IPv4Address);
     DebugPrintF(kDebugLevelInfo, "     Conflicting MAC Address : %.6a\n", conflictingMAC);
     DebugPrintF(kDebugLevelInfo, "##### \n");
+    DebugPrintF(kDebugLevelInfo, "[%s] linkLocal conflict, %.6a has %.4a\n", linkLocal->iface->ifname.data(),
+                conflictingMAC, &linkLocal->IPv4Address);
 }
 
 // Another address, by the plain rules as slowly as a probe, by the rfc rules at once; after many conflicts in a minute.
@@ -289,7 +306,7 @@ void GiveAddressUp(Ostrel_LinkLocalObj* linkLocal) {
     ++linkLocal->numConflicts;
     ++linkLocal->numChoices;
     Ostrel_LinkLocalCancelAllTimeouts(linkLocal);
-    if (linkLocal->rules->endsAtOnce) DropAddress(linkLocal, kLinkLocalStateInit);
+    LeaveAddress(linkLocal, kLinkLocalStateInit, Ostrel_Reason::Conflict);
     if (IsSlow(linkLocal))
         linkLocal->probeInterval = kSlowInterval;
     else
@@ -315,22 +332,13 @@ const char* Ostrel_LinkLocalStateString(Ostrel_LinkLocalState state) {
     return "UNKNOWN";
 }
 
-const char* Ostrel_LinkLocalShownState(const Ostrel_LinkLocalObj* linkLocal) {
-    if (linkLocal->state == kLinkLocalStateUnknown) return "IDLE";
-    const bool isSettled = linkLocal->state == kLinkLocalStateAnnounce && linkLocal->numAnnounces >= kAnnouncements;
-    return isSettled ? "HELD" : Ostrel_LinkLocalStateString(linkLocal->state);
-}
-
-bool Ostrel_LinkLocalHolds(const Ostrel_LinkLocalObj* linkLocal) {
-    return IsHeld(linkLocal) && linkLocal->iface->link.isRunning;
-}
-
 Ostrel_Status Ostrel_LinkLocalInitialize(Ostrel_InterfaceObj* iface, const Ostrel_InterfaceConfig* config) {
     auto* linkLocal = os_new<Ostrel_LinkLocalObj>();
     OSTREL_REQUIRE(linkLocal != nullptr, "linkLocal", kOutOfMemoryErr);
     linkLocal->iface = iface;
     linkLocal->rules = &iface->rules->linkLocal;
     linkLocal->isFallback = config->linkLocalFallback;
+    linkLocal->since = os_monotonic_milliseconds();
     iface->linkLocal = linkLocal;
     return kNoErr;
 }
@@ -348,13 +356,13 @@ Ostrel_Status Ostrel_LinkLocalAction(Ostrel_InterfaceObj* iface, const char* act
     const std::string_view word(action);
     if (word == "init" || word == "renew" || word == "rebind") {
         linkLocal->isWanted = true;
-        Restart(linkLocal);
+        Restart(linkLocal, Ostrel_Reason::Action);
         return kNoErr;
     }
     if (word == "halt") {
         linkLocal->isWanted = false;
         Ostrel_LinkLocalCancelAllTimeouts(linkLocal);
-        if (linkLocal->rules->endsAtOnce) DropAddress(linkLocal, kLinkLocalStateUnknown);
+        LeaveAddress(linkLocal, kLinkLocalStateUnknown, Ostrel_Reason::Action);
         return kNoErr;
     }
     DebugPrintF(kDebugLevelInfo, "[%s] Link Local unknown action request <%s>.\n", iface->ifname.data(), action);
@@ -371,7 +379,7 @@ Ostrel_Verdict Ostrel_LinkLocalARPPacketHandler(Ostrel_LinkLocalObj* linkLocal, 
     OSTREL_REQUIRE(linkLocal != nullptr, "linkLocal", {.kind = Ostrel_VerdictKind::NotConcerned});
     if (!IsConflict(linkLocal, arpHeader, addresses)) return {.kind = Ostrel_VerdictKind::NotConcerned};
 
-    LogConflict(linkLocal, addresses->senderMAC);
+    NoteConflict(linkLocal, addresses->senderMAC);
     if (!CanDefend(linkLocal)) {
         GiveAddressUp(linkLocal);
         return {};
@@ -385,13 +393,15 @@ Ostrel_Verdict Ostrel_LinkLocalARPPacketHandler(Ostrel_LinkLocalObj* linkLocal, 
 // probed anew (RFC 3927 section 2.2).
 void Ostrel_LinkLocalLinkChanged(Ostrel_LinkLocalObj* linkLocal, bool isRunning) {
     Ostrel_LinkLocalCancelAllTimeouts(linkLocal);
-    if (isRunning) Restart(linkLocal);
+    if (!isRunning) return Ostrel_LinkLocalDoubt(linkLocal);
+    Restart(linkLocal, Ostrel_Reason::Link);
+    linkLocal->isInDoubt = false;
 }
 
 void Ostrel_LinkLocalLeaseChanged(Ostrel_LinkLocalObj* linkLocal, bool /*isHeld*/) {
-    if (linkLocal->isFallback) Restart(linkLocal);
+    if (linkLocal->isFallback) Restart(linkLocal, Ostrel_Reason::Lease);
 }
 
 void Ostrel_LinkLocalWokeUp(Ostrel_LinkLocalObj* linkLocal) {
-    Restart(linkLocal);
+    Restart(linkLocal, Ostrel_Reason::WakeUp);
 }

@@ -109,8 +109,9 @@ Ostrel_Status Ostrel_InterfaceInitialize(Ostrel_SystemObj* sysObj, const Ostrel_
 void Ostrel_InterfaceFinalize(Ostrel_InterfaceObj** listHead, Ostrel_InterfaceObj* iface) {
     const char* ifname = iface->ifname.data();
     DebugPrintF(kDebugLevelNotice, "Remove %p from the interface list, for interface %s\n", iface, ifname);
-    Ostrel_InterfacePictureTurns(iface);
+    if (listHead == nullptr) Ostrel_InterfacePictureForget(iface);
     if (listHead != nullptr) {
+        Ostrel_InterfacePictureTurns(iface);
         DebugPrintF(kDebugLevelChatty, "### Must Remove Interface From List <%s>; current head <%p>\n", ifname,
                     *listHead);
         *listHead = Ostrel_InterfaceRemoveFromList(*listHead, ifname);
@@ -133,5 +134,6 @@ void Ostrel_InterfaceFinalize(Ostrel_InterfaceObj** listHead, Ostrel_InterfaceOb
 void Ostrel_InterfaceLeaseChanged(Ostrel_InterfaceObj* iface, bool isHeld) {
     if (iface->leaseIsHeld == isHeld) return;
     iface->leaseIsHeld = isHeld;
+    Ostrel_InterfacePictureChanged(iface);
     if (iface->linkLocal != nullptr) Ostrel_LinkLocalLeaseChanged(iface->linkLocal, isHeld);
 }

@@ -38,10 +38,12 @@ constexpr Ostrel_TimeoutKind kSettlingTimeout{Ostrel_LinkTimeout_Settled, "[Link
                                               kLongestSettling};
 
 void TellRoles(Ostrel_InterfaceObj* iface, bool isRunning) {
+    Ostrel_InterfacePictureTurns(iface);
     iface->link.isRunning = isRunning;
     DebugPrintF(kDebugLevelNotice, "[%s] The link is %s.\n", iface->ifname.data(), isRunning ? "there" : "lost");
     if (iface->dhcpClient != nullptr) Ostrel_DHCPClientLinkChanged(iface->dhcpClient, isRunning);
     if (iface->linkLocal != nullptr) Ostrel_LinkLocalLinkChanged(iface->linkLocal, isRunning);
+    Ostrel_InterfacePictureChanged(iface);
 }
 
 void NoteLost(Ostrel_InterfaceObj* iface) {
@@ -68,6 +70,13 @@ void Ostrel_LinkTimeout_Settled(void* context, void*) {
     TellRoles(iface, true);
 }
 
+// Before the roles are told that the link is lost, so that they know why.
+void NoteThere(Ostrel_InterfaceObj* iface, bool isThere) {
+    if (iface->link.isThere == isThere) return;
+    Ostrel_InterfacePictureTurns(iface);
+    iface->link.isThere = isThere;
+}
+
 // All sockets of the interface, on the one that has its name now.
 Ostrel_Status ReopenSockets(Ostrel_InterfaceObj* iface) {
     OSTREL_REQUIRE_NOERR(Ostrel_PacketFilterReopen(iface, &iface->arpFilter));
@@ -80,8 +89,10 @@ Ostrel_Status ReopenSockets(Ostrel_InterfaceObj* iface) {
 
 // An interface of this name was put into the device. Sockets that cannot be had yet are opened with the next news.
 bool TakeIn(Ostrel_InterfaceObj* iface, int32_t index) {
+    NoteThere(iface, false);
     NoteLost(iface);
     if (ReopenSockets(iface) != kNoErr) return false;
+    Ostrel_InterfacePictureChanged(iface);
     DebugPrintF(kDebugLevelNotice, "[%s] The interface was put back, as number %d.\n", iface->ifname.data(), index);
     iface->link.index = index;
     return true;
@@ -93,6 +104,7 @@ void NoteAddress(Ostrel_InterfaceObj* iface, const Ostrel_MAC& address) {
                 iface->macAddr, address);
     NoteLost(iface);
     iface->macAddr = address;
+    Ostrel_InterfacePictureChanged(iface);
 }
 
 // False when the interface cannot go by that name: another one that is managed does.
@@ -105,8 +117,12 @@ bool Rename(Ostrel_InterfaceObj* iface, const char* ifname) {
         return false;
     }
     DebugPrintF(kDebugLevelNotice, "[%s] The interface is called %s now.\n", iface->ifname.data(), ifname);
+    Ostrel_InterfacePictureTurns(iface);
+    const std::array<char, kInterfaceNameSize> oldName = iface->ifname;
     iface->ifname = {};
     std::copy_n(ifname, std::min(std::strlen(ifname), kInterfaceNameSize - 1), iface->ifname.begin());
+    Ostrel_VoroServicePublishInterfaceState(iface->sysObj, oldName.data());
+    Ostrel_InterfacePictureChanged(iface);
     return true;
 }
 
@@ -127,17 +143,24 @@ os_link FindLink(Ostrel_InterfaceObj* iface, bool* wasRenamed) {
     return *wasRenamed ? link : os_link{};
 }
 
-void LookAt(Ostrel_InterfaceObj* iface) {
+void FollowLink(Ostrel_InterfaceObj* iface) {
     bool wasRenamed = false;
     const os_link now = FindLink(iface, &wasRenamed);
     if (wasRenamed && iface->dhcpClient != nullptr)
         (void)Ostrel_VoroServicePublishClientLeaseInformation(iface->sysObj, iface->dhcpClient);
     if (now.isThere && now.index != iface->link.index && !TakeIn(iface, now.index)) return;
+    NoteThere(iface, now.isThere);
     if (now.isThere) NoteAddress(iface, now.address);
     if (now.isRunning)
         NoteRunning(iface);
     else
         NoteLost(iface);
+}
+
+void LookAt(Ostrel_InterfaceObj* iface) {
+    const bool wasThere = iface->link.isThere;
+    FollowLink(iface);
+    if (iface->link.isThere != wasThere) Ostrel_InterfacePictureChanged(iface);
 }
 
 // Index 0: it may be any link. One that is gone keeps its number until another has its name.

@@ -30,6 +30,11 @@ void Ostrel_InterfacePictureChanged(Ostrel_InterfaceObj* iface) {
 
 void Ostrel_InterfacePictureTurns(Ostrel_InterfaceObj* iface) {
     if (!iface->pictureIsStale) return;
-    eloop_cancel_timeout(Ostrel_PictureTimeout, iface, nullptr);
+    Ostrel_InterfacePictureForget(iface);
     Ostrel_PictureTimeout(iface, nullptr);
+}
+
+void Ostrel_InterfacePictureForget(Ostrel_InterfaceObj* iface) {
+    if (iface->pictureIsStale) eloop_cancel_timeout(Ostrel_PictureTimeout, iface, nullptr);
+    iface->pictureIsStale = false;
 }

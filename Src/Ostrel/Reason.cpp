@@ -45,8 +45,7 @@ std::string Ostrel_VerdictText(const Ostrel_Verdict& verdict) {
     std::string text = kVerdicts[static_cast<size_t>(verdict.kind)].text;
     if (verdict.kind == Ostrel_VerdictKind::State && verdict.state != nullptr) text += std::string(" ") + verdict.state;
     if (verdict.kind != Ostrel_VerdictKind::Malformed) return text;
-    if (verdict.option != 0)
-        return text + ": option " + std::to_string(verdict.option) + " has " + std::to_string(verdict.optionLength) +
-               " bytes";
-    return verdict.state == nullptr ? text : text + ": " + verdict.state;
+    if (verdict.option == 0) return verdict.state == nullptr ? text : text + ": " + verdict.state;
+    text += ": option " + std::to_string(verdict.option) + " ";
+    return text + (verdict.state != nullptr ? verdict.state : "has " + std::to_string(verdict.optionLength) + " bytes");
 }
