@@ -30,6 +30,7 @@ enum Ostrel_LeaseState : uint32_t {
     kLeaseStateOffered = 4,  // an OFFER was sent
     kLeaseStateActive = 5,   // an ACK was sent
 };
+constexpr uint32_t kNumLeaseStates = 6;  // 0 is none
 
 constexpr uint32_t kOfferTimeout = 10;          // seconds that an unclaimed offer is held
 constexpr uint32_t kHoldTime = 600;             // seconds that an address in use by somebody else is held
@@ -43,6 +44,7 @@ struct Ostrel_LeaseInformation {
     Ostrel_LeaseState state;
     Ostrel_MAC srcMAC;
     bool changed;                        // since the bus area last showed it: set by every change of what is shown
+    bool endIsTold;                      // as an event, though the lease ends with the next frame only
     uint32_t offerTime;                  // monotonic seconds when it was offered, taken over, extended or held
     bool wasLeased;                      // once at least, where the rules remember holders
     bool holderHadIt;                    // whoever the slot is tied to has had a lease of it
@@ -89,9 +91,12 @@ struct Ostrel_ServerObj {
     os_owner<Ostrel_LeaseIndex> index;
     os_records<Ostrel_FixedClient> fixed;  // by key
     uint32_t numFixed;
-    Ostrel_OptionList options;              // beside those that stand above
-    os_records<Ostrel_ServerProbe> probes;  // kMaxServerProbes of them; null when nothing is probed
-    uint32_t numProbes;                     // under way, in the order of their ends
+    Ostrel_OptionList options;                      // beside those that stand above
+    os_records<Ostrel_ServerProbe> probes;          // kMaxServerProbes of them; null when nothing is probed
+    uint32_t numProbes;                             // under way, in the order of their ends
+    std::array<uint32_t, kNumLeaseStates> slotsIn;  // by their state
+    bool endsAreTold;                               // when the time of a lease is over: somebody subscribes to events
+    bool endIsAwaited;                              // by the one timeout for all of them
     Ostrel_ServerCounters counters;
 };
 
@@ -122,7 +127,8 @@ struct Ostrel_ServerGauges {
 [[nodiscard]] Ostrel_ServerGauges Ostrel_DHCPServerGaugesOf(const Ostrel_ServerObj* server);
 
 // Somebody has begun to subscribe to "leaseEvents", or nobody does any more: while somebody does, the end of a lease is
-// told when its time is over, and not when the next frame comes.
+// told when its time is over, and not when the next frame comes. Who begins is told of those that are over already and
+// that the table still has.
 void Ostrel_DHCPServerAudienceChanged(Ostrel_ServerObj* server);
 
 // Every ARP frame of the interface: one from an address that is probed says that somebody has it. The verdict: what the

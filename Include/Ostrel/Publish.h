@@ -37,7 +37,16 @@ void Ostrel_InterfacePictureForget(Ostrel_InterfaceObj* iface);
 void Ostrel_VoroServicePublishInterfaceState(Ostrel_SystemObj* sysObj, const char* ifname);
 
 // What happened to a lease of a server, for the subscribers of "/server" "leaseEvents".
-enum class Ostrel_LeaseEventKind : uint8_t { Granted, Renewed, Released, Expired, Refused, Declined, Held, Freed };
+enum class Ostrel_LeaseEventKind : uint8_t {
+    Granted,   // by REQUEST, or an INFORM that takes an address
+    Renewed,   // an active lease is confirmed, or extended where the rules do that
+    Released,  // its client gives it up: by RELEASE, by asking for another address, or by beginning anew
+    Expired,   // its time is over
+    Refused,   // a NAK was sent; the address is the one asked for
+    Declined,  // by its client: somebody else has the address, which is held
+    Held,      // somebody else was found to have the address, or an operator keeps it; a lease of it ends by that
+    Freed,     // the hold is over, or an operator ended it, or a lease
+};
 constexpr uint32_t kNumLeaseEvents = 8;
 
 struct Ostrel_LeaseEvent {
@@ -46,7 +55,7 @@ struct Ostrel_LeaseEvent {
     Ostrel_MAC mac;                     // the client's, or of whoever has the address
     std::span<const uint8_t> hostName;  // any bytes; empty: none
     bool ends;                          // whether `end` counts
-    uint32_t end;                       // of the lease, in seconds of the monotonic clock
+    uint32_t end;                       // of the lease, or of the hold, in seconds of the monotonic clock
 };
 
 // "granted", "renewed" and so on.

@@ -152,6 +152,7 @@ bool SetsInitialize(Ostrel_LeaseIndex& index, uint32_t slots) {
 
 void ListsInitialize(Ostrel_LeaseIndex& index) {
     index.byAge = {.neighbours = &SlotLinks::byAge, .first = kNoSlot, .last = kNoSlot};
+    index.untold = kNoSlot;
     index.offered = {.neighbours = &SlotLinks::offered, .first = kNoSlot, .last = kNoSlot};
     index.rested = {.neighbours = &SlotLinks::byAge, .first = kNoSlot, .last = kNoSlot};
     index.held = {.neighbours = &SlotLinks::offered, .first = kNoSlot, .last = kNoSlot};
@@ -220,7 +221,9 @@ void Ostrel_LeaseIndexLeave(Ostrel_ServerObj* server, uint32_t slot, bool keepsA
     if (IsWithheld(lease)) SlotSetErase(index.withheld, slot);
     if (IsTied(server, slot)) Untie(server, slot);
     if (SlotList* const list = ListOf(server, slot); list != nullptr) Remove(index, *list, slot);
-    if (Ostrel_LeaseIsInUse(lease.state) && !keepsAge) Remove(index, index.byAge, slot);
+    if (!Ostrel_LeaseIsInUse(lease.state) || keepsAge) return;
+    if (index.untold == slot) index.untold = index.links[slot].byAge.next;
+    Remove(index, index.byAge, slot);
 }
 
 void Ostrel_LeaseIndexEnter(Ostrel_ServerObj* server, uint32_t slot, bool keepsAge) {
@@ -231,7 +234,9 @@ void Ostrel_LeaseIndexEnter(Ostrel_ServerObj* server, uint32_t slot, bool keepsA
     if (IsWithheld(lease)) SlotSetInsert(index.withheld, slot);
     if (IsTied(server, slot)) Tie(server, slot);
     if (SlotList* const list = ListOf(server, slot); list != nullptr) Append(index, *list, slot);
-    if (Ostrel_LeaseIsInUse(lease.state) && !keepsAge) Append(index, index.byAge, slot);
+    if (!Ostrel_LeaseIsInUse(lease.state) || keepsAge) return;
+    Append(index, index.byAge, slot);
+    if (index.untold == kNoSlot) index.untold = slot;
 }
 
 uint32_t Ostrel_LeaseIndexLowestTied(const Ostrel_ServerObj* server, uint64_t key, uint32_t from) {

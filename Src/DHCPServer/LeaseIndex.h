@@ -10,7 +10,7 @@
 //   blank       the free ones that were never leased, or, where holders are not remembered, are tied to nobody
 //   withheld    held and kept slots
 //   ties        a hash table of trees; the slots tied to one client are one tree, ordered by slot number
-//   byAge       the slots in use, by offer time
+//   byAge       the slots in use, by offer time; those before `untold` are over, and their ends have been told
 //   offered     the offered ones among them, by offer time
 //   rested      the other free slots, where holders are remembered: by the time at which they fell free
 //   held        the held slots, but for an operator's, by the time at which the hold began
@@ -53,6 +53,7 @@ struct Ostrel_LeaseIndex {
     SlotSet blank;
     SlotSet withheld;
     SlotList byAge;
+    uint32_t untold;  // a slot of byAge, or kNoSlot
     SlotList offered;
     SlotList rested;
     SlotList held;

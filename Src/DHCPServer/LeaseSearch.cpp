@@ -49,7 +49,7 @@ bool IsFreeOrInUse(Ostrel_LeaseState state) {
 // Frees every slot of the client but the chosen one, so that it holds no more than what it asked for by address. A free
 // one has a mark of an OFFER that could not be sent, or is remembered to have been the client's, and stays that.
 void ReleaseOthers(Ostrel_ServerObj* server, const Ostrel_ServerClient& client, const Ostrel_LeaseInformation* chosen) {
-    constexpr char kOtherAddress[] = "its client asks for another address";
+    constexpr Ostrel_LeaseEnding kOtherAddress{"its client asks for another address", Ostrel_LeaseEventKind::Released};
     const auto belongs = server->rules->remembersHolders ? Ostrel_LeaseIsInUse : IsFreeOrInUse;
     if (Ostrel_LeaseWalksAreTraced()) {
         for (Ostrel_LeaseInformation& lease : Ostrel_LeaseSlotsOf(server)) {
@@ -199,6 +199,6 @@ bool Ostrel_DHCPServer_LeaseIsHolder(const Ostrel_ServerObj* server, const Ostre
 void Ostrel_DHCPServer_LeaseForgo(Ostrel_ServerObj* server, const Ostrel_ServerClient& client) {
     for (uint32_t slot = LowestTied(server, client.key, 0, IsOffered); slot != kNoSlot;
          slot = LowestTied(server, client.key, slot + 1, IsOffered)) {
-        Ostrel_LeaseSlotFree(server, &server->leases[slot], "");
+        Ostrel_LeaseSlotFree(server, &server->leases[slot], {"", Ostrel_LeaseEventKind::Freed});
     }
 }

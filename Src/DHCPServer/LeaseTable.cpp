@@ -13,11 +13,14 @@
 #include "Ostrel/Log.h"
 #include "Ostrel/System.h"
 
+#include "DHCPServer/LeaseEvents.h"
 #include "DHCPServer/LeaseIndex.h"
 #include "DHCPServer/Slots.h"
 #include "os_time.h"
 
 namespace {
+
+constexpr Ostrel_LeaseEnding kHoldIsOver{"", Ostrel_LeaseEventKind::Freed};
 
 const char* NameOf(const Ostrel_ServerObj* server) {
     return server->iface->ifname.data();
@@ -39,6 +42,7 @@ struct Books {
 // The one place where a slot's books are written.
 void WriteBooks(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Books& books) {
     const uint32_t slot = Ostrel_LeaseSlotNumber(server, lease);
+    const Ostrel_LeaseState former = lease->state;
     const bool staysInUse = Ostrel_LeaseIsInUse(lease->state) && Ostrel_LeaseIsInUse(books.state);
     const bool keepsAge = staysInUse && lease->offerTime == books.offerTime;
     Ostrel_LeaseIndexLeave(server, slot, keepsAge);
@@ -49,8 +53,14 @@ void WriteBooks(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const 
     lease->wasLeased |= books.state == kLeaseStateActive && server->rules->remembersHolders;
     if (books.state == kLeaseStateActive) lease->holderHadIt = true;
     lease->changed = true;
+    lease->endIsTold = false;
     Ostrel_LeaseIndexSetKey(server, slot, books.key);
     Ostrel_LeaseIndexEnter(server, slot, keepsAge);
+    Ostrel_DHCPServerAwaitEnd(server);
+    if (former == books.state) return;
+    --server->slotsIn[former];
+    ++server->slotsIn[books.state];
+    Ostrel_InterfacePictureChanged(server->iface);
 }
 
 uint64_t KeyOf(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation* lease) {
@@ -131,7 +141,8 @@ void Expire(Ostrel_ServerObj* server, Ostrel_LeaseInformation& lease, uint32_t n
                 "[%s]  ### PRUNE LEASE ### Expire Lease %.4a on %.6a (%s) Now %d, Offered at %d, Lease Time %d.\n",
                 NameOf(server), &lease.IPv4Address, lease.srcMAC, active ? "lease active" : "Offered, never claimed",
                 now, lease.offerTime, active ? server->leaseTime : server->offerTimeout);
-    Ostrel_LeaseSlotFree(server, &lease, "expired");
+    if (active) ++server->counters.leasesExpired;
+    Ostrel_LeaseSlotFree(server, &lease, {"expired", Ostrel_LeaseEventKind::Expired});
 }
 
 void PruneTraced(Ostrel_ServerObj* server, uint32_t now) {
@@ -177,7 +188,7 @@ void PruneOldest(Ostrel_ServerObj* server, uint32_t now) {
 void PruneHeld(Ostrel_ServerObj* server, uint32_t now) {
     const Ostrel_LeaseIndex& index = *server->index;
     while (index.held.first != kNoSlot && now - server->leases[index.held.first].offerTime >= kHoldTime) {
-        Ostrel_LeaseSlotFree(server, &server->leases[index.held.first], "");
+        Ostrel_LeaseSlotFree(server, &server->leases[index.held.first], kHoldIsOver);
     }
 }
 
@@ -203,10 +214,15 @@ HeldFor FindHeldFor(const Ostrel_ServerObj* server, uint64_t key) {
 
 }  // namespace
 
-void Ostrel_LeaseSlotFree(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const char* reason) {
+void Ostrel_LeaseSlotFree(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_LeaseEnding& ending) {
     DebugPrintF(kDebugLevelTrace, "[%s] Free Lease %.4a assigned to %.6a.\n", NameOf(server), &lease->IPv4Address,
                 lease->srcMAC);
-    if (lease->state == kLeaseStateActive) LogEnd(server, *lease, reason);
+    if (lease->state == kLeaseStateActive) {
+        LogEnd(server, *lease, ending.reason);
+        Ostrel_DHCPServerTell(server, ending.event, *lease);
+    } else if (lease->state == kLeaseStateHeld) {
+        Ostrel_DHCPServerTell(server, Ostrel_LeaseEventKind::Freed, *lease);
+    }
     const uint64_t former = FormerHolder(server, lease);
     WriteBooks(server, lease, {lease->isKept ? kLeaseStateKept : kLeaseStateFree, {}, former, 0});
     if (former == 0) lease->holderHadIt = false;
@@ -231,6 +247,7 @@ void Ostrel_DHCPServer_LeaseOffer(Ostrel_ServerObj* server, Ostrel_LeaseInformat
     if (lease->state == kLeaseStateActive) {
         if (server->rules->discoverKeepsLease) return;
         LogEnd(server, *lease, "its client begins anew");
+        Ostrel_DHCPServerTell(server, Ostrel_LeaseEventKind::Released, *lease);
     }
     WriteBooks(server, lease, {kLeaseStateOffered, lease->srcMAC, KeyOf(server, lease), now});
 }
@@ -244,17 +261,23 @@ void Ostrel_DHCPServer_LeaseActivate(Ostrel_ServerObj* server, Ostrel_LeaseInfor
                {kLeaseStateActive, startsAnew ? mac : lease->srcMAC, KeyOf(server, lease),
                 startsAnew ? now : lease->offerTime});
     if (isNew) LogGrant(server, *lease, hostName);
+    ++(isNew ? server->counters.leasesGranted : server->counters.leasesRenewed);
+    Ostrel_DHCPServerTell(server, isNew ? Ostrel_LeaseEventKind::Granted : Ostrel_LeaseEventKind::Renewed, *lease,
+                          hostName);
+    Ostrel_DHCPServerAwaitLateEnd(server, *lease, now);
 }
 
 void Ostrel_DHCPServer_LeaseHold(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
-                                 uint64_t key, uint32_t now, const char* reason) {
+                                 uint64_t key, uint32_t now, const Ostrel_LeaseEnding& ending) {
     const HeldFor held = FindHeldFor(server, key);
-    if (held.count >= kHeldForOne) Ostrel_LeaseSlotFree(server, held.oldest, "");
-    if (lease->state == kLeaseStateActive) LogEnd(server, *lease, reason);
+    if (held.count >= kHeldForOne) Ostrel_LeaseSlotFree(server, held.oldest, kHoldIsOver);
+    if (lease->state == kLeaseStateActive) LogEnd(server, *lease, ending.reason);
     DebugPrintF(kDebugLevelInfo, "[%s] Address %.4a is held for %d s: %s, %.6a\n", NameOf(server), &lease->IPv4Address,
-                kHoldTime, reason, mac);
+                kHoldTime, ending.reason, mac);
     lease->holderHadIt = false;
     WriteBooks(server, lease, {kLeaseStateHeld, mac, key, now});
+    ++server->counters.addressesHeld;
+    Ostrel_DHCPServerTell(server, ending.event, *lease);
     ClearBuffers(lease);
 }
 
@@ -268,6 +291,7 @@ void Ostrel_DHCPServer_LeaseHoldForGood(Ostrel_ServerObj* server, Ostrel_LeaseIn
                 &lease->IPv4Address);
     lease->holderHadIt = false;
     WriteBooks(server, lease, {kLeaseStateHeld, {}, 0, 0, true});
+    Ostrel_DHCPServerTell(server, Ostrel_LeaseEventKind::Held, *lease);
     ClearBuffers(lease);
 }
 
@@ -279,8 +303,9 @@ bool Ostrel_DHCPServer_LeaseKeepHostName(Ostrel_LeaseInformation* lease, std::sp
     return WriteBuffer(lease, data, lease->hostName, lease->hostNameLength);
 }
 
-Ostrel_Status Ostrel_DHCPServer_LeaseClean(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease) {
-    Ostrel_LeaseSlotFree(server, lease, "released");
+Ostrel_Status Ostrel_DHCPServer_LeaseClean(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease,
+                                           Ostrel_LeaseEventKind event) {
+    Ostrel_LeaseSlotFree(server, lease, {"released", event});
     return kNoErr;
 }
 
@@ -297,14 +322,9 @@ Ostrel_LeaseInformation* Ostrel_DHCPServer_LeaseNextUsed(const Ostrel_ServerObj*
 }
 
 Ostrel_ServerGauges Ostrel_DHCPServerGaugesOf(const Ostrel_ServerObj* server) {
-    Ostrel_ServerGauges gauges{};
-    for (const Ostrel_LeaseInformation& lease : Ostrel_LeaseSlotsOf(server)) {
-        gauges.active += lease.state == kLeaseStateActive;
-        gauges.offered += lease.state == kLeaseStateOffered;
-        gauges.held += lease.state == kLeaseStateHeld;
-        gauges.free += lease.state == kLeaseStateFree || lease.state == kLeaseStateKept;
-    }
-    return gauges;
+    const auto& slotsIn = server->slotsIn;
+    return {.active = slotsIn[kLeaseStateActive],
+            .offered = slotsIn[kLeaseStateOffered],
+            .held = slotsIn[kLeaseStateHeld],
+            .free = slotsIn[kLeaseStateFree] + slotsIn[kLeaseStateKept]};
 }
-
-void Ostrel_DHCPServerAudienceChanged(Ostrel_ServerObj* /*server*/) {}

@@ -12,6 +12,7 @@
 #include "Ostrel/DHCPServer.h"
 
 #include "DHCPServer/Client.h"
+#include "DHCPServer/Slots.h"
 
 // Slots that are held because of one client, or one host that has the address: so many that a host of several addresses
 // is heeded, and so few that nobody gets the range. One more, and the oldest falls free.
@@ -64,9 +65,9 @@ void Ostrel_DHCPServer_LeaseActivate(Ostrel_ServerObj* server, Ostrel_LeaseInfor
                                      uint32_t now, std::span<const uint8_t> hostName);
 
 // The slot is nobody's for kHoldTime: the host with this address, which the index knows by the key, has declined it or
-// uses it, as `reason` says in words.
+// uses it, as `ending` says.
 void Ostrel_DHCPServer_LeaseHold(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_MAC& mac,
-                                 uint64_t key, uint32_t now, const char* reason);
+                                 uint64_t key, uint32_t now, const Ostrel_LeaseEnding& ending);
 
 // Whether one more slot may be held because of this host without another falling free.
 [[nodiscard]] bool Ostrel_DHCPServer_LeaseMayBeHeldFor(const Ostrel_ServerObj* server, uint64_t key);
@@ -79,8 +80,10 @@ void Ostrel_DHCPServer_LeaseHoldForGood(Ostrel_ServerObj* server, Ostrel_LeaseIn
 [[nodiscard]] bool Ostrel_DHCPServer_LeaseKeepIdentifier(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data);
 [[nodiscard]] bool Ostrel_DHCPServer_LeaseKeepHostName(Ostrel_LeaseInformation* lease, std::span<const uint8_t> data);
 
-// Returns a slot to the free state: its client has no more use for it.
-Ostrel_Status Ostrel_DHCPServer_LeaseClean(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease);
+// Returns a slot to the free state: its client has no more use for it, which is told as Released, or somebody else has
+// it so, which is told as Freed.
+Ostrel_Status Ostrel_DHCPServer_LeaseClean(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease,
+                                           Ostrel_LeaseEventKind event);
 
 // Cleans the offered slots that nobody claimed in time, and the active and held ones that have reached their end.
 void Ostrel_DHCPServer_LeasePrune(Ostrel_ServerObj* server, uint32_t now);

@@ -83,6 +83,7 @@ Ostrel_Status MakeSlots(Ostrel_ServerObj* server, std::span<const Ostrel_FixedLe
         lease->isKept = true;
         lease->state = kLeaseStateKept;
     }
+    for (const Ostrel_LeaseInformation& lease : Ostrel_LeaseSlotsOf(server)) ++server->slotsIn[lease.state];
     return kNoErr;
 }
 

@@ -22,6 +22,7 @@
 #include "Ostrel/Publish.h"
 
 #include "DHCPServer/Client.h"
+#include "DHCPServer/LeaseEvents.h"
 #include "DHCPServer/LeaseTable.h"
 #include "DHCPServer/Probe.h"
 #include "DHCPServer/Reply.h"
@@ -29,6 +30,8 @@
 #include "os_time.h"
 
 namespace {
+
+using enum Ostrel_VerdictKind;
 
 // What a REQUEST says of its client; the spans lie in the frame, null when the option is absent.
 struct ClientIdentity {
@@ -85,22 +88,54 @@ ClientIdentity ReadIdentity(const Ostrel_PreprocessedPacket& packet) {
     return identity;
 }
 
+// A message that the server leaves alone, for a reason that is no failure.
+Ostrel_Status Drop(const Ostrel_ServerMessage& message, Ostrel_VerdictKind kind, const char* what = nullptr) {
+    *message.verdict = Ostrel_Verdict{.kind = kind, .state = what};
+    return kNoErr;
+}
+
+// The status of handling a message as a verdict.
+Ostrel_Verdict VerdictOf(Ostrel_Status status) {
+    switch (status) {
+        case kNoErr:
+            return {};
+        case kNoSuchItemErr:
+            return {.kind = NoLease};
+        case kNoFreeResourceErr:
+            return {.kind = NoAddress};
+        case kTooShortErr:
+            return {.kind = Malformed, .state = "options without an end"};
+        default:
+            return {.kind = Failed};
+    }
+}
+
+// Of a frame without a message type; taken so far where it has one.
+Ostrel_Verdict VerdictOfFault(const Ostrel_ReceivedMessage& received) {
+    if (received.dissected == kBadSizeErr) return {.kind = Malformed, .state = "shorter than DHCP"};
+    if (received.dissected != kNoErr) return {.kind = Malformed, .state = "not DHCP"};
+    if (received.typeFound == kBadSizeErr) return {.kind = Malformed, .option = kOptionMessageType};
+    if (received.typeFound != kNoErr) return {.kind = Malformed, .state = "no message type"};
+    return {};
+}
+
 Ostrel_Status Ostrel_DHCPServerProcessRequest(Ostrel_ServerObj* server, const Ostrel_ServerMessage& message) {
-    const auto& [packet, client] = message;
+    const auto& [packet, client, verdict] = message;
     if (IsForAnother(server, packet)) {
         Ostrel_DHCPServer_LeaseForgo(server, client);
-        return kNoErr;
+        return Drop(message, Server);
     }
+    const ClientIdentity identity = ReadIdentity(packet);
     const Ostrel_IPv4 requested = RequestedAddress(server, packet);
     Ostrel_LeaseInformation* lease = nullptr;
     const Ostrel_Status found =
         Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPRequest, client, requested, &lease);
     if (found != kNoErr) {
-        if (!IsRefused(server, packet, requested)) return kNoErr;
+        if (!IsRefused(server, packet, requested)) return Drop(message, requested == kAnyIPv4 ? NoLease : Server);
         OSTREL_REPORT_STATUS(found);
         OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerSend_BOOTPReply(server, kDHCPNak, packet, nullptr));
+        Ostrel_DHCPServerTellRefusal(server, client, requested, identity.hostName);
     } else {
-        const ClientIdentity identity = ReadIdentity(packet);
         Ostrel_DHCPServer_LeaseClaim(server, lease, client.station, client.key);
         Ostrel_DHCPServer_LeaseActivate(server, lease, client.station, os_monotonic_seconds(), identity.hostName);
         OSTREL_REQUIRE(Ostrel_DHCPServer_LeaseKeepIdentifier(lease, identity.clientIdentifier),
@@ -109,28 +144,31 @@ Ostrel_Status Ostrel_DHCPServerProcessRequest(Ostrel_ServerObj* server, const Os
                        kOutOfMemoryErr);
         OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerSend_BOOTPReply(server, kDHCPAck, packet, lease));
     }
+    *verdict = Ostrel_Verdict{};
     OSTREL_REQUIRE_NOERR(Ostrel_VoroServicePublishServerLeaseInformation(server->iface->sysObj, server));
     return kNoErr;
 }
 
 Ostrel_Status Ostrel_DHCPServerProcessRelease(Ostrel_ServerObj* server, const Ostrel_ServerMessage& message) {
-    if (IsForAnother(server, message.packet)) return kNoErr;
+    if (IsForAnother(server, message.packet)) return Drop(message, Server);
     Ostrel_LeaseInformation* lease = nullptr;
     const Ostrel_Status found = Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPRelease, message.client,
                                                                         message.packet.dhcpPkt->ciaddr, &lease);
     OSTREL_REQUIRE(found == kNoErr, "lease", kNoSuchItemErr);
-    return Ostrel_DHCPServer_LeaseClean(server, lease);
+    return Ostrel_DHCPServer_LeaseClean(server, lease, Ostrel_LeaseEventKind::Released);
 }
 
 // Only the client that has the address can say that somebody else has it too (RFC 2131 section 4.3.3).
 Ostrel_Status Ostrel_DHCPServerProcessDecline(Ostrel_ServerObj* server, const Ostrel_ServerMessage& message) {
-    const auto& [packet, client] = message;
-    if (!server->rules->declineHolds || IsForAnother(server, packet)) return kNoErr;
+    const auto& [packet, client, verdict] = message;
+    if (!server->rules->declineHolds) return Drop(message, MessageType);
+    if (IsForAnother(server, packet)) return Drop(message, Server);
     const Ostrel_IPv4 declined = AddressIn(packet, kOptionRequestedAddress);
     Ostrel_LeaseInformation* lease = nullptr;
     const Ostrel_Status found = Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPDecline, client, declined, &lease);
     OSTREL_REQUIRE(found == kNoErr, "lease", kNoSuchItemErr);
-    Ostrel_DHCPServer_LeaseHold(server, lease, client.station, client.key, os_monotonic_seconds(), "declined");
+    Ostrel_DHCPServer_LeaseHold(server, lease, client.station, client.key, os_monotonic_seconds(),
+                                {"declined", Ostrel_LeaseEventKind::Declined});
     return kNoErr;
 }
 
@@ -150,11 +188,14 @@ Ostrel_LeaseInformation* BindInformed(Ostrel_ServerObj* server, const Ostrel_Ser
 // By the rfc rules a host of the subnet is told what there is, whoever gave it its address.
 Ostrel_Status Ostrel_DHCPServerProcessInform(Ostrel_ServerObj* server, const Ostrel_ServerMessage& message) {
     const Ostrel_IPv4 ciaddr = message.packet.dhcpPkt->ciaddr;
-    if (!server->rules->informBinds && (ciaddr == kAnyIPv4 || !IsOfSubnet(server, ciaddr))) return kNoErr;
+    if (!server->rules->informBinds && ciaddr == kAnyIPv4) return Drop(message, Malformed, "no ciaddr");
+    if (!server->rules->informBinds && !IsOfSubnet(server, ciaddr)) return Drop(message, Relay);
     const Ostrel_LeaseInformation* lease = server->rules->informBinds ? BindInformed(server, message) : nullptr;
     const bool isAnswered = lease != nullptr || !server->rules->informBinds;
     OSTREL_REQUIRE_NOERR(
         Ostrel_DHCPServerSend_BOOTPReply(server, isAnswered ? kDHCPAck : kDHCPNak, message.packet, lease));
+    if (!isAnswered)
+        Ostrel_DHCPServerTellRefusal(server, message.client, ciaddr, ReadIdentity(message.packet).hostName);
     return kNoErr;
 }
 
@@ -171,8 +212,16 @@ Ostrel_Status ProcessMessage(Ostrel_ServerObj* server, uint8_t messageType, cons
         case kDHCPInform:
             return Ostrel_DHCPServerProcessInform(server, message);
         default:
-            return kNoErr;
+            return Drop(message, MessageType);
     }
+}
+
+void CountReceived(Ostrel_ServerCounters& counters, uint8_t messageType) {
+    if (messageType == kDHCPDiscover) ++counters.discoverReceived;
+    if (messageType == kDHCPRequest) ++counters.requestReceived;
+    if (messageType == kDHCPDecline) ++counters.declineReceived;
+    if (messageType == kDHCPRelease) ++counters.releaseReceived;
+    if (messageType == kDHCPInform) ++counters.informReceived;
 }
 
 // A client behind a relay of another subnet could do nothing with an address of this one.
@@ -190,6 +239,19 @@ void Ostrel_DHCPServerMarkOffered(Ostrel_ServerObj* server, const Ostrel_Preproc
         OSTREL_REPORT_STATUS(kOutOfMemoryErr);
 }
 
+Ostrel_Status Handle(Ostrel_ServerObj* server, const Ostrel_ReceivedMessage& received, Ostrel_Verdict* verdict) {
+    CountReceived(server->counters, received.messageType);
+    if (ComesFromElsewhere(server, received.packet)) {
+        verdict->kind = Relay;
+        return kNoErr;
+    }
+    std::optional<Ostrel_Verdict> said;
+    const Ostrel_ServerMessage message{received.packet, Ostrel_DHCPServerClientOf(server, received.packet), &said};
+    const Ostrel_Status status = ProcessMessage(server, received.messageType, message);
+    *verdict = said ? *said : VerdictOf(status);
+    return status;
+}
+
 }  // namespace
 
 Ostrel_Status Ostrel_DHCPServerOffer(Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& discover,
@@ -201,7 +263,7 @@ Ostrel_Status Ostrel_DHCPServerOffer(Ostrel_ServerObj* server, const Ostrel_Prep
 }
 
 Ostrel_Status Ostrel_DHCPServerProcessDiscover(Ostrel_ServerObj* server, const Ostrel_ServerMessage& message) {
-    const auto& [packet, client] = message;
+    const auto& [packet, client, verdict] = message;
     const Ostrel_IPv4 wished = server->rules->remembersHolders ? AddressIn(packet, kOptionRequestedAddress) : kAnyIPv4;
     Ostrel_LeaseInformation* lease = nullptr;
     OSTREL_REQUIRE_NOERR(Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPDiscover, client, wished, &lease));
@@ -217,17 +279,16 @@ Ostrel_Status Ostrel_DHCPServerProcessDiscover(Ostrel_ServerObj* server, const O
 }
 
 void Ostrel_BOOTPServerPacketFilterHandler(void* context, const uint8_t*, std::span<const uint8_t> frame) {
-    const auto* iface = static_cast<const Ostrel_InterfaceObj*>(context);
+    auto* const iface = static_cast<Ostrel_InterfaceObj*>(context);
     Ostrel_ServerObj* const server = iface->dhcpServer;
+    Ostrel_TraceReceiving(iface, "server", frame);
     Ostrel_DHCPServer_LeasePrune(server, os_monotonic_seconds());
     const Ostrel_ReceivedMessage received = Ostrel_BOOTPPacketReceive(iface, "Server", "bootps", frame);
     if (received.dissected != kNoErr) OSTREL_REPORT_STATUS(received.dissected);
-    if (received.typeFound != kNoErr) {
-        OSTREL_REPORT_STATUS(received.typeFound);
-        return;
-    }
-    if (ComesFromElsewhere(server, received.packet)) return;
-    const Ostrel_ServerMessage message{received.packet, Ostrel_DHCPServerClientOf(server, received.packet)};
-    const Ostrel_Status status = ProcessMessage(server, received.messageType, message);
+    if (received.typeFound != kNoErr) OSTREL_REPORT_STATUS(received.typeFound);
+    Ostrel_Verdict verdict = VerdictOfFault(received);
+    const Ostrel_Status status = verdict.kind == Taken ? Handle(server, received, &verdict) : kNoErr;
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
+    if (verdict.kind != Taken) ++server->counters.dropped[static_cast<size_t>(verdict.kind)];
+    Ostrel_TraceReceived(iface, verdict);
 }

@@ -1,14 +1,17 @@
 // The steps of the server that others than a frame may cause. Private to the server.
 #pragma once
 
+#include <optional>
+
 #include "Ostrel/DHCPServer.h"
 
 #include "DHCPServer/Client.h"
 
-// A message, and who it is from.
+// A message, who it is from, and what becomes of it where the status of handling it does not say so.
 struct Ostrel_ServerMessage {
     const Ostrel_PreprocessedPacket& packet;
     Ostrel_ServerClient client;
+    std::optional<Ostrel_Verdict>* verdict;
 };
 
 // Chooses a slot for the client of a DISCOVER, and offers it, or probes it first.

@@ -103,8 +103,10 @@ Ostrel_Verdict Ostrel_DHCPServerProbeFails(Ostrel_ServerObj* server, Ostrel_Serv
     }
     const Ostrel_ServerProbe taken = Take(server, probe);
     Ostrel_LeaseInformation* const lease = &server->leases[taken.slot];
-    Ostrel_DHCPServer_LeaseHold(server, lease, host, key, os_monotonic_seconds(), "in use");
-    const Ostrel_Status status = Ostrel_DHCPServerProcessDiscover(server, {discover, client});
+    Ostrel_DHCPServer_LeaseHold(server, lease, host, key, os_monotonic_seconds(),
+                                {"in use", Ostrel_LeaseEventKind::Held});
+    std::optional<Ostrel_Verdict> again;  // the DISCOVER has had its verdict
+    const Ostrel_Status status = Ostrel_DHCPServerProcessDiscover(server, {discover, client, &again});
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
     return {};
 }

@@ -255,6 +255,12 @@ Ostrel_Status Send(const Reply& reply, Ostrel_IPv4 destination) {
         GoesToRelay(reply) ? server->rules->relayPort : kBOOTPClientPort, wpabuf_bytes(reply.payload));
 }
 
+void CountSent(Ostrel_ServerCounters& counters, uint8_t messageType) {
+    if (messageType == kDHCPOffer) ++counters.offerSent;
+    if (messageType == kDHCPAck) ++counters.ackSent;
+    if (messageType == kDHCPNak) ++counters.nakSent;
+}
+
 }  // namespace
 
 Ostrel_Status Ostrel_DHCPServerSend_BOOTPReply(Ostrel_ServerObj* server, uint8_t messageType,
@@ -285,5 +291,6 @@ Ostrel_Status Ostrel_DHCPServerSend_BOOTPReply(Ostrel_ServerObj* server, uint8_t
     OSTREL_REQUIRE_NOERR(AppendOptions(reply, codes));
     OSTREL_REQUIRE_NOERR(AppendLast(reply, relayOption));
     OSTREL_REQUIRE_NOERR(Send(reply, destination));
+    CountSent(server->counters, messageType);
     return kNoErr;
 }

@@ -16,6 +16,7 @@
 #include "Ostrel/Log.h"
 #include "Ostrel/Publish.h"
 
+#include "DHCPServer/LeaseEvents.h"
 #include "DHCPServer/LeaseIndex.h"  // which a server owns
 #include "DHCPServer/LeaseTable.h"
 #include "DHCPServer/Probe.h"
@@ -213,7 +214,10 @@ Ostrel_Status Ostrel_DHCPServerInitialize(Ostrel_InterfaceObj* iface, const Ostr
     if (status != kNoErr) return status;
     OSTREL_REQUIRE_NOERR(Ostrel_DHCPServer_LeasesInitialize(server.get(), config->server));
     OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerProbesInitialize(server.get()));
+    server->counters = {};  // leases that are given back were granted before
     iface->dhcpServer = server.release();
+    Ostrel_DHCPServerAudienceChanged(iface->dhcpServer);
+    Ostrel_InterfacePictureChanged(iface);
     return kNoErr;
 }
 
@@ -225,7 +229,7 @@ Ostrel_Status Ostrel_DHCPServerLeaseAction(Ostrel_ServerObj* server, Ostrel_IPv4
     if (isHold) {
         Ostrel_DHCPServer_LeaseHoldForGood(server, lease);
     } else if (lease->state == kLeaseStateHeld || Ostrel_LeaseIsInUse(lease->state)) {
-        OSTREL_REQUIRE_NOERR(Ostrel_DHCPServer_LeaseClean(server, lease));
+        OSTREL_REQUIRE_NOERR(Ostrel_DHCPServer_LeaseClean(server, lease, Ostrel_LeaseEventKind::Freed));
     }
     return Ostrel_VoroServicePublishServerLeaseInformation(server->iface->sysObj, server);
 }
@@ -233,6 +237,7 @@ Ostrel_Status Ostrel_DHCPServerLeaseAction(Ostrel_ServerObj* server, Ostrel_IPv4
 void Ostrel_DHCPServerFinalize(Ostrel_ServerObj* server) {
     if (server == nullptr) return;
     Ostrel_DHCPServerProbesFinalize(server);
+    Ostrel_DHCPServerForgetEnds(server);
     Ostrel_PacketFilterFinalize(&server->packetFilter);
     os_delete(server);
 }

@@ -6,6 +6,7 @@
 
 #include "Ostrel/DHCPServer.h"
 #include "Ostrel/Log.h"
+#include "Ostrel/Publish.h"
 
 #include "DHCPServer/LeaseIndex.h"
 
@@ -27,8 +28,14 @@
 // The slot of an address, or null.
 [[nodiscard]] Ostrel_LeaseInformation* Ostrel_LeaseSlotOfAddress(const Ostrel_ServerObj* server, Ostrel_IPv4 address);
 
-// Returns a slot to rest: free, or kept for its one client. `reason` is for the end of a lease.
-void Ostrel_LeaseSlotFree(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const char* reason);
+// How a lease ends: in the log, and for the subscribers of events.
+struct Ostrel_LeaseEnding {
+    const char* reason;
+    Ostrel_LeaseEventKind event;
+};
+
+// Returns a slot to rest: free, or kept for its one client. `ending` is for the end of a lease.
+void Ostrel_LeaseSlotFree(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Ostrel_LeaseEnding& ending);
 
 // Whether a line at trace level, that of every walk, would be written.
 [[nodiscard]] inline bool Ostrel_LeaseWalksAreTraced() {

@@ -80,7 +80,8 @@ struct Tables : testing::Test {
                 if (slot.state != kLeaseStateFree) (void)Ostrel_DHCPServer_LeaseKeepIdentifier(&slot, Letters());
                 return;
             default:
-                if (slot.state != kLeaseStateFree) (void)Ostrel_DHCPServer_LeaseClean(server, &slot);
+                if (slot.state != kLeaseStateFree)
+                    (void)Ostrel_DHCPServer_LeaseClean(server, &slot, Ostrel_LeaseEventKind::Released);
         }
     }
 
