@@ -308,6 +308,13 @@ uint32_t JValue::asNumber(int32_t& value) const noexcept {
     return ToInt32(*number.get_ptr<const Json::number_float_t*>(), value);
 }
 
+uint32_t JValue::asNumber(int64_t& value) const noexcept {
+    const auto* const whole = isNumber() ? ToJson(node)->get_ptr<const Json::number_integer_t*>() : nullptr;
+    if (whole == nullptr || (ToJson(node)->is_number_unsigned() && *whole < 0)) return CONV_NOT_THE_TYPE;
+    value = *whole;
+    return CONV_OK;
+}
+
 bool JValue::hasKey(std::string_view key) const noexcept {
     return FindMember(ToJson(node), key) != nullptr;
 }

@@ -52,6 +52,7 @@ public:
     [[nodiscard]] uint32_t asString(std::string& value) const noexcept;
     [[nodiscard]] uint32_t asBool(bool& value) const noexcept;
     [[nodiscard]] uint32_t asNumber(int32_t& value) const noexcept;
+    [[nodiscard]] uint32_t asNumber(int64_t& value) const noexcept;  // whole ones only
 
     // Object: the member, or a null value. Array: the element, or a null value.
     [[nodiscard]] bool hasKey(std::string_view key) const noexcept;

@@ -30,7 +30,7 @@ struct Action {
 };
 
 constexpr char kExtending[] = "asked for the lease to be extended; the address stays";
-constexpr char kAcquiring[] = "address dropped, acquiring anew; 'apply' keeps it for 10 s meanwhile";
+constexpr char kAcquiring[] = "address dropped, acquiring anew";
 
 constexpr Action kRelease{
     "release", "Stop managing an interface", "not managed any more", nullptr,

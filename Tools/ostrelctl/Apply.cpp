@@ -1,40 +1,34 @@
 // ostrelctl apply: the kernel does as the daemon says.
 //
 // The daemon learns addresses and configures none; this is a complete subscriber that does, and the one to start from
-// for another. It follows what the daemon says of one interface (Follow.h), keeps what may be used of that (Holding.h),
-// and each time anything has happened makes the kernel and the resolver have it (Steps.h):
+// for another. It follows what the daemon tells (Follow.h), keeps what each interface may use of that (Holding.h), and
+// each time anything has happened makes the kernel and the resolver have it (Applying.h, Steps.h).
 //
-//     NextEvent -> Hear -> the lease that counts, or none -> SettingFor -> Bring
-//
-// A lease that ends or changes takes everything along that came from it. One that is lost before its end stays for ten
-// seconds, since most are lost to be had again: by a renewal that somebody asked for, or a cable pulled out. When the
+// An address is in the kernel exactly while the daemon says that it is held. What came with it goes with it. When the
 // daemon goes, its leases stay good until they end: a restart does not cut the network. The new daemon knows nothing
 // until somebody hands it the interface again; if within ten seconds it has no lease for it, what is there is removed.
 // Killed, apply removes nothing, but the kernel ends the address and the route when the lease ends.
+#include <algorithm>
+
+#include "Applying.h"
 #include "Arguments.h"
 #include "Checks.h"
 #include "Command.h"
-#include "Follow.h"
-#include "Lock.h"
-#include "Steps.h"
 #include "Terminal.h"
 
 namespace ostrelctl {
 
 namespace {
 
-constexpr std::chrono::seconds kGrace{10};
-constexpr int64_t kLeastMTU = 576;      // bytes: what every host can take (RFC 791 section 3.1)
-constexpr uint32_t kUsualMetric = 100;  // behind routes that people make, which have 0
-
 struct ApplyOptions {
-    std::string interface;
-    bool dryRun = false, once = false, keep = false;
+    std::vector<std::string> interfaces{};
+    bool all = false, dryRun = false, once = false, keep = false;
     std::optional<uint32_t> metric{};
 };
 
 void Declare(CLI::App& command, ApplyOptions& options) {
-    AddInterface(command, options.interface)->required();
+    CLI::Option* const names = AddInterfaces(command, options.interfaces);
+    command.add_flag("--all", options.all, "All client interfaces, also those to come")->excludes(names);
     command.add_flag("--dry-run", options.dryRun, "Print commands that would do it, and do nothing");
     command.add_flag("--once", options.once, "Apply the first lease and end; it stays until the lease ends");
     command.add_flag("--keep", options.keep, "Leave what was applied in place when stopped");
@@ -42,114 +36,83 @@ void Declare(CLI::App& command, ApplyOptions& options) {
         ->type_name("N");
 }
 
-// The domains to search: what the lease says of them, or else its own one. What is no domain name is left out.
-std::vector<std::string> SearchOf(const ClientLease& lease, Applier& applier) {
-    std::vector<std::string> search = lease.searchDomains;
-    if (search.empty() && !lease.domainName.empty()) search.push_back(lease.domainName);
-    std::erase_if(search, [&applier](const std::string& domain) {
-        if (IsDomainName(domain)) return false;
-        ComplainOnce(applier, "left out, since it is no domain name: '" + Printable(domain) + '\'', "");
-        return true;
-    });
-    return search;
+// With --all: what the daemon has been handed as a client since. One that another process applies is left to it.
+void BeginNew(Applying& applying, const Follower& follower, const ApplyOptions& options,
+              std::set<std::string>& refused) {
+    if (!options.all) return;
+    for (const auto& [interface, holding] : applying.holdings.each) {
+        const bool isClient = holding.state && (holding.state->client || holding.state->linkLocal);
+        if (!isClient || applying.interfaces.contains(interface) || refused.contains(interface)) continue;
+        const uint32_t metric = options.metric.value_or(kUsualMetric);
+        if (BeginApplying(applying, follower, interface, metric) != kExitDone) refused.insert(interface);
+    }
 }
 
-// With less, hardly anything works, and nobody has it.
-uint32_t MTUFor(const ClientLease& lease, Applier& applier) {
-    if (lease.mtu >= kLeastMTU || lease.mtu == 0) return static_cast<uint32_t>(lease.mtu);
-    ComplainOnce(applier, "left out, since it is below 576: MTU " + std::to_string(lease.mtu), "");
-    return 0;
+ExitStatus EndAll(Applying& applying, bool keep) {
+    while (!applying.interfaces.empty()) EndApplying(applying, std::string(applying.interfaces.begin()->first), keep);
+    return applying.forbidden ? kExitRefused : kExitDone;
 }
 
-// A link-local address has no router. The network's texts are not to be trusted; addresses are the kernel's to check.
-Setting SettingFor(const Holding& holding, Applier& applier) {
-    if (!holding.lease) return {};
-    const ClientLease& lease = *holding.lease;
-    Setting setting{.address = lease.address,
-                    .prefixLength = PrefixLength(lease.mask),
-                    .linkLocal = IsLinkLocal(lease.address),
-                    .ends = holding.ends,
-                    .routes = lease.routes,
-                    .mtu = MTUFor(lease, applier),
-                    .dns = {.servers = lease.dnsServers, .search = SearchOf(lease, applier)},
-                    .unused = lease.others};
-    if (setting.routes.empty() && !lease.routers.empty()) setting.routes.push_back({.router = lease.routers.front()});
-    if (setting.linkLocal) setting.routes.clear();
-    return setting;
+bool HasAll(const Applying& applying) {
+    return applying.holdings.isTold && !applying.interfaces.empty() &&
+           std::ranges::all_of(applying.interfaces, [&applying](const auto& applied) {
+               return applying.holdings.each.at(applied.first).lease.has_value();
+           });
 }
 
-void HearEvent(Holding& holding, const Event& event, const ApplyOptions& options, bool json) {
-    if (json && event.origin != Origin::Question) PrintJson(event.text);
-    const auto said = SaidOf(event, options.interface);
-    if (said) Hear(holding, *said, event.hearing);
+bool HasFailed(const Applying& applying) {
+    return std::ranges::any_of(applying.interfaces, [](const auto& applied) { return applied.second.applier.failed; });
 }
 
-ExitStatus EndApplying(Applier& applier, const ApplyOptions& options) {
-    if (!options.keep) Bring(applier, {});
-    return applier.forbidden ? kExitRefused : kExitDone;
-}
-
-ExitStatus Apply(Follower& follower, Applier& applier, const ApplyOptions& options) {
-    Holding holding{.grace = kGrace};
+ExitStatus GoOn(Follower& follower, Applying& applying, const ApplyOptions& options) {
+    std::set<std::string> refused;
     for (;;) {
-        const Event event = NextEvent(follower, NextEnd(holding));
-        switch (event.news) {
-            case News::Leases:
-                HearEvent(holding, event, options, follower.session.json);
-                break;
-            case News::DaemonGone:
-                Forget(holding, kNever);
-                break;
-            case News::DaemonBack:
-                Forget(holding, Clock::now() + kGrace);
-                break;
-            case News::Deadline:
-                GiveUpEnded(holding, Clock::now());
-                break;
-            case News::Interrupted:
-                return EndApplying(applier, options);
-            case News::Failed:
-                return event.status;  // as when the daemon goes, leases stay until they end
-        }
-        Bring(applier, SettingFor(holding, applier));
-        if (applier.forbidden) return kExitRefused;
-        if (options.once && holding.lease) return applier.failed ? kExitRefused : kExitDone;
+        const Event event = NextEvent(follower, NextEnd(applying));
+        if (event.news == News::Failed) return event.status;  // as when the daemon goes, leases stay until they end
+        if (event.news == News::Interrupted) return EndAll(applying, options.keep);
+        if (event.news == News::Told && follower.session.json) PrintJson(event.text);
+        Apply(applying, follower, event);
+        BeginNew(applying, follower, options, refused);
+        if (applying.forbidden) return kExitRefused;
+        if (options.once && HasAll(applying)) return HasFailed(applying) ? kExitRefused : kExitDone;
     }
 }
 
 ExitStatus Run(const ApplyOptions& options, const Settings& settings) {
-    const ExitStatus checked = CheckInterface(options.interface);
-    if (checked != kExitDone) return checked;
-    const FileDescriptor lock = options.dryRun ? FileDescriptor() : LockInterface(options.interface);
-    if (!options.dryRun && !lock.isOpen()) return kExitRefused;
-    Follower follower{.interface = options.interface, .servers = false};
-    const ExitStatus started = StartFollowing(follower, settings);
-    if (started != kExitDone) return started;
-    Applier applier{.interface = options.interface,
-                    .metric = options.metric.value_or(kUsualMetric),
-                    .dryRun = options.dryRun,
-                    .quiet = settings.json,
-                    .netlink = OpenNetlink(),
-                    .bus = follower.session.bus.get()};
-    if (applier.netlink == nullptr) return Refuse(kExitRefused, "the kernel takes no rtnetlink connection", "");
-    return Apply(follower, applier, options);
+    if (options.interfaces.empty() && !options.all)
+        return Refuse(kExitUsage, "IFACE is required, or --all", "'ostrelctl apply --help' shows how it is used");
+    Applying applying{.dryRun = options.dryRun, .quiet = settings.json, .lines = settings.lines};
+    for (const std::string& interface : options.interfaces) {
+        const ExitStatus checked = CheckInterface(interface);
+        if (checked != kExitDone) return checked;
+        applying.holdings.only.insert(interface);
+    }
+    Follower follower;
+    ExitStatus status = PrepareApplying(applying, follower);
+    if (status == kExitDone) status = StartFollowing(follower, {.json = settings.json && !settings.lines});
+    for (const std::string& interface : applying.holdings.only) {
+        applying.holdings.each[interface];
+        if (status == kExitDone)
+            status = BeginApplying(applying, follower, interface, options.metric.value_or(kUsualMetric));
+    }
+    return status == kExitDone ? GoOn(follower, applying, options) : status;
 }
 
 }  // namespace
 
 void AddApplyCommand(CommandLine& line) {
     AddCommand<ApplyOptions>(
-        line, "apply", "Give an interface its address, routes, MTU and DNS servers as leased",
+        line, "apply", "Give interfaces their addresses, routes, MTU and DNS servers as leased",
         "  ostrelctl apply eth0             until stopped, and then remove them again\n"
+        "  ostrelctl apply eth0 wlan0       several in one process\n"
+        "  ostrelctl apply --all            every client interface that the daemon manages, also later\n"
         "  ostrelctl apply eth0 --dry-run   print what would be done\n"
         "  ostrelctl apply eth0 --once      apply the first lease and end\n"
-        "It needs root. What was on the interface before is left alone. The kernel ends the address with the lease, "
-        "even\n"
-        "when apply is killed. When the daemon goes, leases stay until they end. A lease that is lost before, by "
-        "renew,\n"
-        "halt or a new daemon, stays for 10 s, in which another can come. DNS servers go to systemd-resolved when it "
-        "runs,\n"
-        "else to the program resolvconf.\n",
+        "It needs root. What was on the interface before is left alone. An address is there exactly while the daemon\n"
+        "holds it, and the kernel ends it with the lease, even when apply is killed. When the daemon goes, leases "
+        "stay\n"
+        "until they end; a new one has 10 s to have them again. DNS servers go to systemd-resolved when it runs, else\n"
+        "to the program resolvconf.\n",
         Declare, Run);
 }
 

@@ -144,4 +144,8 @@ CLI::Option* AddInterface(CLI::App& command, std::string& name) {
     return command.add_option("IFACE", name, "The interface")->type_name("")->check(CheckInterfaceName);
 }
 
+CLI::Option* AddInterfaces(CLI::App& command, std::vector<std::string>& names) {
+    return command.add_option("IFACE", names, "The interfaces")->type_name("")->check(CheckInterfaceName);
+}
+
 }  // namespace ostrelctl

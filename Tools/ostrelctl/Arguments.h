@@ -88,4 +88,7 @@ CLI::Option* AddDnsServers(CLI::App& command, std::vector<Ostrel_IPv4>& servers)
 // IFACE, the interface. Whether there is one of that name is not looked at here.
 CLI::Option* AddInterface(CLI::App& command, std::string& name);
 
+// IFACE..., none or several.
+CLI::Option* AddInterfaces(CLI::App& command, std::vector<std::string>& names);
+
 }  // namespace ostrelctl

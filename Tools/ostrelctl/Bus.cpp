@@ -41,6 +41,11 @@ const char* NextForAbsence(const sd_bus_error& error) {
 
 }  // namespace
 
+bool IsOfOldDaemon(const sd_bus_error* error) {
+    return error != nullptr && sd_bus_error_has_names(error, SD_BUS_ERROR_UNKNOWN_METHOD, SD_BUS_ERROR_UNKNOWN_OBJECT,
+                                                      SD_BUS_ERROR_UNKNOWN_INTERFACE) > 0;
+}
+
 Answer ExplainRefusal(const sd_bus_error& error) {
     const std::string words = error.message == nullptr ? "no reason given" : Printable(error.message);
     if (IsAbsence(error))

@@ -33,6 +33,9 @@ inline constexpr Method kSetDebugLevel{"/", "setDebugLevel"};
 inline constexpr Method kLeaseAction{"/client", "leaseAction"};
 inline constexpr Method kClientLeaseInformation{"/client", "leaseInformation"};
 inline constexpr Method kServerLeaseInformation{"/server", "leaseInformation"};
+inline constexpr Method kInterfaceState{"/", "interfaceState"};
+inline constexpr Method kTrace{"/", "trace"};
+inline constexpr Method kLeaseEvents{"/server", "leaseEvents"};
 
 // "org.ostrel.dhcp", "org.ostrel.dhcp.client", "org.ostrel.dhcp.server".
 [[nodiscard]] std::string InterfaceOf(const Method& method);
@@ -70,6 +73,9 @@ struct Answer {
 // Asks, and complains unless all went well: with the bus's words when the bus refused, else with `problem` and `next`.
 [[nodiscard]] ExitStatus AskOrComplain(const Session& session, const Method& method, const valdo::JValue& request,
                                        std::string_view problem, std::string_view next, Answer& answer);
+
+// Whether the bus's refusal, which may be null, is that the daemon does not know the method.
+[[nodiscard]] bool IsOfOldDaemon(const sd_bus_error* error);
 
 // The parts of a call. A refusal by the bus in words; the text that a reply or a post carries, read; a call that is
 // ready to be sent, or null without memory. `destination` is the service's name or a connection's own.

@@ -6,8 +6,8 @@
 
 #include <algorithm>
 #include <ctime>
-#include <endian.h>
 
+#include "Happening.h"
 #include "Terminal.h"
 
 namespace ostrelctl {
@@ -64,53 +64,35 @@ std::string Who(const ServerLease& lease) {
     return AddressText(lease.address) + ' ' + Printable(lease.mac) + (name.empty() ? "" : ' ' + Printable(name));
 }
 
-Change Ended(const TableLine& line) {
-    return {'-', "ended", Who(line.lease), line.lease};
+// Why the address is not held any more; of a daemon that has gone nothing is known.
+std::string ReasonOf(const Holding& before, const Holding& now) {
+    if (!now.state) return before.state && !before.isLeft ? "finalised" : "";
+    const bool wasLinkLocal = before.lease && !before.lease->times;
+    if (wasLinkLocal) return now.state->linkLocal ? now.state->linkLocal->reason : "";
+    return now.state->client ? now.state->client->reason : "";
 }
 
-Change Granted(const TableLine& line) {
-    return {'+', "leased", Who(line.lease) + ", " + UntilText(line.lease.times.ends), line.lease};
-}
-
-void Compare(const TableLine& before, const TableLine& now, std::vector<Change>& changes) {
-    if (before.lease.mac != now.lease.mac) {
-        changes.push_back(Ended(before));
-        changes.push_back(Granted(now));
-    } else if (!IsSameEnd(before.ends, now.ends)) {
-        changes.push_back({' ', "renewed", Who(now.lease) + ", renewed " + UntilText(now.lease.times.ends), now.lease});
-    }
+Change Loss(const Holding& before, const Holding& now) {
+    const ClientLease& lease = *before.lease;
+    const std::string reason = ReasonOf(before, now), words = ReasonWords(reason);
+    return {'-', "lost", WordFor(lease) + AddressOf(lease) + " lost" + (words.empty() ? "" : ": " + words), lease,
+            reason};
 }
 
 }  // namespace
 
-std::vector<Change> ChangesOf(const Holding& before, const Holding& now) {
-    if (!before.lease && !now.lease) return {};
-    if (!before.lease) return {Arrival(now)};
-    if (!now.lease) return {{'-', "lost", WordFor(*before.lease) + AddressOf(*before.lease) + " lost", *before.lease}};
+std::optional<Change> ChangeOf(const Holding& before, const Holding& now) {
+    if (!before.lease && !now.lease) return std::nullopt;
+    if (!before.lease) return Arrival(now);
+    if (!now.lease) return Loss(before, now);
     std::string words = DescribeDifference(before, now);
-    if (words.empty()) return {};
+    if (words.empty()) return std::nullopt;
     const char* const event = words.starts_with(kRenewed) ? "renewed" : "changed";
-    return {{' ', event, std::move(words), *now.lease}};
+    return Change{' ', event, std::move(words), *now.lease};
 }
 
-// A merge of two sorted tables.
-std::vector<Change> ChangesOf(const std::vector<TableLine>& before, const std::vector<TableLine>& now) {
-    std::vector<Change> changes;
-    auto had = before.begin();
-    auto has = now.begin();
-    while (had != before.end() || has != now.end()) {
-        const auto key = [](const auto& at, const auto& table) {
-            return at == table.end() ? uint64_t{UINT64_MAX} : uint64_t{be32toh(at->lease.address)};
-        };
-        const uint64_t old = key(had, before), fresh = key(has, now);
-        if (old == fresh)
-            Compare(*had++, *has++, changes);
-        else if (old < fresh)
-            changes.push_back(Ended(*had++));
-        else
-            changes.push_back(Granted(*has++));
-    }
-    return changes;
+std::string WordsOf(const ServerLease& lease) {
+    return Who(lease) + ", " + UntilText(lease.times.ends);
 }
 
 std::string UntilText(int64_t ends) {

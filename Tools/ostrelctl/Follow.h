@@ -1,6 +1,10 @@
-// The daemon's leases as they change: what watch, wait and apply share.
+// What the daemon tells, as it comes: what watch, wait, apply and all that stays share.
+//
+// Who follows names the methods that he subscribes to and then waits for events; between them the process sleeps.
+// Holdings keeps what each interface may use up to date with them.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -13,67 +17,90 @@
 namespace ostrelctl {
 
 enum class News {
-    Leases,       // a reply or a post has come
+    Told,         // an answer or a post has come
+    Watched,      // the descriptor that is watched beside the bus can be read
     DaemonGone,   // its name has left the bus
-    DaemonBack,   // somebody has taken the name; from now on he is asked
+    DaemonBack,   // somebody has taken the name; he is subscribed to
     Deadline,     // the time given is over
     Interrupted,  // SIGINT, SIGTERM or SIGHUP
-    Failed,       // the bus is lost, or refuses; it has been complained about
+    Failed,       // the bus is lost, or refuses, or the daemon is too old; it has been complained about
 };
-
-enum class Origin { Post, Subscription, Question };  // how leases came: a Question is asked every two seconds
 
 struct Event {
     News news;
     ExitStatus status = kExitDone;  // of Failed: what to end with
+    int signal = 0;                 // of Interrupted
 
-    // Of Leases:
-    bool server = false;  // the tables of servers, else what clients hold
-    Origin origin = Origin::Question;
-    std::string interface {};  // of a reply: the one that was asked about; others may be listed beside it
+    // Of Told:
+    const Method* method = nullptr;
+    bool posted = false;       // else it is the answer to a subscription or a question
+    std::string interface {};  // that an answer was asked for; empty: all
     std::string text{};        // as it came
     valdo::JValue root{};
     Hearing hearing{};
 };
 
-// What is asked again and again; `cookie` is 0 unless its answer is awaited.
+// What is asked; once it is answered it is done with. One that fails is asked again after a while.
 struct Question {
     const Method* method;
-    std::string interface {};  // the one asked about; empty: all
-    bool once = false;         // asked for the sake of the subscription only
-    uint64_t cookie = 0;
-    bool subscribes = false;  // as it was put last
-    bool overdue = false;     // the answer takes so long that it has been complained about
-    TimePoint due{};          // when to ask; while an answer is awaited, when to complain
-    int64_t asked = 0;        // wall clock, seconds
+    std::string interface {};  // empty: all
+    bool subscribes = false;
+    uint64_t cookie = 0;  // 0: not put yet
+    bool overdue = false;
+    TimePoint due{};  // when to ask; while an answer is awaited, when to complain
+};
+
+struct Subscription {
+    const Method* method;
+    std::string interface {};  // empty: all
 };
 
 struct Follower {
+    std::vector<Subscription> subscriptions{};
+    int watched = -1;  // a descriptor that is waited for beside the bus; not owned
+
     Session session{};
     FileDescriptor signals{};
-    std::string interface;  // the only one asked about; empty: all that are managed
-    bool servers;           // their tables are followed, too
-    std::string owner{};    // the daemon's connection; empty: there is none
-
-    // What goes on with this owner of the name.
-    Question lookup{.method = &kInterfaceConfigDump};  // what is managed
-    Clock::duration lookupPause{};
-    std::vector<Question> questions{};        // a lease or a table each
-    std::set<const Method*> subscriptions{};  // those that were asked for
-    bool saidNoClient = false, answered = false;
-    std::string refusal{};  // the last answer was this one; empty: it was none
+    std::string owner{};  // the daemon's connection; empty: there is none
+    std::vector<Question> questions{};
+    bool answered = false;
+    std::string refusal{};         // the last answer was this one; empty: it was none
+    TimePoint busySince = kNever;  // when the last event was handed out
 };
 
 // Connects, blocks the signals that end a program and finds the daemon, without starting it. Complains on failure, and
 // says what is waited for when there is no daemon.
 [[nodiscard]] ExitStatus StartFollowing(Follower& follower, const Settings& settings);
 
-// Waits for something to happen, until `deadline` at most. Whenever there is a daemon it is subscribed to, and asked
-// every two seconds for each interface that it manages. What it refuses is complained about, once, and asked again.
+// Waits for something to happen, until `deadline` at most.
 [[nodiscard]] Event NextEvent(Follower& follower, TimePoint deadline);
 
-// What leases say of one client interface: all empty when a reply does not list it, nothing when a post is of others.
-[[nodiscard]] std::optional<ClientLease> SaidOf(const Event& event, const std::string& interface);
+// Asks a question whose answer is an event, unless it is under way.
+void AskFor(Follower& follower, const Method& method, const std::string& interface);
+
+// Subscribes to something else from now on, and not to what was subscribed to before.
+void FollowOthers(Follower& follower, std::vector<Subscription> subscriptions);
+
+constexpr std::chrono::seconds kGraceOfNewDaemon{10};  // in which it has to hold what the last one held
+
+// What interfaces hold. Those of `only`, or with an empty one all that the daemon tells of, are in `each`.
+struct Holdings {
+    std::set<std::string> only{};
+    Clock::duration grace{};  // that a new daemon has to hold what the last one held
+    std::map<std::string, Holding> each{};
+    bool isTold = false;                    // all that this daemon manages is known
+    std::set<std::string> unmanagedSaid{};  // it has been said that they are not managed
+};
+
+// The subscription that holdings live from.
+[[nodiscard]] Subscription SubscriptionFor(const Holdings& holdings);
+
+// Has the holdings hear an event, and asks for the details that are due. Gives the interfaces that it is about, with
+// what they had before. What is asked for and not managed is complained about, once a daemon.
+[[nodiscard]] std::map<std::string, Holding> HearEvent(Holdings& holdings, Follower& follower, const Event& event);
+
+// When the first of the holdings is over; see NextEnd(Holding).
+[[nodiscard]] TimePoint NextEnd(const Holdings& holdings);
 
 // The beginning of a line about an interface: "14:03:22 eth0     ".
 [[nodiscard]] std::string LineHead(const std::string& interface);

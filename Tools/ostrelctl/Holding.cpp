@@ -1,101 +1,106 @@
 // What an interface may use of what the daemon says, over time.
 //
-// The daemon posts a lease when its address has passed the ARP check, but a reply shows what there is: a lease that is
-// still being checked, a link-local address that is still being probed, and a manual address that no server has
-// confirmed yet, which has no mask. The loss of a lease is not posted, and neither is a link-local address. So what was
-// heard is remembered, and one function, Judge, decides whether an address counts by now.
+// "held" says it all: the address may be used while it is true, and must not be when it is false. Beside the address a
+// lease has a mask, routers and the like, which "interfaceState" does not tell. They are asked for whenever a lease
+// begins or is extended, and an address is not used without them. A link-local address has none.
 #include "Holding.h"
 
 #include <algorithm>
-
-#include "Ostrel/DHCPClient.h"
+#include <endian.h>
 
 namespace ostrelctl {
 
 namespace {
 
-using std::chrono::milliseconds;
-using std::chrono::seconds;
+constexpr std::chrono::seconds kClockGrain{2};
+const Ostrel_IPv4 kLinkLocalMask = htobe32(0xFFFF0000);  // RFC 3927 section 2.1
 
-constexpr int64_t kCheckedAge = 3;     // seconds, as ages are told in whole ones
-constexpr seconds kLinkLocalTrial{6};  // three probes, 2 s of silence and the first announcement take 5
-constexpr seconds kClockGrain{2};
-constexpr int64_t kFarFuture = 20'000'000'000;  // seconds since 1970; beyond is for ever
-
-static_assert(kCheckedAge > kARPCheckSeconds, "a reply must not count before the ARP check is over");
-
-enum class Standing { None, Pending, Counts };
-
-bool IsUsable(const ClientLease& said, const Hearing& hearing) {
-    const bool ended = said.times && said.times->ends <= hearing.wall / 1000;
-    return Ostrel_IsOfHost(said.address) && said.mask != kAnyIPv4 && !ended;
+// Who has just refused the address that the last daemon left will not have it used.
+bool IsRefused(const Holding& holding) {
+    const auto& client = holding.state->client;
+    return client && (client->reason == "nak" || client->reason == "conflict");
 }
 
-bool HasPassed(const Sighting& seen, const ClientLease& said, const Hearing& hearing) {
-    if (!said.times) return hearing.heard - seen.since >= kLinkLocalTrial;
-    return hearing.posted || hearing.asked - said.times->began >= kCheckedAge;
+std::optional<ClientLease> LinkLocalLease(const InterfaceState& state) {
+    if (!state.linkLocal || !state.linkLocal->held || !Ostrel_IsOfHost(state.linkLocal->address)) return std::nullopt;
+    ClientLease lease;
+    lease.interface = state.interface;
+    lease.address = state.linkLocal->address;
+    lease.mask = kLinkLocalMask;
+    return lease;
 }
 
-Standing Judge(Sighting& seen, const ClientLease& said, const Hearing& hearing) {
-    if (!IsUsable(said, hearing)) {
-        seen = {};
-        return Standing::None;
+std::optional<ClientLease> LeaseOf(const Holding& holding) {
+    const auto& client = holding.state->client;
+    const ClientLease& details = holding.details;
+    const bool isKnown = client && client->held && details.address == client->address && details.mask != kAnyIPv4 &&
+                         Ostrel_IsOfHost(details.address);
+    if (!isKnown) return LinkLocalLease(*holding.state);
+    ClientLease lease = details;
+    lease.times = {.began = details.times ? details.times->began : client->since,
+                   .ends = client->expires.value_or(kForever)};
+    return lease;
+}
+
+void Settle(Holding& holding, const Hearing& hearing) {
+    std::optional<ClientLease> lease = LeaseOf(holding);
+    const bool stays = holding.isLeft && holding.state->managed && !lease && !IsRefused(holding);
+    if (!stays) {
+        holding.ends = lease && lease->times ? EndOf(lease->times->ends, hearing) : kNever;
+        holding.lease = std::move(lease);
+        holding.isLeft = false;
+        holding.leftUntil = kNever;
     }
-    const bool leased = said.times.has_value();
-    if (said.address != seen.address || leased != seen.leased)
-        seen = {.address = said.address, .leased = leased, .checked = false, .since = hearing.heard};
-    seen.checked = seen.checked || HasPassed(seen, said, hearing);
-    return seen.checked ? Standing::Counts : Standing::Pending;
+    GiveUpEnded(holding, hearing.heard);
 }
 
-// A lease that was lost is better than a link-local address, while it is kept.
-bool IsOutranked(const ClientLease& said, const Holding& holding) {
-    return !said.times && holding.lease && holding.lease->times && holding.keptUntil != kNever;
-}
-
-void Lose(Holding& holding, TimePoint now) {
-    const bool isLeased = holding.lease && holding.lease->times;
-    if (holding.keptUntil == kNever) holding.keptUntil = isLeased ? now + holding.grace : now;
-    GiveUpEnded(holding, now);
+bool IsAnotherLease(const ClientState& before, const ClientState& now) {
+    return !before.held || before.address != now.address || before.server != now.server ||
+           before.expires != now.expires || before.renews != now.renews;
 }
 
 }  // namespace
 
 TimePoint EndOf(int64_t ends, const Hearing& hearing) {
-    if (ends >= kFarFuture) return kNever;
-    return hearing.heard + milliseconds(ends * 1000 - hearing.wall);
+    if (ends == kForever) return kNever;
+    return hearing.heard + std::chrono::milliseconds(ends * 1000 - hearing.wall);
 }
 
 bool IsSameEnd(TimePoint one, TimePoint other) {
     return one == other || (one < other ? other - one : one - other) <= kClockGrain;
 }
 
-void Hear(Holding& holding, const ClientLease& said, const Hearing& hearing) {
-    const Standing standing = Judge(holding.seen, said, hearing);
-    GiveUpEnded(holding, hearing.heard);
-    if (standing == Standing::Counts && !IsOutranked(said, holding)) {
-        holding.lease = said;
-        holding.ends = said.times ? EndOf(said.times->ends, hearing) : kNever;
-        holding.keptUntil = kNever;
-        return;
-    }
-    const bool followsLinkLocal = standing == Standing::Pending && said.times && holding.lease && !holding.lease->times;
-    if (!followsLinkLocal) Lose(holding, hearing.heard);
+void Hear(Holding& holding, const InterfaceState& state, const Hearing& hearing) {
+    const bool isHeld = state.client && state.client->held;
+    const bool wasTold = holding.state && holding.state->client;
+    if (isHeld && (!wasTold || IsAnotherLease(*holding.state->client, *state.client))) holding.detailsAreDue = true;
+    holding.state = state;
+    Settle(holding, hearing);
+    if (!state.managed) holding.state.reset();
+}
+
+void Hear(Holding& holding, const ClientLease& details, const Hearing& hearing) {
+    holding.details = details;
+    if (holding.state) Settle(holding, hearing);
 }
 
 void Forget(Holding& holding, TimePoint until) {
-    holding.seen = {};
-    holding.keptUntil = until;
+    holding.state.reset();
+    holding.details = {};
+    holding.detailsAreDue = false;
+    holding.isLeft = holding.lease.has_value();
+    holding.leftUntil = holding.isLeft ? until : kNever;
 }
 
 TimePoint NextEnd(const Holding& holding) {
-    return std::min(holding.ends, holding.keptUntil);
+    return std::min(holding.ends, holding.leftUntil);
 }
 
 void GiveUpEnded(Holding& holding, TimePoint now) {
     if (now < NextEnd(holding)) return;
     holding.lease.reset();
-    holding.ends = holding.keptUntil = kNever;
+    holding.isLeft = false;
+    holding.ends = holding.leftUntil = kNever;
 }
 
 }  // namespace ostrelctl

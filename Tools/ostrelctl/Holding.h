@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "Lease.h"
+#include "State.h"
 
 namespace ostrelctl {
 
@@ -14,45 +15,33 @@ using Clock = std::chrono::steady_clock;
 using TimePoint = Clock::time_point;
 constexpr TimePoint kNever = TimePoint::max();
 
-// How and when something was heard.
+// When something was heard: the wall clock, in milliseconds, and ours, at one moment.
 struct Hearing {
-    bool posted;      // else it is a reply
-    int64_t asked;    // wall clock, seconds: when the question of a reply was put
-    int64_t wall;     // wall clock, milliseconds, and
-    TimePoint heard;  // our clock, at one moment
+    int64_t wall = 0;
+    TimePoint heard{};
 };
 
-// The address last seen in what the daemon says.
-struct Sighting {
-    Ostrel_IPv4 address = kAnyIPv4;
-    bool leased = false;   // else link-local
-    bool checked = false;  // it counts
-    TimePoint since{};
-};
-
-// What an interface holds: `lease` is there while an address counts.
+// What an interface holds. `lease` is there exactly while the daemon says that its address is held, and its details are
+// known; what a daemon that has gone said stays good until it ends, or until the next daemon knows better.
 struct Holding {
-    std::optional<ClientLease> lease{};
-    TimePoint ends = kNever;       // of the lease
-    TimePoint keptUntil = kNever;  // what is held was lost, and is given up then unless something that counts is heard
-    Sighting seen{};
-    Clock::duration grace{};  // for which a lost lease is kept
+    std::optional<InterfaceState> state{};  // as last told; none: the interface is not managed, or there is no daemon
+    ClientLease details{};                  // of the client's lease, as last told
+    bool detailsAreDue = false;             // they are to be asked for
+    std::optional<ClientLease> lease{};     // of the client or, while it has none, of the link-local selector
+    TimePoint ends = kNever;                // of the lease
+    bool isLeft = false;                    // the lease is one that the last daemon has left
+    TimePoint leftUntil = kNever;           // and is given up then
 };
 
-// The daemon has said this of the interface. An address counts
-//   - from a post: at once, since only what has passed its ARP check is posted;
-//   - from a reply: when it has been posted before, or when its lease is older than the check, which takes 2 s;
-//   - a link-local one, which is never posted: when it has been seen unchanged for longer than it is probed for.
-// A link-local address stays until the lease that follows it counts, a lost lease for its grace or until another
-// counts.
-void Hear(Holding& holding, const ClientLease& said, const Hearing& hearing);
+// The daemon has said this of the interface: its state, or the details of its lease.
+void Hear(Holding& holding, const InterfaceState& state, const Hearing& hearing);
+void Hear(Holding& holding, const ClientLease& details, const Hearing& hearing);
 
-// What is seen of the daemon from now on is news: it has gone, or another has come. What is held stays until `until`,
-// or with kNever until something else is heard.
+// The daemon has gone, with kNever, or another has come, which has until then to hold an address.
 void Forget(Holding& holding, TimePoint until);
 
-// When a lease that ends at `ends`, wall clock, is over on our clock; kNever: it does not end. Two readings of one
-// lease are apart by a second or so: it is told in whole seconds, from two clocks. IsSameEnd allows for that.
+// When a lease that ends at `ends`, wall clock, is over on our clock. Two readings of one lease are apart by a second
+// or so: it is told in whole seconds. IsSameEnd allows for that.
 [[nodiscard]] TimePoint EndOf(int64_t ends, const Hearing& hearing);
 [[nodiscard]] bool IsSameEnd(TimePoint one, TimePoint other);
 

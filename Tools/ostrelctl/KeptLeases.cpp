@@ -6,6 +6,7 @@
 // address is given to others.
 #include "KeptLeases.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -128,8 +129,17 @@ ExitStatus HandOverAnew(const KeptLeases& kept, const Settings& settings) {
 
 // True when the interface is somebody else's matter from now on.
 bool WasReleased(const Event& event, const KeptLeases& kept) {
-    return event.origin != Origin::Post && event.interface == kept.interface &&
-           !LeasesOf(event.root, kept.interface).isArray();
+    if (event.method != &kInterfaceState) return false;
+    const std::vector<InterfaceState> states = ReadStates(event.root);
+    if (event.posted && states.empty()) return false;
+    return std::ranges::none_of(states, [&kept](const InterfaceState& state) {
+        return state.interface == kept.interface && state.server.has_value();
+    });
+}
+
+ExitStatus Keep(const Event& event, const KeptLeases& kept, std::string& written) {
+    const JValue leases = LeasesOf(event.root, kept.interface);
+    return leases.isArray() ? WriteIfChanged(kept, leases, written) : kExitDone;
 }
 
 }  // namespace
@@ -147,7 +157,8 @@ ExitStatus HandOverWithLeases(const Session& session, const KeptLeases& kept) {
 }
 
 ExitStatus KeepLeases(const KeptLeases& kept, const Settings& settings) {
-    Follower follower{.interface = kept.interface, .servers = true};
+    Follower follower{.subscriptions = {{.method = &kLeaseEvents, .interface = kept.interface},
+                                        {.method = &kInterfaceState, .interface = kept.interface}}};
     const ExitStatus started = StartFollowing(follower, {});
     if (started != kExitDone) return started;
     std::string written;
@@ -157,11 +168,9 @@ ExitStatus KeepLeases(const KeptLeases& kept, const Settings& settings) {
         if (event.news == News::Interrupted) return kExitDone;
         if (event.news == News::Failed) return event.status;
         if (event.news == News::DaemonBack) status = HandOverAnew(kept, settings);
-        if (event.news == News::Leases && event.server) {
-            if (WasReleased(event, kept)) return kExitDone;
-            const JValue leases = LeasesOf(event.root, kept.interface);
-            if (leases.isArray()) status = WriteIfChanged(kept, leases, written);
-        }
+        if (WasReleased(event, kept)) return kExitDone;
+        if (event.method == &kLeaseEvents) AskFor(follower, kServerLeaseInformation, kept.interface);
+        if (event.method == &kServerLeaseInformation) status = Keep(event, kept, written);
         if (status != kExitDone) return status;
     }
 }

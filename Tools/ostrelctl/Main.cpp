@@ -118,7 +118,6 @@ ExitStatus ExplainOption(const CLI::App& command, const std::string& word) {
     const std::string nearest = Nearest(word.substr(0, word.find('=')), known);
     std::string next = "did you mean '" + nearest + "'?";
     if (nearest.empty()) next = "'ostrelctl " + command.get_name() + " --help' shows how it is used";
-    if (word == "--all") next = "it is for one interface; call it for each";
     return Refuse(kExitUsage, '\'' + command.get_name() + "' has no option '" + Printable(word) + '\'', next);
 }
 
@@ -178,8 +177,10 @@ std::vector<std::string> WordsOf(int argc, char* argv[]) {
 ExitStatus ReadSettings(const CommandLine& line, Settings& settings) {
     const std::string command = line.app.get_subcommands().front()->get_name();
     settings = {.json = !line.json.empty(), .lines = line.json == "lines"};
-    if (!settings.lines || command == "status" || command == "watch") return kExitDone;
-    return Refuse(kExitUsage, "--json=lines is for 'status' and 'watch'", "--json prints the daemon's own replies");
+    constexpr std::array<std::string_view, 7> kTelling{"status", "watch", "wait", "apply", "log", "trace", "stats"};
+    if (!settings.lines || std::ranges::find(kTelling, command) != kTelling.end()) return kExitDone;
+    return Refuse(kExitUsage, "--json=lines is for 'status', 'watch' and what else tells what happens",
+                  "--json prints the daemon's own replies");
 }
 
 ExitStatus Run(int argc, char* argv[]) {

@@ -11,6 +11,7 @@
 #include <netlink/route/link.h>
 #include <netlink/route/route.h>
 #include <netlink/socket.h>
+#include <utility>
 
 namespace ostrelctl {
 
@@ -140,6 +141,13 @@ NetlinkSocket OpenNetlink() {
     NetlinkSocket socket(nl_socket_alloc());
     if (socket != nullptr && nl_connect(socket.get(), NETLINK_ROUTE) < 0) return nullptr;
     return socket;
+}
+
+NetlinkSocket OpenNetlinkNotices() {
+    NetlinkSocket socket = OpenNetlink();
+    const bool joined = socket != nullptr && nl_socket_add_memberships(socket.get(), RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR,
+                                                                       RTNLGRP_IPV4_ROUTE, 0) == 0;
+    return joined ? std::move(socket) : nullptr;
 }
 
 int AddAddress(nl_sock* socket, const InterfaceAddress& address) {

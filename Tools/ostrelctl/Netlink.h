@@ -40,6 +40,9 @@ struct InterfaceRoute {
 // Null when memory or file descriptors are out.
 [[nodiscard]] NetlinkSocket OpenNetlink();
 
+// Its descriptor can be read whenever a link, an IPv4 address or an IPv4 route has changed; null as above.
+[[nodiscard]] NetlinkSocket OpenNetlinkNotices();
+
 // Each is done when it returns, with 0, or with an errno: ENODEV without the interface, EPERM without CAP_NET_ADMIN.
 // Adding gives EEXIST when the address, or exactly this route, is there, and changes nothing then. Removing gives
 // EADDRNOTAVAIL for no such address, and ESRCH for no such route. Renewing gives an address a new lifetime.

@@ -1,7 +1,8 @@
 // From what an interface has to what it should have: the steps of apply.
 //
-// An address is put beside the old one, the routes and the DNS servers follow it, and only then does the old one
-// go, so that there is no moment without. The kernel ends an address at its lifetime, and with it the route that has it
+// An address is put beside the old one, the routes follow it, and only then does the old one go, so that there is no
+// moment without. The DNS servers come last: their keeper is another program, and an address that must not be used any
+// more does not wait for it. The kernel ends an address at its lifetime, and with it the route that has it
 // as its source, even when nobody is left to remove them. Only what was put there is removed: an address that somebody
 // set without end stays his, and routes are appended, never replaced.
 //
@@ -48,7 +49,7 @@ bool ShowCommand(const std::string& command) {
 
 void PrintSteps(Applier& applier) {
     if (!applier.steps.empty() && !applier.quiet) ShowCommand(LineHead(applier.interface) + applier.steps);
-    applier.steps.clear();
+    applier.lastSteps = std::exchange(applier.steps, {});
 }
 
 // A step that has failed, in the kernel's words or better ones.
@@ -342,16 +343,19 @@ void Bring(Applier& applier, const Setting& wanted) {
     const Setting none, &same = sameAddress ? had : none;
     const bool wasForeign = applier.addressIsForeign;
     applier.failed = false;
-    if (BringAddress(applier, had, wanted)) {
+    const bool isThere = BringAddress(applier, had, wanted);
+    if (isThere) {
         BringMTU(applier, had, wanted);
         BringRoutes(applier, same, wanted);
-        BringDns(applier, had, wanted);
-        TellUnused(applier, had, wanted);
     }
     DropRoutes(applier, had, sameAddress ? wanted : none);
     if (had.address != kAnyIPv4 && !sameAddress && !wasForeign) {
         DropAddress(applier, had);
         Restore(applier, wanted);
+    }
+    if (isThere) {
+        BringDns(applier, had, wanted);
+        TellUnused(applier, had, wanted);
     }
     if (had.mtu != 0 && wanted.mtu == 0) DropMTU(applier, had.mtu);
     applier.has = wanted;

@@ -26,12 +26,12 @@ struct Setting {
 
 struct Applier {
     // What to work on, and how.
-    std::string interface;
-    uint32_t metric;
-    bool dryRun;  // the steps are printed as commands, and not done
-    bool quiet;   // the steps are not printed
-    NetlinkSocket netlink;
-    sd_bus* bus;
+    std::string interface {};
+    uint32_t metric = 0;
+    bool dryRun = false;  // the steps are printed as commands, and not done
+    bool quiet = false;   // the steps are not printed
+    NetlinkSocket netlink{};
+    sd_bus* bus = nullptr;
 
     // What has come of it: `has` is what was applied, and is ours to change.
     Setting has{};
@@ -43,9 +43,10 @@ struct Applier {
     bool saidNobody = false;  // that nobody keeps them
     bool failed = false;      // something of the last round
     bool forbidden = false;   // the kernel has refused for want of rights
-    std::string steps{};      // done since the last line was printed
+    std::string steps{};      // done in this round
+    std::string lastSteps{};  // done in the last one
 
-    // Complaints of this round and the last: what is said every two seconds is said once.
+    // Complaints of this round and the last: what stays wrong is said once.
     std::set<std::string> complaints{}, lastComplaints{};
 };
 

@@ -75,6 +75,18 @@ std::string EscapedJson(std::string_view text) {
     return shown;
 }
 
+void PrintEvent(const Terminal& terminal, std::string_view head, char sign, std::string_view words) {
+    const Palette& palette = terminal.palette;
+    const std::string_view colour = sign == '+'   ? palette.good
+                                    : sign == '-' ? palette.warning
+                                    : sign == '!' ? palette.bad
+                                                  : std::string_view{};
+    std::string line(head);
+    line += std::string(colour) + sign + ' ' + std::string(words) + std::string(colour.empty() ? "" : palette.reset);
+    puts(line.c_str());
+    (void)fflush(stdout);
+}
+
 void PrintJson(std::string_view text) {
     const std::string line = (isatty(STDOUT_FILENO) == 0 ? std::string(text) : EscapedJson(text)) + '\n';
     (void)fputs(line.c_str(), stdout);

@@ -28,6 +28,11 @@ struct Terminal {
 // that is not UTF-8.
 [[nodiscard]] std::string Printable(std::string_view text);
 
+// Prints an event on a line of its own, and at once: where and when, a sign that says what kind it is ('+' come, '-'
+// gone,
+// '!' gone wrong), and words in the sign's colour.
+void PrintEvent(const Terminal& terminal, std::string_view head, char sign, std::string_view words);
+
 // Prints a JSON text on a line of its own: on a terminal with such characters as \u escapes, else as it is.
 void PrintJson(std::string_view text);
 [[nodiscard]] std::string EscapedJson(std::string_view text);

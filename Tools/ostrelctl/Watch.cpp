@@ -1,15 +1,15 @@
-// ostrelctl watch: each change as it comes.
+// ostrelctl watch: each change of leases as it comes.
 //
-// What the daemon says is compared with what it said last; the first look shows what there is, and is no change. A new
-// daemon is asked anew and compared with what the old one said, so a restart shows as what was lost by it.
+// The first look shows what there is, and is no change. A new daemon is asked anew and compared with what the old one
+// said, so a restart shows as what was lost by it.
 #include <cstdio>
-#include <map>
 
 #include "Arguments.h"
 #include "Changes.h"
 #include "Checks.h"
 #include "Command.h"
 #include "Follow.h"
+#include "Happening.h"
 #include "Lines.h"
 #include "Terminal.h"
 
@@ -25,9 +25,9 @@ struct WatchOptions {
 struct Watcher {
     const WatchOptions& options;
     Settings settings;
-    Palette palette;
-    std::map<std::string, Holding> clients;
-    std::map<std::string, std::vector<TableLine>> tables;
+    Terminal terminal;
+    Holdings holdings{.grace = kGraceOfNewDaemon};
+    std::set<std::string> firstLooks{};  // interfaces that had a lease at the first look, whose details are to come
     unsigned changes = 0;
 };
 
@@ -37,117 +37,89 @@ void Declare(CLI::App& command, WatchOptions& options) {
         ->type_name("N");
 }
 
-void PrintWords(const Watcher& watcher, const std::string& interface, char sign, const std::string& words) {
-    const Palette& palette = watcher.palette;
-    const std::string_view colour = sign == '+' ? palette.good : sign == '-' ? palette.bad : "";
-    const std::string line = LineHead(interface) + std::string(colour) + sign + ' ' + words +
-                             std::string(colour.empty() ? "" : palette.reset);
-    puts(line.c_str());
-    (void)fflush(stdout);
+void Print(const Watcher& watcher, const std::string& interface, char sign, const std::string& words) {
+    if (!watcher.settings.json) PrintEvent(watcher.terminal, LineHead(interface), sign, words);
 }
 
-void Print(const Watcher& watcher, const std::string& interface, const Change& change, bool first) {
-    if (!watcher.settings.json) return PrintWords(watcher, interface, change.sign, change.words);
+void PrintChange(Watcher& watcher, const std::string& interface, const Change& change, bool isFirst) {
+    if (!isFirst) ++watcher.changes;
+    Print(watcher, interface, change.sign, change.words);
     if (!watcher.settings.lines) return;
-    valdo::JValue line = LineOf(first ? "present" : change.event, interface);
-    std::visit([&line](const auto& lease) { PutLease(line, lease); }, change.lease);
+    valdo::JValue line = LineOf(isFirst ? "present" : change.event, interface);
+    PutLease(line, change.lease);
+    if (!change.reason.empty()) line.put("reason", std::string_view(change.reason));
     PrintLine(line);
 }
 
-bool HasEnough(const Watcher& watcher) {
-    return watcher.options.count && watcher.changes >= *watcher.options.count;
-}
-
-void Print(Watcher& watcher, const std::string& interface, const std::vector<Change>& changes, bool first) {
-    for (const Change& change : changes) {
-        if (HasEnough(watcher)) return;
-        Print(watcher, interface, change, first);
-        if (!first) ++watcher.changes;
+// The table as it is at the first look.
+void ShowTable(const Watcher& watcher, const Event& event) {
+    for (const ServerLease& lease : ReadServerLeases(event.root)) {
+        if (lease.interface != event.interface) continue;
+        Print(watcher, lease.interface, '+', WordsOf(lease));
+        if (!watcher.settings.lines) continue;
+        valdo::JValue line = LineOf("present", lease.interface);
+        PutLease(line, lease);
+        PrintLine(line);
     }
 }
 
-// What leases say of the interfaces watched. A reply says of the one asked about that it has nothing, if it is missing.
-template <typename Said>
-void Complete(std::map<std::string, Said>& said, const Watcher& watcher, const Event& event) {
-    const std::string& only = watcher.options.interface;
-    if (event.origin != Origin::Post) said.try_emplace(event.interface);
-    std::erase_if(said,
-                  [&only](const auto& entry) { return entry.first.empty() || (!only.empty() && entry.first != only); });
-}
-
-// What is there when an interface is heard of first, by a reply, is no change.
-template <typename Known>
-bool IsFirstLook(const std::map<std::string, Known>& known, const std::string& interface, const Event& event) {
-    return event.origin != Origin::Post && !known.contains(interface);
-}
-
-bool ShowClients(Watcher& watcher, const Event& event) {
-    std::map<std::string, ClientLease> said;
-    for (const ClientLease& lease : ReadClientLeases(event.root)) said[lease.interface] = lease;
-    Complete(said, watcher, event);
-    bool tells = false;
-    for (const auto& [interface, lease] : said) {
-        const bool first = IsFirstLook(watcher.clients, interface, event);
-        Holding& holding = watcher.clients[interface];
-        const Holding before = holding;
-        Hear(holding, lease, event.hearing);
-        const std::vector<Change> changes = ChangesOf(before, holding);
-        Print(watcher, interface, changes, first);
-        tells = tells || first || !changes.empty();
-    }
-    return tells;
-}
-
-bool ShowServers(Watcher& watcher, const Event& event) {
-    std::map<std::string, std::vector<TableLine>> said;
-    for (const ServerLease& lease : ReadServerLeases(event.root))
-        said[lease.interface].push_back({lease, EndOf(lease.times.ends, event.hearing)});
-    Complete(said, watcher, event);
-    bool tells = false;
-    for (auto& [interface, table] : said) {
-        const bool first = IsFirstLook(watcher.tables, interface, event);
-        std::vector<TableLine>& known = watcher.tables[interface];
-        const std::vector<Change> changes = ChangesOf(known, table);
-        Print(watcher, interface, changes, first);
-        tells = tells || first || !changes.empty();
-        known = std::move(table);
-    }
-    return tells;
-}
-
-// With --json a reply is shown when it is the first of its interface, or tells something new.
-void ShowLeases(Watcher& watcher, const Event& event) {
-    const bool tells = event.server ? ShowServers(watcher, event) : ShowClients(watcher, event);
-    if (watcher.settings.json && !watcher.settings.lines && (tells || event.origin == Origin::Post))
-        PrintJson(event.text);
-}
-
-void ShowDaemon(Watcher& watcher, bool back) {
-    for (auto& [interface, holding] : watcher.clients) Forget(holding, kNever);
+void ShowLeaseEvent(Watcher& watcher, const Event& event) {
+    const std::optional<Happening> happening = event.posted ? ReadLeaseEvent(event.root) : std::nullopt;
+    if (!happening) return;
     ++watcher.changes;
-    if (watcher.settings.lines)
-        PrintLine(LineOf(back ? "daemon-back" : "daemon-gone", ""));
-    else if (!watcher.settings.json)
-        PrintWords(watcher, "-", back ? '+' : '-', back ? "daemon back" : "daemon gone");
+    Print(watcher, happening->interface, SignOf(*happening), WordsOf(*happening));
+    if (!watcher.settings.lines) return;
+    valdo::JValue line = LineOf(happening->event.c_str(), happening->interface);
+    PutHappening(line, *happening);
+    PrintLine(line);
+}
+
+void ShowDaemon(Watcher& watcher, bool isBack) {
+    ++watcher.changes;
+    Print(watcher, "-", isBack ? '+' : '-', isBack ? "daemon back" : "daemon gone");
+    if (watcher.settings.lines) PrintLine(LineOf(isBack ? "daemon-back" : "daemon-gone", ""));
+}
+
+void AskForTables(const Watcher& watcher, Follower& follower) {
+    for (const auto& [interface, holding] : watcher.holdings.each)
+        if (holding.state && holding.state->server) AskFor(follower, kServerLeaseInformation, interface);
+}
+
+// What is there when the daemon first answers is no change; its details come a moment later.
+bool IsFirstLook(Watcher& watcher, const std::string& interface, const Holding& before, const Event& event) {
+    const Holding& now = watcher.holdings.each[interface];
+    const bool isAnswer = event.method == &kInterfaceState && !event.posted;
+    if (isAnswer && !before.lease && now.state && now.state->client && now.state->client->held)
+        watcher.firstLooks.insert(interface);
+    if (event.method == &kClientLeaseInformation) return watcher.firstLooks.erase(interface) > 0;
+    return isAnswer;
+}
+
+void ShowHoldings(Watcher& watcher, Follower& follower, const Event& event) {
+    for (const auto& [interface, before] : HearEvent(watcher.holdings, follower, event)) {
+        const bool isFirst = IsFirstLook(watcher, interface, before, event) && !before.lease;
+        const std::optional<Change> change = ChangeOf(before, watcher.holdings.each[interface]);
+        if (change) PrintChange(watcher, interface, *change, isFirst);
+    }
+}
+
+void Show(Watcher& watcher, Follower& follower, const Event& event) {
+    const bool isBack = event.news == News::DaemonBack;
+    if (event.news == News::Told && watcher.settings.json && !watcher.settings.lines) PrintJson(event.text);
+    if (event.method == &kServerLeaseInformation) return ShowTable(watcher, event);
+    if (event.method == &kLeaseEvents) return ShowLeaseEvent(watcher, event);
+    ShowHoldings(watcher, follower, event);
+    if (event.method == &kInterfaceState && !event.posted) AskForTables(watcher, follower);
+    if (isBack || event.news == News::DaemonGone) ShowDaemon(watcher, isBack);
 }
 
 ExitStatus Watch(Follower& follower, Watcher& watcher) {
-    while (!HasEnough(watcher)) {
-        const Event event = NextEvent(follower, kNever);
-        switch (event.news) {
-            case News::Leases:
-                ShowLeases(watcher, event);
-                break;
-            case News::DaemonGone:
-            case News::DaemonBack:
-                ShowDaemon(watcher, event.news == News::DaemonBack);
-                break;
-            case News::Failed:
-                return event.status;
-            case News::Interrupted:
-            case News::Deadline:
-                return kExitDone;
-        }
+    const auto& most = watcher.options.count;
+    while (!most || watcher.changes < *most) {
+        const Event event = NextEvent(follower, NextEnd(watcher.holdings));
+        if (event.news == News::Failed) return event.status;
+        if (event.news == News::Interrupted) return kExitDone;
+        Show(watcher, follower, event);
     }
     return kExitDone;
 }
@@ -155,15 +127,12 @@ ExitStatus Watch(Follower& follower, Watcher& watcher) {
 ExitStatus Run(const WatchOptions& options, const Settings& settings) {
     const ExitStatus checked = options.interface.empty() ? kExitDone : CheckInterface(options.interface);
     if (checked != kExitDone) return checked;
-    Follower follower{.interface = options.interface, .servers = true};
+    Watcher watcher{.options = options, .settings = settings, .terminal = DescribeStandardOutput()};
+    if (!options.interface.empty()) watcher.holdings.only.insert(options.interface);
+    Follower follower{.subscriptions = {SubscriptionFor(watcher.holdings),
+                                        {.method = &kLeaseEvents, .interface = options.interface}}};
     const ExitStatus started = StartFollowing(follower, settings);
-    if (started != kExitDone) return started;
-    Watcher watcher{.options = options,
-                    .settings = settings,
-                    .palette = DescribeStandardOutput().palette,
-                    .clients = {},
-                    .tables = {}};
-    return Watch(follower, watcher);
+    return started == kExitDone ? Watch(follower, watcher) : started;
 }
 
 }  // namespace
