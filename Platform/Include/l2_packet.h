@@ -51,7 +51,9 @@ int l2_packet_get_own_addr(const l2_packet_data* l2, std::array<uint8_t, 6>& add
 [[nodiscard]] uint32_t l2_packet_get_mtu(const l2_packet_data* l2) noexcept;
 
 // Sends one frame. `destination` is null and `protocol` 0: the frame carries its own header. The number of bytes sent,
-// or negative on an error (the link is down, the interface is gone, the queue is full). Never blocks.
+// or negative on an error (the link is down, the interface is gone, the queue is full). Never blocks. What is sent from
+// the socket's own callback goes out, in order, with the answers to the frames that came together with its frame: what
+// then fails is lost as it could be lost on the wire.
 [[nodiscard]] int l2_packet_send(l2_packet_data* l2, const uint8_t* destination, uint16_t protocol,
                                  std::span<const uint8_t> frame) noexcept;
 

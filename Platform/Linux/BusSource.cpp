@@ -106,6 +106,7 @@ GSource* BusSourceAttach(VSHandle* handle, GMainContext* context) noexcept {
     self->failing = false;
     self->descriptor.fd = sd_bus_get_fd(BusOf(handle).bus.get());
     g_source_set_name(source, "bus");
+    EventLoopRunsFlat(source);
     g_source_add_poll(source, &self->descriptor);
     (void)g_source_attach(source, context);
     return source;

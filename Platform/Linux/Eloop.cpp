@@ -125,9 +125,16 @@ void CloseFd(int& fd) noexcept {
 
 }  // namespace
 
+// Nothing here runs the loop from within a callback. GLib guards each source against that all the same, at the price of
+// three system calls a callback, unless it is told that the source allows it.
+void EventLoopRunsFlat(GSource* source) noexcept {
+    g_source_set_can_recurse(source, TRUE);
+}
+
 GSource* EventLoopWatch(int fd, GUnixFDSourceFunc callback, void* data, GIOCondition condition) noexcept {
     GSource* const source = g_unix_fd_source_new(fd, static_cast<GIOCondition>(condition | G_IO_ERR | G_IO_HUP));
     g_source_set_callback(source, G_SOURCE_FUNC(callback), data, nullptr);
+    EventLoopRunsFlat(source);
     g_source_attach(source, nullptr);
     return source;
 }
@@ -156,6 +163,7 @@ int eloop_init(void* loopContext) noexcept {
     loop.context = loopContext;
     loop.main = g_main_loop_new(nullptr, FALSE);
     loop.timeoutSource = g_source_new(&timeoutFunctions, sizeof(GSource));
+    EventLoopRunsFlat(loop.timeoutSource);
     g_source_attach(loop.timeoutSource, nullptr);
     loop.alarmSource = EventLoopWatch(loop.alarmFd, DispatchAlarms, nullptr);
     return 0;

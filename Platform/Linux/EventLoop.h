@@ -9,6 +9,9 @@
 [[nodiscard]] GSource* EventLoopWatch(int fd, GUnixFDSourceFunc callback, void* data,
                                       GIOCondition condition = G_IO_IN) noexcept;
 
+// Tells the loop that the source's callback never runs it. To be called before the source is attached.
+void EventLoopRunsFlat(GSource* source) noexcept;
+
 // Ends a watch and clears the pointer. Null is ignored.
 void EventLoopUnwatch(GSource*& source) noexcept;
 

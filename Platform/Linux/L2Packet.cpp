@@ -27,6 +27,30 @@ constexpr int32_t kWarningLevel = 5000;
 constexpr int kReceiveBuffer = 512 * 1024;  // bytes: some hundred frames, for when a whole site powers up at once
 constexpr std::array<l2_filter_instruction, 1> kDropEverything{{{BPF_RET | BPF_K, 0, 0, 0}}};
 
+// What goes before every program; what it passes, the program sees.
+//
+// While an interface is promiscuous (a capture runs, or it is a port of a bridge) the kernel hands over what is sent to
+// other hosts as well, and marks it; older kernels hand over what this host sends. The kernel takes the VLAN tag out of
+// a frame before a packet socket sees it. A frame of VLAN 0 carries only a priority and belongs to this interface; any
+// other belongs to another one.
+constexpr uint16_t kLoad = BPF_LD | BPF_W | BPF_ABS;
+constexpr uint16_t kIsEqual = BPF_JMP | BPF_JEQ | BPF_K;
+constexpr uint16_t kHasAnyBit = BPF_JMP | BPF_JSET | BPF_K;
+constexpr uint32_t kVlanIdentifierMask = 0x0FFF;
+constexpr uint32_t Ancillary(int32_t what) {
+    return static_cast<uint32_t>(SKF_AD_OFF + what);
+}
+constexpr std::array<l2_filter_instruction, 8> kOnlyOurs{{
+    {kLoad, 0, 0, Ancillary(SKF_AD_PKTTYPE)},
+    {kIsEqual, 5, 0, PACKET_OTHERHOST},
+    {kIsEqual, 4, 0, PACKET_OUTGOING},
+    {kLoad, 0, 0, Ancillary(SKF_AD_VLAN_TAG_PRESENT)},
+    {kIsEqual, 3, 0, 0},
+    {kLoad, 0, 0, Ancillary(SKF_AD_VLAN_TAG)},
+    {kHasAnyBit, 0, 1, kVlanIdentifierMask},
+    {BPF_RET | BPF_K, 0, 0, 0},
+}};
+
 static_assert(sizeof(sock_filter) == sizeof(l2_filter_instruction));
 static_assert(offsetof(sock_filter, jt) == offsetof(l2_filter_instruction, jt));
 static_assert(offsetof(sock_filter, k) == offsetof(l2_filter_instruction, k));
@@ -52,15 +76,10 @@ void EnlargeReceiveBuffer(int fd) noexcept {
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kReceiveBuffer, sizeof kReceiveBuffer);
 }
 
-// Linux has the option from 4.20 on. An older one delivers what this host sends, and L2Receive drops it.
+// Linux has the option from 4.20 on. An older one delivers what this host sends, and the program drops it.
 void IgnoreOutgoing(int fd) noexcept {
     const int on = 1;
     setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof on);
-}
-
-bool AskForVlanTags(int fd) noexcept {
-    const int on = 1;
-    return setsockopt(fd, SOL_PACKET, PACKET_AUXDATA, &on, sizeof on) == 0;
 }
 
 // Reads index, address and MTU of the interface. False with errno when there is none of that name or it isn't Ethernet.
@@ -95,8 +114,7 @@ bool Open(l2_packet_data* l2, uint16_t protocol) noexcept {
     EnlargeReceiveBuffer(l2->fd);
     IgnoreOutgoing(l2->fd);
     int index = 0;
-    return AttachFilter(l2->fd, kDropEverything) && AskForVlanTags(l2->fd) && ReadInterface(l2, index) &&
-           BindTo(l2->fd, index, protocol);
+    return AttachFilter(l2->fd, kDropEverything) && ReadInterface(l2, index) && BindTo(l2->fd, index, protocol);
 }
 
 // Why a socket cannot be opened, in the words of whoever has to mend it.
@@ -143,7 +161,12 @@ l2_packet_data* l2_packet_init(const char* ifname, const uint8_t*, uint16_t prot
 }
 
 int l2_packet_install_filter(l2_packet_data* l2, std::span<const l2_filter_instruction> program) noexcept {
-    return AttachFilter(l2->fd, program) ? 0 : -1;
+    constexpr size_t kMost = 256;  // instructions
+    std::array<l2_filter_instruction, kMost> whole;
+    if (program.size() > kMost - kOnlyOurs.size()) return -1;
+    const auto rest = std::copy(kOnlyOurs.begin(), kOnlyOurs.end(), whole.begin());
+    std::copy(program.begin(), program.end(), rest);
+    return AttachFilter(l2->fd, std::span(whole).first(kOnlyOurs.size() + program.size())) ? 0 : -1;
 }
 
 int l2_packet_get_own_addr(const l2_packet_data* l2, std::array<uint8_t, 6>& address) noexcept {
@@ -158,6 +181,7 @@ uint32_t l2_packet_get_mtu(const l2_packet_data* l2) noexcept {
 int l2_packet_send(l2_packet_data* l2, const uint8_t* destination, uint16_t protocol,
                    std::span<const uint8_t> frame) noexcept {
     if (destination != nullptr || protocol != 0) return -EINVAL;
+    if (l2->receiving) return L2Defer(l2, frame);
     ssize_t sent = send(l2->fd, frame.data(), frame.size(), MSG_DONTWAIT);
     // The error may be that of an earlier moment, which nobody has read from the socket yet: the second try tells.
     if (sent < 0 && errno == ENETDOWN) sent = send(l2->fd, frame.data(), frame.size(), MSG_DONTWAIT);
@@ -169,6 +193,7 @@ int l2_packet_send(l2_packet_data* l2, const uint8_t* destination, uint16_t prot
 void l2_packet_deinit(l2_packet_data* l2) noexcept {
     if (l2 == nullptr || l2->closed) return;
     EventLoopUnwatch(l2->source);
+    if (l2->receiving) L2Flush(l2);
     if (l2->fd >= 0) close(l2->fd);
     l2->fd = -1;
     l2->closed = true;

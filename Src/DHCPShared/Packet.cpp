@@ -2,6 +2,10 @@
 //
 // The headers are written here because the kernel cannot: a client has no address yet, and a server answers hosts that
 // have none. The frame is built in the interface's txFrame; the next frame of the interface overwrites it.
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
 #include <endian.h>
 
 #include "Ostrel/Check.h"
@@ -48,17 +52,27 @@ Ostrel_UDPHeader UDPHeader(const Ostrel_IPv4Header& ip, uint16_t sourcePort, uin
     return header;
 }
 
+// Adds up the 16-bit words of a number, with end-around carry.
+uint32_t Fold(uint64_t number) {
+    while (number > 0xFFFF) number = (number >> 16) + (number & 0xFFFF);
+    return static_cast<uint32_t>(number);
+}
+
 }  // namespace
 
+// A sum of longer words is the same once its halves are added up, in either byte order (RFC 1071 section 2).
 uint32_t Ostrel_Checksum(std::span<const uint8_t> data, uint32_t sum) {
-    const auto add = [&sum](uint32_t word) {
-        sum += word;
-        if (sum >= 0x10000) sum -= 0xFFFF;
-    };
-    const size_t whole = data.size() & ~size_t{1};
-    for (size_t i = 0; i < whole; i += 2) add(static_cast<uint32_t>(data[i]) << 8 | data[i + 1]);
-    if (whole != data.size()) add(static_cast<uint32_t>(data[whole]) << 8);
-    return sum;
+    uint64_t words = 0;
+    const size_t whole = data.size() & ~size_t{3};
+    for (size_t i = 0; i < whole; i += sizeof(uint32_t)) {
+        uint32_t word = 0;
+        std::memcpy(&word, &data[i], sizeof word);
+        words += word;
+    }
+    std::array<uint8_t, sizeof(uint32_t)> rest{};
+    std::copy(data.begin() + static_cast<std::ptrdiff_t>(whole), data.end(), rest.begin());
+    words += std::bit_cast<uint32_t>(rest);
+    return Fold(uint64_t{sum} + be16toh(static_cast<uint16_t>(Fold(words))));
 }
 
 uint16_t Ostrel_Wrapsum(uint32_t sum) {

@@ -253,6 +253,29 @@ TEST_F(L2Packet, ACallbackMayCloseSocketsAndEndTheLoop) {
     EXPECT_EQ(ends.markers.size(), 1u);
 }
 
+TEST_F(L2Packet, AnswersTheFramesOfABatchInOrder) {
+    Shell("ip link set here mtu 1000");
+    Listener here("here"), there("there");
+    ASSERT_EQ(here.Install(), 0);
+    ASSERT_EQ(there.Install(), 0);
+    here.also = [&] {
+        const uint8_t marker = here.markers.back();
+        if (marker == 5) {
+            EXPECT_EQ(here.Send(Marked(50, kExperimental, 1500)), 1500) << "lost, as on the wire";
+            EXPECT_EQ(here.Send(Marked(51, kExperimental, kL2MaxFrame + 1)), -EMSGSIZE);
+        }
+        EXPECT_EQ(here.Send(Marked(marker + 100)), 60);
+        if (marker == 40) here.Close();
+    };
+    std::vector<uint8_t> answers;
+    for (uint8_t marker = 0; marker <= 40; ++marker) {
+        EXPECT_EQ(there.Send(Marked(marker)), 60);
+        answers.push_back(marker + 100);
+    }
+    EXPECT_TRUE(there.WaitFor(140));
+    EXPECT_EQ(there.markers, answers);
+}
+
 TEST_F(L2Packet, OutlivesItsLinkAndItsInterface) {
     const std::string log = testing::TempDir() + "l2-" + std::to_string(getpid()) + ".log";
     DebugInitialize(kDebugBackEndFile, 1, log.c_str());

@@ -181,4 +181,20 @@ TEST(Options, AppendWritesAWholeOptionOrNothing) {
     wpabuf_free(buffer);
 }
 
+// Against the sum as RFC 1071 writes it down, 16 bits at a time.
+TEST(Checksum, IsThatOfItsWordsInNetworkOrder) {
+    Bytes data;
+    for (uint32_t length = 0; length < 600; ++length) {
+        uint32_t expected = 0xFEDC;
+        for (size_t i = 0; i < data.size(); i += 2) {
+            expected += static_cast<uint32_t>(data[i]) << 8 | (i + 1 < data.size() ? data[i + 1] : 0U);
+            expected = (expected & 0xFFFF) + (expected >> 16);
+        }
+        ASSERT_EQ(Ostrel_Checksum(data, 0xFEDC), expected) << length;
+        data.push_back(static_cast<uint8_t>(length < 300 ? 0xFF : length * 151 >> 3));
+    }
+    EXPECT_EQ(Ostrel_Checksum(Bytes(8, 0), 0), 0u) << "only nothing adds up to 0";
+    EXPECT_EQ(Ostrel_Checksum(Bytes(8, 0xFF), 0), 0xFFFFu);
+}
+
 }  // namespace
