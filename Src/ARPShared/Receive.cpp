@@ -31,10 +31,9 @@ void TurnTo(Ostrel_InterfaceObj* iface, const char* role) {
     if (!iface->frameUnderWay.bytes.empty()) iface->frameUnderWay.role = role;
 }
 
-void Weigh(const char* role, const Ostrel_Verdict& verdict, uint64_t* conflicts, Outcome* outcome) {
+void Weigh(const char* role, const Ostrel_Verdict& verdict, Outcome* outcome) {
     using enum Ostrel_VerdictKind;
     const bool isTaken = verdict.kind == Taken;
-    if (isTaken) ++*conflicts;
     if (outcome->verdict.kind == Taken || (!isTaken && outcome->verdict.kind != NotConcerned)) return;
     *outcome = {isTaken ? role : outcome->role, verdict};
 }
@@ -44,22 +43,18 @@ Outcome HandOver(Ostrel_InterfaceObj* iface, std::span<const uint8_t> frame) {
     const auto* ethernet = reinterpret_cast<const Ostrel_EthernetHeader*>(frame.data());
     const auto* arp = reinterpret_cast<const Ostrel_ARPHeader*>(arpStart);
     const auto* addresses = reinterpret_cast<const Ostrel_ARPAddresses*>(arpStart + sizeof(Ostrel_ARPHeader));
-    Ostrel_ARPCounters& counters = iface->counters;
     Outcome outcome;
     if (iface->dhcpClient != nullptr) {
         TurnTo(iface, "client");
-        Weigh("client", Ostrel_DHCPClientARPPacketHandler(iface->dhcpClient, ethernet, arp, addresses),
-              &counters.clientConflicts, &outcome);
+        Weigh("client", Ostrel_DHCPClientARPPacketHandler(iface->dhcpClient, ethernet, arp, addresses), &outcome);
     }
     if (iface->dhcpServer != nullptr) {
         TurnTo(iface, "server");
-        Weigh("server", Ostrel_DHCPServerARPPacketHandler(iface->dhcpServer, ethernet, arp, addresses),
-              &counters.serverConflicts, &outcome);
+        Weigh("server", Ostrel_DHCPServerARPPacketHandler(iface->dhcpServer, ethernet, arp, addresses), &outcome);
     }
     if (iface->linkLocal != nullptr) {
         TurnTo(iface, "linkLocal");
-        Weigh("linkLocal", Ostrel_LinkLocalARPPacketHandler(iface->linkLocal, ethernet, arp, addresses),
-              &counters.linkLocalConflicts, &outcome);
+        Weigh("linkLocal", Ostrel_LinkLocalARPPacketHandler(iface->linkLocal, ethernet, arp, addresses), &outcome);
     }
     return outcome;
 }

@@ -101,6 +101,7 @@ Ostrel_Verdict Ostrel_DHCPServerProbeFails(Ostrel_ServerObj* server, Ostrel_Serv
                     host);
         return {.kind = Ostrel_VerdictKind::Limited};
     }
+    ++server->iface->counters.serverConflicts;
     const Ostrel_ServerProbe taken = Take(server, probe);
     Ostrel_LeaseInformation* const lease = &server->leases[taken.slot];
     Ostrel_DHCPServer_LeaseHold(server, lease, host, key, os_monotonic_seconds(),
