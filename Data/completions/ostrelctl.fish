@@ -29,7 +29,8 @@ set --local commands \
     debug "Set how much the daemon writes to its log" \
     watch "Print each change as it comes" \
     wait "Wait for an address" \
-    apply "Keep the kernel at what is published"
+    apply "Keep the kernel at what is published" \
+    run "Make the interfaces what files say"
 for i in (seq 1 2 (count $commands))
     complete --command ostrelctl --condition __fish_use_subcommand --arguments $commands[$i] \
         --description $commands[(math $i + 1)]
@@ -69,3 +70,5 @@ __ostrelctl_behind apply --long-option dry-run --description "Print what would b
 __ostrelctl_behind apply --long-option once --description "Apply the first lease and end"
 __ostrelctl_behind apply --long-option keep --description "Leave everything in place when stopped"
 __ostrelctl_behind apply --exclusive --long-option metric --description "Metric of the routes"
+__ostrelctl_behind run --force-files --long-option check --description "Say what the files mean, and do nothing"
+__ostrelctl_behind run --force-files --long-option example --description "Print a file with every key"

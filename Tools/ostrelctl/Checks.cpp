@@ -21,13 +21,14 @@ constexpr int64_t kLongestLease = INT32_MAX;  // seconds
 // A row of a table of rules: the first one that is broken is told.
 struct Rule {
     bool broken;
+    const char* key;  // the option that is wrong
     std::string problem;
     const char* next;
 };
 
 ExitStatus CheckRules(std::initializer_list<Rule> rules) {
     for (const Rule& rule : rules)
-        if (rule.broken) return Refuse(kExitUsage, rule.problem, rule.next);
+        if (rule.broken) return RefuseKey(rule.key, rule.problem, rule.next);
     return kExitDone;
 }
 
@@ -63,17 +64,22 @@ ExitStatus CheckRange(const ServerPlan& plan) {
         return be32toh(address) >= begin && be32toh(address) <= end;
     };
     return CheckRules({
-        {end < begin, "the range ends at " + last + ", before it begins at " + first, "give the lower address first"},
-        {!IsIn(network, plan.range.first), "the range begins at " + first + outside, ""},
-        {!IsIn(network, plan.range.last), "the range ends at " + last + outside, ""},
-        {IsReserved(network, plan.range.first), "the range begins at " + ReservedText(network, plan.range.first), ""},
-        {IsReserved(network, plan.range.last), "the range ends at " + ReservedText(network, plan.range.last), ""},
-        {end - begin >= kMostLeases,
+        {end < begin, "range", "the range ends at " + last + ", before it begins at " + first,
+         "give the lower address first"},
+        {!IsIn(network, plan.range.first), "range", "the range begins at " + first + outside, ""},
+        {!IsIn(network, plan.range.last), "range", "the range ends at " + last + outside, ""},
+        {IsReserved(network, plan.range.first), "range",
+         "the range begins at " + ReservedText(network, plan.range.first), ""},
+        {IsReserved(network, plan.range.last), "range", "the range ends at " + ReservedText(network, plan.range.last),
+         ""},
+        {end - begin >= kMostLeases, "range",
          "the range from " + first + " to " + last + " has more than " + std::to_string(kMostLeases) + " addresses",
          ""},
-        {holds(network.address), "the server's own address " + AddressText(network.address) + " is in the range",
+        {holds(network.address), "address",
+         "the server's own address " + AddressText(network.address) + " is in the range",
          "let the range begin after it, or end before it"},
-        {holds(plan.router), "the router " + AddressText(plan.router) + " is in the range, and would be leased", ""},
+        {holds(plan.router), "router",
+         "the router " + AddressText(plan.router) + " is in the range, and would be leased", ""},
     });
 }
 
@@ -96,38 +102,40 @@ ExitStatus CheckInterface(const std::string& name) {
     return kExitDone;
 }
 
-ExitStatus CheckOwnAddress(const Network& network) {
+ExitStatus CheckOwnAddress(const Network& network, const char* key) {
     const uint32_t first = be32toh(network.address) >> 24;
     const bool unusable = first == 0 || first == 127 || first >= 224;  // this host, loopback, multicast and beyond
     return CheckRules({
-        {unusable, "no interface can have the address " + AddressText(network.address), ""},
-        {IsReserved(network, network.address),
+        {unusable, key, "no interface can have the address " + AddressText(network.address), ""},
+        {IsReserved(network, network.address), key,
          "the interface's own address is " + ReservedText(network, network.address), ""},
     });
 }
 
 ExitStatus CheckDnsServers(const std::vector<Ostrel_IPv4>& servers) {
     if (servers.size() <= kMostDnsServers) return kExitDone;
-    return Refuse(kExitUsage, "the daemon takes three DNS servers, not " + std::to_string(servers.size()),
-                  "it would leave out " + AddressText(servers[kMostDnsServers]) + " and what follows");
+    return RefuseKey("dns", "the daemon takes three DNS servers, not " + std::to_string(servers.size()),
+                     "it would leave out " + AddressText(servers[kMostDnsServers]) + " and what follows");
 }
 
 ExitStatus CheckServer(const ServerPlan& plan) {
     const Network& network = plan.network;
     const std::string router = AddressText(plan.router);
-    const ExitStatus own = CheckOwnAddress(network);
+    const ExitStatus own = CheckOwnAddress(network, "address");
     if (own != kExitDone) return own;
     const unsigned longest = plan.plain ? kLongestPlainPrefix : kLongestServerPrefix;
     const bool hasRouter = plan.router != kAnyIPv4;
     const ExitStatus settings = CheckRules({
-        {PrefixLength(network.mask) > longest,
+        {PrefixLength(network.mask) > longest, "address",
          "the daemon can only serve subnets of /" + std::to_string(longest) + " and larger, not " + SubnetText(network),
          ""},
-        {plan.leaseSeconds < 1 || plan.leaseSeconds > kLongestLease,
+        {plan.leaseSeconds < 1 || plan.leaseSeconds > kLongestLease, "lease",
          "a lease lasts 1 to " + std::to_string(kLongestLease) + " seconds, not " + std::to_string(plan.leaseSeconds),
          ""},
-        {hasRouter && !IsIn(network, plan.router), "the router " + router + " is outside " + SubnetText(network), ""},
-        {hasRouter && IsReserved(network, plan.router), "the router is " + ReservedText(network, plan.router), ""},
+        {hasRouter && !IsIn(network, plan.router), "router",
+         "the router " + router + " is outside " + SubnetText(network), ""},
+        {hasRouter && IsReserved(network, plan.router), "router", "the router is " + ReservedText(network, plan.router),
+         ""},
     });
     return settings != kExitDone ? settings : CheckRange(plan);
 }

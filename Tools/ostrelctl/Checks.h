@@ -24,7 +24,7 @@ struct ServerPlan {
 //
 // The device has an Ethernet interface of that name. One that is down only gets a hint.
 [[nodiscard]] ExitStatus CheckInterface(const std::string& name);
-[[nodiscard]] ExitStatus CheckOwnAddress(const Network& network);
+[[nodiscard]] ExitStatus CheckOwnAddress(const Network& network, const char* key);
 [[nodiscard]] ExitStatus CheckDnsServers(const std::vector<Ostrel_IPv4>& servers);
 [[nodiscard]] ExitStatus CheckServer(const ServerPlan& plan);
 

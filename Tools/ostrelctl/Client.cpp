@@ -18,6 +18,7 @@
 #include "Fields.h"
 #include "Lease.h"
 #include "Managed.h"
+#include "Roles.h"
 
 using valdo::JValue;
 
@@ -32,57 +33,10 @@ constexpr char kNoName[] = "none";
 // What 'apply' and whoever reads a lease can use beside the usual: MTU, NTP servers, search domains, routes.
 constexpr std::array<int, 4> kWantedOptions{26, 42, 119, 121};
 
-struct ClientOptions {
-    std::string interface;
-    bool dhcp = false;
-    std::optional<Network> fixed;        // --static
-    std::optional<Ostrel_IPv4> address;  // --address
-    std::optional<Ostrel_IPv4> router;
-    std::vector<Ostrel_IPv4> dnsServers;
-    std::optional<std::string> domainName, clientIdentifier;
-    std::optional<std::string> hostName;
-    std::string linkLocal;  // "always", "fallback"; empty: none
-    bool plain = false;
-    bool noStart = false;
-};
-
 void Declare(CLI::App& command, ClientOptions& options) {
     AddInterface(command, options.interface)->required();
-    CLI::Option* const dhcp = command.add_flag("--dhcp", options.dhcp, "Everything by DHCP; the default");
-    CLI::Option* const fixed = AddNetwork(command, "--static", options.fixed, "This address, and no DHCP");
-    AddAddress(command, "--address", options.address, "Show this address until a server grants one; the rest by DHCP")
-        ->excludes(dhcp)
-        ->excludes(fixed);
-    fixed->excludes(dhcp);
-    AddAddress(command, "--router", options.router, "With --static: the default router")->needs(fixed);
-    AddDnsServers(command, options.dnsServers)->needs(fixed);
-    AddText(command, "--domain", options.domainName, kLongestDomainName, "With --static: the domain name")
-        ->needs(fixed);
-    command
-        .add_flag("--link-local{always}", options.linkLocal,
-                  "A link-local address too; with 'fallback' only while there is no lease")
-        ->take_last()
-        ->type_name("[fallback]")
-        ->check([](const std::string& word) -> std::string {
-            return word == "always" || word == "fallback" ? "" : '\'' + Printable(word) + "' is not 'fallback'";
-        });
-    AddText(command, "--client-id", options.clientIdentifier, kLongestClientIdentifier,
-            "How it identifies itself to servers; otherwise by its MAC");
-    AddText(command, "--host-name", options.hostName, kLongestHostName,
-            "Its name, for servers; otherwise the device's own; 'none': no name")
-        ->excludes(fixed);
-    command.add_flag("--plain", options.plain, "By the daemon's plain rules instead of those of the RFCs");
+    AddClientOptions(command, options);
     command.add_flag("--no-start", options.noStart, "Configure only; 'ostrelctl init IFACE' starts it");
-}
-
-ExitStatus Check(const ClientOptions& options) {
-    ExitStatus checked = CheckDnsServers(options.dnsServers);
-    if (checked == kExitDone && options.fixed) checked = CheckOwnAddress(*options.fixed);
-    if (checked == kExitDone && options.address) checked = CheckOwnAddress({*options.address, kAnyIPv4});
-    if (checked == kExitDone) checked = CheckInterface(options.interface);
-    if (checked != kExitDone) return checked;
-    if (options.fixed && options.router) HintAtRouter(*options.fixed, *options.router);
-    return kExitDone;
 }
 
 // The device's own name, if a server can have use of it.
@@ -110,26 +64,6 @@ void PutValues(JValue& request, const ClientOptions& options) {
     request.put("requestOptions", wanted);
 }
 
-// The daemon wants all four addresses, of which a client uses none or two.
-JValue RequestOf(const ClientOptions& options) {
-    const Network fixed = options.fixed.value_or(Network{.address = options.address.value_or(kAnyIPv4)});
-    const char* const addressing = options.fixed ? "static" : options.address ? "dhcpManualAddress" : "dhcp";
-    JValue request = RequestFor(options.interface);
-    request.put("mode", "client");
-    request.put("ipv4Config", addressing);
-    if (!options.linkLocal.empty()) request.put("ipv4LinkLocal", true);
-    if (options.linkLocal == "fallback") request.put("linkLocal", "fallback");
-    OstrelJsonUtilsIPv4Put(request, "ipv4Address", fixed.address);
-    OstrelJsonUtilsIPv4Put(request, "ipv4Subnet", fixed.mask);
-    OstrelJsonUtilsIPv4Put(request, "ipv4Router", options.router.value_or(kAnyIPv4));
-    OstrelJsonUtilsIPv4Put(request, "ipv4RangeStart", kAnyIPv4);
-    OstrelJsonUtilsIPv4ArrayPut(request, "dnsServers", options.dnsServers);
-    if (options.domainName) request.put("domainName", options.domainName->c_str());
-    if (options.clientIdentifier) request.put("clientIdentifier", options.clientIdentifier->c_str());
-    PutValues(request, options);
-    return request;
-}
-
 ExitStatus Start(const Session& session, const std::string& interface) {
     JValue request = RequestFor(interface);
     request.put("leaseAction", "init");
@@ -152,21 +86,81 @@ void Confirm(const ClientOptions& options, bool started) {
 }
 
 ExitStatus Run(const ClientOptions& options, const Settings& settings) {
-    const ExitStatus checked = Check(options);
+    ExitStatus checked = CheckClient(options);
+    if (checked == kExitDone) checked = CheckInterface(options.interface);
     if (checked != kExitDone) return checked;
+    if (options.fixed && options.router) HintAtRouter(*options.fixed, *options.router);
     Session session;
     const ExitStatus opened = OpenSession(settings.json, true, session);
     if (opened != kExitDone) return opened;
     const ExitStatus handed = HandOver(session, options.interface, RequestOf(options));
     if (handed != kExitDone) return handed;
 
-    const bool starts = !options.noStart && (!options.fixed || !options.linkLocal.empty());
+    const bool starts = !options.noStart && HasToStart(options);
     const ExitStatus started = starts ? Start(session, options.interface) : kExitDone;
     if (started == kExitDone && !settings.json) Confirm(options, starts);
     return started;
 }
 
 }  // namespace
+
+void AddClientOptions(CLI::App& command, ClientOptions& options) {
+    CLI::Option* const dhcp = command.add_flag("--dhcp", options.dhcp, "Everything by DHCP; the default");
+    CLI::Option* const fixed = AddNetwork(command, "--static", options.fixed, "This address, and no DHCP");
+    AddAddress(command, "--address", options.address, "Show this address until a server grants one; the rest by DHCP")
+        ->excludes(dhcp)
+        ->excludes(fixed);
+    fixed->excludes(dhcp);
+    AddAddress(command, "--router", options.router, "With --static: the default router")->needs(fixed);
+    AddDnsServers(command, options.dnsServers)->needs(fixed);
+    AddText(command, "--domain", options.domainName, kLongestDomainName, "With --static: the domain name")
+        ->needs(fixed);
+    command
+        .add_flag("--link-local{always}", options.linkLocal,
+                  "A link-local address too; with 'fallback' only while there is no lease")
+        ->take_last()
+        ->type_name("[fallback]")
+        ->check([](const std::string& word) -> std::string {
+            return word == "always" || word == "fallback" ? "" : '\'' + Printable(word) + "' is not 'fallback'";
+        });
+    AddText(command, "--client-id", options.clientIdentifier, kLongestClientIdentifier,
+            "How it identifies itself to servers; otherwise by its MAC");
+    AddText(command, "--host-name", options.hostName, kLongestHostName,
+            "Its name, for servers; otherwise the device's own; 'none': no name")
+        ->excludes(fixed);
+    command.add_flag("--plain", options.plain, "By the daemon's plain rules instead of those of the RFCs");
+}
+
+ExitStatus CheckClient(const ClientOptions& options) {
+    ExitStatus checked = CheckDnsServers(options.dnsServers);
+    if (checked == kExitDone && options.fixed) checked = CheckOwnAddress(*options.fixed, "static");
+    if (checked == kExitDone && options.address) checked = CheckOwnAddress({*options.address, kAnyIPv4}, "address");
+    return checked;
+}
+
+bool HasToStart(const ClientOptions& options) {
+    return !options.fixed || !options.linkLocal.empty();
+}
+
+// The daemon wants all four addresses, of which a client uses none or two.
+JValue RequestOf(const ClientOptions& options) {
+    const Network fixed = options.fixed.value_or(Network{.address = options.address.value_or(kAnyIPv4)});
+    const char* const addressing = options.fixed ? "static" : options.address ? "dhcpManualAddress" : "dhcp";
+    JValue request = RequestFor(options.interface);
+    request.put("mode", "client");
+    request.put("ipv4Config", addressing);
+    if (!options.linkLocal.empty()) request.put("ipv4LinkLocal", true);
+    if (options.linkLocal == "fallback") request.put("linkLocal", "fallback");
+    OstrelJsonUtilsIPv4Put(request, "ipv4Address", fixed.address);
+    OstrelJsonUtilsIPv4Put(request, "ipv4Subnet", fixed.mask);
+    OstrelJsonUtilsIPv4Put(request, "ipv4Router", options.router.value_or(kAnyIPv4));
+    OstrelJsonUtilsIPv4Put(request, "ipv4RangeStart", kAnyIPv4);
+    OstrelJsonUtilsIPv4ArrayPut(request, "dnsServers", options.dnsServers);
+    if (options.domainName) request.put("domainName", options.domainName->c_str());
+    if (options.clientIdentifier) request.put("clientIdentifier", options.clientIdentifier->c_str());
+    PutValues(request, options);
+    return request;
+}
 
 void AddClientCommand(CommandLine& line) {
     AddCommand<ClientOptions>(

@@ -47,5 +47,6 @@ void AddDebugCommand(CommandLine& line);
 void AddWatchCommand(CommandLine& line);
 void AddWaitCommand(CommandLine& line);
 void AddApplyCommand(CommandLine& line);
+void AddRunCommand(CommandLine& line);
 
 }  // namespace ostrelctl

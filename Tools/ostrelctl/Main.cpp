@@ -62,6 +62,7 @@ void Describe(CommandLine& line) {
     AddWatchCommand(line);
     AddWaitCommand(line);
     AddApplyCommand(line);
+    AddRunCommand(line);
     AddDebugCommand(line);
 }
 

@@ -15,7 +15,7 @@
 #include "KeptLeases.h"
 #include "Lease.h"
 #include "Managed.h"
-#include "ServedValues.h"
+#include "Roles.h"
 
 using valdo::JValue;
 
@@ -25,23 +25,67 @@ namespace {
 
 constexpr int64_t kUsualLease = 86400;  // seconds
 
-struct ServerOptions {
-    std::string interface;
-    std::optional<Network> network;
-    std::optional<Range> range;
-    std::optional<uint32_t> count;
-    std::optional<Ostrel_IPv4> router;
-    std::vector<Ostrel_IPv4> dnsServers;
-    std::optional<std::string> domainName;
-    std::optional<int64_t> leaseSeconds;
-    std::vector<FixedLease> fixed;
-    std::vector<ServedOption> served;
-    std::string keepFile;
-    bool plain = false;
-};
-
 void Declare(CLI::App& command, ServerOptions& options) {
     AddInterface(command, options.interface)->required();
+    AddServerOptions(command, options);
+    command
+        .add_option("--keep", options.keepFile, "Stay, keep the leases in this file, and give them back at the start")
+        ->type_name("FILE");
+}
+
+// The range with its last address; complains unless it is said in just one way.
+ExitStatus CompleteRange(const ServerOptions& options, Range& range) {
+    range = *options.range;
+    const bool hasLast = range.last != kAnyIPv4;
+    if (hasLast && options.count)
+        return RefuseKey("count", "--count goes with the first address only, not with a whole range",
+                         "--range " + AddressText(range.first) + " --count " + std::to_string(*options.count));
+    if (!hasLast && !options.count)
+        return RefuseKey("range", "--range has no end", "write it FIRST-LAST, or say how many addresses with --count");
+    if (!hasLast) range.last = htonl(ntohl(range.first) + *options.count - 1);
+    return kExitDone;
+}
+
+// A daemon that does not know the rules that it was asked for hands out the router 0.0.0.0 where it should none.
+ExitStatus MendForOldDaemon(const Session& session, const ServerOptions& options, ServerPlan plan) {
+    if (plan.plain || IsManagedByRFC(session, options.interface)) return kExitDone;
+    Complain("warning: the daemon is older than this command, and goes by its plain rules", "restart it");
+    if (plan.router != kAnyIPv4) return kExitDone;
+    plan.router = plan.network.address;
+    const ExitStatus released = ActOn(session, options.interface, kInterfaceFinalize, RequestFor(options.interface));
+    return released == kExitDone ? HandOver(session, options.interface, RequestOf(options, plan)) : released;
+}
+
+void Confirm(const std::string& interface, const ServerPlan& plan) {
+    const uint32_t count = CountOf(plan.range);
+    printf("%s: server of %u address%s, %s to %s, for %s each\n", interface.c_str(), count, count == 1 ? "" : "es",
+           AddressText(plan.range.first).c_str(), AddressText(plan.range.last).c_str(),
+           SpanText(plan.leaseSeconds).c_str());
+}
+
+ExitStatus Run(const ServerOptions& options, const Settings& settings) {
+    ServerPlan plan;
+    ExitStatus planned = PlanServer(options, plan);
+    if (planned == kExitDone) planned = CheckInterface(options.interface);
+    if (planned != kExitDone) return planned;
+    Session session;
+    const ExitStatus opened = OpenSession(settings.json, true, session);
+    if (opened != kExitDone) return opened;
+    const KeptLeases kept{
+        .interface = options.interface, .file = options.keepFile, .request = RequestOf(options, plan)};
+    ExitStatus handed = options.keepFile.empty() ? HandOver(session, options.interface, kept.request)
+                                                 : HandOverWithLeases(session, kept);
+    if (handed == kExitDone) handed = MendForOldDaemon(session, options, plan);
+    if (handed != kExitDone) return handed;
+
+    if (!settings.json) Confirm(options.interface, plan);
+    HintAtAddress(options.interface, plan.network);
+    return options.keepFile.empty() ? kExitDone : KeepLeases(kept, settings);
+}
+
+}  // namespace
+
+void AddServerOptions(CLI::App& command, ServerOptions& options) {
     AddNetwork(command, "--address", options.network, "The server's own address and its subnet")->required();
     AddParsed(command, "--range", options.range, ReadRange, "a range such as 192.0.2.100-192.0.2.199",
               "The addresses to hand out, or the first of --count")
@@ -63,26 +107,10 @@ void Declare(CLI::App& command, ServerOptions& options) {
     AddRepeated(command, "--option", options.served, ReadServedOption, OptionWords(),
                 "An option to hand out; repeated for others")
         ->type_name("CODE=VALUE");
-    command
-        .add_option("--keep", options.keepFile, "Stay, keep the leases in this file, and give them back at the start")
-        ->type_name("FILE");
     command.add_flag("--plain", options.plain, "By the daemon's plain rules instead of those of the RFCs");
 }
 
-// The range with its last address; complains unless it is said in just one way.
-ExitStatus CompleteRange(const ServerOptions& options, Range& range) {
-    range = *options.range;
-    const bool hasLast = range.last != kAnyIPv4;
-    if (hasLast && options.count)
-        return Refuse(kExitUsage, "--count goes with the first address only, not with a whole range",
-                      "--range " + AddressText(range.first) + " --count " + std::to_string(*options.count));
-    if (!hasLast && !options.count)
-        return Refuse(kExitUsage, "--range has no end", "write it FIRST-LAST, or say how many addresses with --count");
-    if (!hasLast) range.last = htonl(ntohl(range.first) + *options.count - 1);
-    return kExitDone;
-}
-
-ExitStatus MakePlan(const ServerOptions& options, ServerPlan& plan) {
+ExitStatus PlanServer(const ServerOptions& options, ServerPlan& plan) {
     plan = {.network = *options.network,
             .router = options.router.value_or(options.plain ? options.network->address : kAnyIPv4),
             .leaseSeconds = options.leaseSeconds.value_or(kUsualLease),
@@ -90,7 +118,7 @@ ExitStatus MakePlan(const ServerOptions& options, ServerPlan& plan) {
     ExitStatus checked = CompleteRange(options, plan.range);
     if (checked == kExitDone) checked = CheckDnsServers(options.dnsServers);
     if (checked == kExitDone) checked = CheckServer(plan);
-    return checked == kExitDone ? CheckInterface(options.interface) : checked;
+    return checked;
 }
 
 uint32_t CountOf(const Range& range) {
@@ -113,44 +141,6 @@ JValue RequestOf(const ServerOptions& options, const ServerPlan& plan) {
     PutServedOptions(request, options.served);
     return request;
 }
-
-// A daemon that does not know the rules that it was asked for hands out the router 0.0.0.0 where it should none.
-ExitStatus MendForOldDaemon(const Session& session, const ServerOptions& options, ServerPlan plan) {
-    if (plan.plain || IsManagedByRFC(session, options.interface)) return kExitDone;
-    Complain("warning: the daemon is older than this command, and goes by its plain rules", "restart it");
-    if (plan.router != kAnyIPv4) return kExitDone;
-    plan.router = plan.network.address;
-    const ExitStatus released = ActOn(session, options.interface, kInterfaceFinalize, RequestFor(options.interface));
-    return released == kExitDone ? HandOver(session, options.interface, RequestOf(options, plan)) : released;
-}
-
-void Confirm(const std::string& interface, const ServerPlan& plan) {
-    const uint32_t count = CountOf(plan.range);
-    printf("%s: server of %u address%s, %s to %s, for %s each\n", interface.c_str(), count, count == 1 ? "" : "es",
-           AddressText(plan.range.first).c_str(), AddressText(plan.range.last).c_str(),
-           SpanText(plan.leaseSeconds).c_str());
-}
-
-ExitStatus Run(const ServerOptions& options, const Settings& settings) {
-    ServerPlan plan;
-    const ExitStatus planned = MakePlan(options, plan);
-    if (planned != kExitDone) return planned;
-    Session session;
-    const ExitStatus opened = OpenSession(settings.json, true, session);
-    if (opened != kExitDone) return opened;
-    const KeptLeases kept{
-        .interface = options.interface, .file = options.keepFile, .request = RequestOf(options, plan)};
-    ExitStatus handed = options.keepFile.empty() ? HandOver(session, options.interface, kept.request)
-                                                 : HandOverWithLeases(session, kept);
-    if (handed == kExitDone) handed = MendForOldDaemon(session, options, plan);
-    if (handed != kExitDone) return handed;
-
-    if (!settings.json) Confirm(options.interface, plan);
-    HintAtAddress(options.interface, plan.network);
-    return options.keepFile.empty() ? kExitDone : KeepLeases(kept, settings);
-}
-
-}  // namespace
 
 void AddServerCommand(CommandLine& line) {
     AddCommand<ServerOptions>(

@@ -40,6 +40,20 @@ size_t WidthOf(char32_t code) {
     return width < 0 ? 1 : static_cast<size_t>(width);
 }
 
+const ComplaintSource::Places* source = nullptr;
+
+// What is wrong in a file is told with its place, and its keys have no dashes.
+void Say(std::string_view key, std::string_view problem, std::string_view next) {
+    std::string text = "ostrelctl: ";
+    if (source != nullptr) {
+        const auto place = source->contains(key) ? source->find(key) : source->find("");
+        if (place != source->end()) text += place->second + ": ";
+    }
+    text += (source == nullptr ? std::string(problem) : WithoutDashes(problem)) + '\n';
+    if (!next.empty()) text += "  " + (source == nullptr ? std::string(next) : WithoutDashes(next)) + '\n';
+    (void)fputs(text.c_str(), stderr);
+}
+
 }  // namespace
 
 Terminal DescribeStandardOutput() {
@@ -123,14 +137,31 @@ std::string Shortened(std::string_view text, size_t columns, bool unicode) {
 }
 
 void Complain(std::string_view problem, std::string_view next) {
-    std::string text = "ostrelctl: " + std::string(problem) + '\n';
-    if (!next.empty()) text += "  " + std::string(next) + '\n';
-    (void)fputs(text.c_str(), stderr);
+    Say("", problem, next);
 }
 
 ExitStatus Refuse(ExitStatus status, std::string_view problem, std::string_view next) {
     Complain(problem, next);
     return status;
+}
+
+std::string WithoutDashes(std::string_view text) {
+    std::string plain(text);
+    for (size_t at = 0; (at = plain.find("--", at)) != std::string::npos;) plain.erase(at, 2);
+    return plain;
+}
+
+ComplaintSource::ComplaintSource(const Places& places) {
+    source = &places;
+}
+
+ComplaintSource::~ComplaintSource() {
+    source = nullptr;
+}
+
+ExitStatus RefuseKey(std::string_view key, std::string_view problem, std::string_view next) {
+    Say(key, problem, next);
+    return kExitUsage;
 }
 
 }  // namespace ostrelctl

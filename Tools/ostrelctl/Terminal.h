@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <map>
 #include <string>
 #include <string_view>
 
@@ -49,5 +50,23 @@ void Complain(std::string_view problem, std::string_view next);
 
 // Complains and gives the status, for a return.
 [[nodiscard]] ExitStatus Refuse(ExitStatus status, std::string_view problem, std::string_view next);
+
+// Where the values come from that are complained about: nothing for the command line. Of a file "" leads to the table,
+// "lan.toml:3: [eth0]", and a key that it has to its line, "lan.toml:5: [eth0] range". While it lives complaints
+// begin so.
+class ComplaintSource {
+public:
+    using Places = std::map<std::string, std::string, std::less<>>;
+    explicit ComplaintSource(const Places& places);
+    ComplaintSource(const ComplaintSource&) = delete;
+    ComplaintSource& operator=(const ComplaintSource&) = delete;
+    ~ComplaintSource();
+};
+
+// The text with the names of options as they are in a file.
+[[nodiscard]] std::string WithoutDashes(std::string_view text);
+
+// Refuses the value of an option, with kExitUsage.
+[[nodiscard]] ExitStatus RefuseKey(std::string_view key, std::string_view problem, std::string_view next);
 
 }  // namespace ostrelctl
