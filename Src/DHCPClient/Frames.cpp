@@ -5,8 +5,10 @@
 // probe was one of several. Before an exchange begins there must be room in the minute for all of it, so that no
 // address comes into use unchecked for want of room.
 #include "Ostrel/Log.h"
+#include "Ostrel/Publish.h"
 
 #include "DHCPClient/Machine.h"
+#include "wpabuf.h"
 
 namespace {
 
@@ -34,6 +36,8 @@ bool Ostrel_DHCPClientTakeFrame(Ostrel_ClientObj* client) {
         DebugPrintF(kDebugLevelInfo, "[%s] DHCP Client leaves a frame out: there were too many.\n",
                     client->iface->ifname.data());
         ++client->counters.dropped[static_cast<size_t>(Ostrel_VerdictKind::Limited)];
+        wpabuf_reset(client->iface->txFrame);  // it was never built
+        Ostrel_TraceSent(client->iface, "client", {.kind = Ostrel_VerdictKind::Limited});
         return false;
     }
     Ostrel_FrameNote(client->frames);

@@ -144,10 +144,9 @@ Ostrel_Verdict Ostrel_DHCPClientProcessNack(Ostrel_ClientObj* client, const Ostr
 }
 
 // Counts what became of a frame, and tells those who follow them.
-void Note(Ostrel_ClientObj* client, std::span<const uint8_t> frame, const Ostrel_Verdict& verdict) {
+void Note(Ostrel_ClientObj* client, const Ostrel_Verdict& verdict) {
     if (verdict.kind != Ostrel_VerdictKind::Taken) ++client->counters.dropped[static_cast<size_t>(verdict.kind)];
-    if (!Ostrel_TraceIsWanted(client->iface)) return;
-    Ostrel_VoroServicePublishFrame(client->iface, "client", Ostrel_Direction::Received, frame, verdict);
+    Ostrel_TraceReceived(client->iface, verdict);
 }
 
 Ostrel_Verdict WithoutType(const Ostrel_ReceivedMessage& received) {
@@ -162,11 +161,12 @@ void Ostrel_BOOTPClientPacketFilterHandler(void* context, const uint8_t* /*sourc
                                            std::span<const uint8_t> frame) {
     auto* iface = static_cast<Ostrel_InterfaceObj*>(context);
     Ostrel_ClientObj* const client = iface->dhcpClient;
+    Ostrel_TraceReceiving(iface, "client", frame);
     const Ostrel_ReceivedMessage received = Ostrel_BOOTPPacketReceive(iface, "Client", "bootpc", frame);
     if (received.dissected != kNoErr) OSTREL_REPORT_STATUS(received.dissected);
     if (received.typeFound != kNoErr) {
         OSTREL_REPORT_STATUS(received.typeFound);
-        return Note(client, frame, WithoutType(received));
+        return Note(client, WithoutType(received));
     }
 
     Ostrel_Verdict verdict{.kind = Ostrel_VerdictKind::MessageType};
@@ -174,7 +174,7 @@ void Ostrel_BOOTPClientPacketFilterHandler(void* context, const uint8_t* /*sourc
     if (received.messageType == kDHCPOffer) verdict = Ostrel_DHCPClientProcessOffer(client, received.packet);
     if (received.messageType == kDHCPNak) verdict = Ostrel_DHCPClientProcessNack(client, received.packet);
     if (received.messageType == kDHCPAck) status = Ostrel_DHCPClientProcessAck(client, received.packet, verdict);
-    Note(client, frame, verdict);
+    Note(client, verdict);
     const bool isGranted = received.messageType == kDHCPAck && verdict.kind == Ostrel_VerdictKind::Taken;
     if (isGranted) status = Ostrel_DHCPClientStateTransition_Bound(client);
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);

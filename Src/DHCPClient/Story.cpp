@@ -168,10 +168,10 @@ void Ostrel_DHCPClientRearm(Ostrel_ClientObj* client, Ostrel_ClientTimeout timeo
     Ostrel_DHCPClientTellTimes(client);
 }
 
+// Always in a step that goes on, and tells what is armed then.
 void Ostrel_DHCPClientDisarm(Ostrel_ClientObj* client, Ostrel_ClientTimeout timeout) {
     Ostrel_DisarmTimeout(client->iface, client, Ostrel_DHCPClientKindOf(client, timeout));
     SetDue(client, timeout, 0);
-    Ostrel_DHCPClientTellTimes(client);
 }
 
 void Ostrel_DHCPClientCancelAllTimeouts(Ostrel_ClientObj* client) {
@@ -232,7 +232,6 @@ void Ostrel_DHCPClientTellConflict(Ostrel_ClientObj* client, const Ostrel_MAC& m
     client->story.conflictAddress = client->lease.IPv4Address;
     client->story.conflictMAC = mac;
     ++client->counters.conflicts;
-    ++client->iface->counters.clientConflicts;
     DebugPrintF(kDebugLevelInfo, "[%s] client conflict, %.6a has %.4a\n", client->iface->ifname.data(), mac,
                 &client->story.conflictAddress);
 }

@@ -291,8 +291,7 @@ bool IsConflict(const Ostrel_LinkLocalObj* linkLocal, const Ostrel_ARPHeader* ar
     return !linkLocal->rules->probesCount || !os_is_own_address(addresses->senderMAC);
 }
 
-void NoteConflict(const Ostrel_LinkLocalObj* linkLocal, const Ostrel_MAC& conflictingMAC) {
-    ++linkLocal->iface->counters.linkLocalConflicts;
+void LogConflict(const Ostrel_LinkLocalObj* linkLocal, const Ostrel_MAC& conflictingMAC) {
     DebugPrintF(kDebugLevelInfo, "##### [%s] IPv4 Link Local Conflict\n", linkLocal->iface->ifname.data());
     DebugPrintF(kDebugLevelInfo, "     IPv4 Link Local Address : %.4a\n", &linkLocal->IPv4Address);
     DebugPrintF(kDebugLevelInfo, "     Conflicting MAC Address : %.6a\n", conflictingMAC);
@@ -379,7 +378,7 @@ Ostrel_Verdict Ostrel_LinkLocalARPPacketHandler(Ostrel_LinkLocalObj* linkLocal, 
     OSTREL_REQUIRE(linkLocal != nullptr, "linkLocal", {.kind = Ostrel_VerdictKind::NotConcerned});
     if (!IsConflict(linkLocal, arpHeader, addresses)) return {.kind = Ostrel_VerdictKind::NotConcerned};
 
-    NoteConflict(linkLocal, addresses->senderMAC);
+    LogConflict(linkLocal, addresses->senderMAC);
     if (!CanDefend(linkLocal)) {
         GiveAddressUp(linkLocal);
         return {};

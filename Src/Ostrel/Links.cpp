@@ -91,8 +91,9 @@ Ostrel_Status ReopenSockets(Ostrel_InterfaceObj* iface) {
 bool TakeIn(Ostrel_InterfaceObj* iface, int32_t index) {
     NoteThere(iface, false);
     NoteLost(iface);
-    if (ReopenSockets(iface) != kNoErr) return false;
-    Ostrel_InterfacePictureChanged(iface);
+    const Ostrel_Status status = ReopenSockets(iface);
+    Ostrel_InterfacePictureChanged(iface);  // its address may be another one, whatever became of the rest
+    if (status != kNoErr) return false;
     DebugPrintF(kDebugLevelNotice, "[%s] The interface was put back, as number %d.\n", iface->ifname.data(), index);
     iface->link.index = index;
     return true;

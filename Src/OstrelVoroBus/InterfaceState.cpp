@@ -34,13 +34,6 @@ const char* LinkWord(const Ostrel_InterfaceLink& link) {
     return link.isRunning ? "up" : "down";
 }
 
-// The address that the client has, checks or asks for.
-Ostrel_IPv4 AddressOf(const Ostrel_ClientObj& client) {
-    if (client.state == kClientStateRequesting && client.leaseOffers != nullptr) return client.leaseOffers->address;
-    if (client.state == kClientStateRebooting && client.rebootAddress != kAnyIPv4) return client.rebootAddress;
-    return client.lease.IPv4Address;
-}
-
 JValue ConflictOf(const Ostrel_ClientStory& story) {
     if (story.conflictAddress == kAnyIPv4) return {};
     JValue object = valdo::Object();
@@ -55,7 +48,7 @@ JValue ClientOf(Ostrel_SystemObj* sysObj, const Ostrel_ClientObj& client) {
     object.put("state", Ostrel_DHCPClientShownState(&client));
     PutMoment(object, "since", sysObj, story.since);
     object.put("reason", Ostrel_ReasonWord(story.reason));
-    Ostrel_VSUtil_PutIPv4(object, "ipv4Address", AddressOf(client));
+    Ostrel_VSUtil_PutIPv4(object, "ipv4Address", Ostrel_DHCPClientShownAddress(&client));
     object.put("held", Ostrel_DHCPClientHolds(&client));
     Ostrel_VSUtil_PutIPv4(object, "server", story.server);
     PutMoment(object, "renews", sysObj, story.renews);
@@ -69,12 +62,11 @@ JValue ClientOf(Ostrel_SystemObj* sysObj, const Ostrel_ClientObj& client) {
 }
 
 JValue LinkLocalOf(Ostrel_SystemObj* sysObj, const Ostrel_LinkLocalObj& linkLocal) {
-    const bool isIdle = linkLocal.state == kLinkLocalStateUnknown;
     JValue object = valdo::Object();
     object.put("state", Ostrel_LinkLocalShownState(&linkLocal));
     PutMoment(object, "since", sysObj, linkLocal.since);
     object.put("reason", Ostrel_ReasonWord(linkLocal.reason));
-    Ostrel_VSUtil_PutIPv4(object, "ipv4Address", isIdle ? kAnyIPv4 : linkLocal.IPv4Address);
+    Ostrel_VSUtil_PutIPv4(object, "ipv4Address", Ostrel_LinkLocalChosenAddress(&linkLocal));
     object.put("held", Ostrel_LinkLocalHolds(&linkLocal));
     object.put("conflicts", linkLocal.numConflicts);
     return object;
