@@ -7,8 +7,7 @@
 # a daemon or a bus.
 #
 # Every call of busctl is a connection of its own, and a subscription ends with its connection. So a script asks, once a
-# second. A lease shows in replies while its address is still being checked with ARP, for two seconds: it counts when it
-# has stood for three.
+# second, until the address is held: checked, and not given up.
 set -u
 
 interface=${1:-}
@@ -44,26 +43,15 @@ start() {
     must /client org.ostrel.dhcp.client leaseAction '{"interface":"'"$interface"'","leaseAction":"init"}'
 }
 
-# The address, if it is one from DHCP: a link-local address has no "leaseTime", a configured one has 0.
-leased_address() {
-    printf '%s\n' "$1" | sed -n 's/.*"interface":"'"$interface"'","ipv4Address":"\([0-9.]*\)".*"leaseTime":[1-9].*/\1/p'
-}
-
-stood=0
-before=
 while [ "$left" -gt 0 ]; do
-    lease=$(ask /client org.ostrel.dhcp.client leaseInformation '{"interface":"'"$interface"'"}') || exit
-    case $lease in
-        *'"interface":"'"$interface"'"'*) ;;
-        *) start ;; # not managed: not yet, or the daemon has been restarted and knows nothing any more
+    state=$(ask / org.ostrel.dhcp interfaceState '{"interface":"'"$interface"'"}') || exit
+    case $state in
+        *'"interfaceList":[]'*) start ;; # not managed: not yet, or the daemon has been restarted and knows nothing
+        *'"client":{"state":'*'"held":true,"server":'*) # of the client: a selector has no server
+            ask /client org.ostrel.dhcp.client leaseInformation '{"interface":"'"$interface"'"}'
+            exit
+            ;;
     esac
-    now=$(leased_address "$lease")
-    if [ -n "$now" ] && [ "$now" = "$before" ]; then stood=$((stood + 1)); else stood=0; fi
-    if [ "$stood" -ge 3 ]; then
-        printf '%s\n' "$lease"
-        exit 0
-    fi
-    before=$now
     left=$((left - 1))
     sleep 1
 done

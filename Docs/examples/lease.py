@@ -3,9 +3,9 @@
 
     lease.py IFACE [COUNT]
 
-Runs until COUNT leases have been printed, or until stopped. The daemon posts a lease when its address has passed the
-ARP check. It doesn't post the loss of one, so this program also asks, every two seconds. A daemon that is restarted
-knows nothing any more and is told everything again; a lease that the one before it gave stands until it ends.
+Runs until COUNT leases have been printed, or until stopped. The daemon tells when the address may be used and when no
+longer; what else the lease has is asked for then. A daemon that is restarted knows nothing any more and is told
+everything again; a lease that the one before it gave stands until it ends.
 
 Any process may send a signal to any other, with any contents: only what the owner of the daemon's name sends counts.
 
@@ -13,16 +13,12 @@ The bus is spoken through GLib (package python3-gi): it brings the event loop th
 owner of a bus name, and most Python programs of Debian that speak D-Bus have it installed already.
 """
 import json
-import math
 import sys
 import time
 
 from gi.repository import Gio, GLib
 
 SERVICE = "org.ostrel.dhcp"
-ASK_SECONDS = 2
-CHECK_SECONDS = 3  # the ARP check takes two; meanwhile replies show the lease already
-ENDLESS = (0, 4294967295)  # a configured address, and a lease without an end
 UNSET = {"ipv4Address": "0.0.0.0", "ipv4Subnet": "0.0.0.0", "ipv4Router": "0.0.0.0", "ipv4RangeStart": "0.0.0.0"}
 
 
@@ -30,25 +26,15 @@ class Refused(Exception):
     pass
 
 
-def seconds_left(lease):
-    """Read at once and kept on the monotonic clock: the text is local time, and the device's clock may be set."""
-    if lease["leaseTime"] in ENDLESS:
-        return math.inf
-    end = time.mktime(time.strptime(lease["leaseExpiryString"], "%a %b %d %H:%M:%S %Y"))
-    return min(end - time.time(), lease["leaseTime"])
-
-
 class Subscriber:
     def __init__(self, bus, interface, count):
         self.bus, self.interface, self.left = bus, interface, count
         self.loop, self.failure = GLib.MainLoop(), None
-        self.lease, self.end = None, math.inf  # what was printed last, and when it ends
-        self.owner, self.is_from_this_daemon = None, False
-        self.shown, self.shown_since = None, 0  # the address that replies show
-        bus.signal_subscribe(SERVICE, f"{SERVICE}.client", "leaseInformationUpdate", "/client", None,
-                             Gio.DBusSignalFlags.NONE, self.on_post)
+        self.owner = None
+        self.held = None  # address and end of the lease printed last; its timer ends one of a daemon that went away
+        self.is_from_this_daemon, self.timer = False, 0
+        bus.signal_subscribe(SERVICE, SERVICE, "interfaceStateUpdate", "/", None, Gio.DBusSignalFlags.NONE, self.on_post)
         Gio.bus_watch_name_on_connection(bus, SERVICE, Gio.BusNameWatcherFlags.NONE, self.on_daemon, self.on_no_daemon)
-        GLib.timeout_add_seconds(ASK_SECONDS, self.on_time_to_ask)
 
     def request(self, path, method, **keys):
         interface = SERVICE if path == "/" else f"{SERVICE}.{path[1:]}"
@@ -57,19 +43,18 @@ class Subscriber:
         answer = json.loads(reply.unpack()[0])
         if answer["returnValue"] is not True:
             raise Refused(f"{method} was refused; the daemon's log says why")
-        return answer
+        return answer["interfaceList"] if "interfaceList" in answer else None
 
     def on_daemon(self, _bus, _name, owner):
         """It is there: it was before us, or it has been started, for the first time or again."""
         self.owner, self.is_from_this_daemon = owner, False
         try:
-            managed = self.request("/", "interfaceConfigDump", interface=self.interface)["interfaceList"]
-            is_new = all(entry["interface"] != self.interface for entry in managed)
-            if is_new:
+            states = self.request("/", "interfaceState", interface=self.interface, subscribe=True)
+            if not states:
                 self.request("/", "interfaceInitialize", interface=self.interface, mode="client", **UNSET)
-            self.request("/client", "leaseInformation", interface=self.interface, subscribe=True)
-            if is_new:
                 self.request("/client", "leaseAction", interface=self.interface, leaseAction="init")
+            for state in states:
+                self.take(state)
         except (Refused, GLib.Error) as error:
             self.on_error(error)
 
@@ -78,45 +63,47 @@ class Subscriber:
         print("lease.py: waiting for the daemon", file=sys.stderr, flush=True)
 
     def on_post(self, _bus, sender, _path, _interface, _member, parameters):
-        lease = sender == self.owner and self.lease_in(json.loads(parameters.unpack()[0]))
-        if lease:
-            self.take(lease)
-
-    def on_time_to_ask(self):
-        now = time.monotonic()
-        if self.lease and now > self.end:
-            self.lose()
+        if sender != self.owner:
+            return
         try:
-            lease = self.lease_in(self.request("/client", "leaseInformation", interface=self.interface))
+            self.take(json.loads(parameters.unpack()[0])["interfaceList"][0])
         except (Refused, GLib.Error) as error:
             self.on_error(error)
-            return GLib.SOURCE_CONTINUE
-        address = lease and lease["ipv4Address"]
-        if address != self.shown:
-            self.shown, self.shown_since = address, now
-        if self.lease and self.is_from_this_daemon and address != self.lease["ipv4Address"]:
+
+    def take(self, state):
+        client = state.get("client", {"held": False})  # none in the state of an interface that was finalised
+        if client["held"]:
+            self.show(client["ipv4Address"], client["expires"])
+        elif self.is_from_this_daemon:
             self.lose()
-        if lease and now - self.shown_since >= CHECK_SECONDS and not self.is_from_this_daemon:
-            self.take(lease)  # given before we listened
-        return GLib.SOURCE_CONTINUE
 
-    def lease_in(self, message):
-        """This interface's lease. An address without "leaseTime" is link-local, one without a subnet only a wish."""
-        for lease in message["interfaceList"]:
-            if lease["interface"] == self.interface and "leaseTime" in lease and lease["ipv4Subnet"] != "0.0.0.0":
-                return lease
-        return None
-
-    def take(self, lease):
-        self.lease, self.end, self.is_from_this_daemon = lease, time.monotonic() + seconds_left(lease), True
-        print(json.dumps(lease), flush=True)
+    def show(self, address, expires):
+        self.is_from_this_daemon = True
+        if (address, expires) == self.held:
+            return
+        leases = self.request("/client", "leaseInformation", interface=self.interface)
+        self.hold((address, expires))
+        print(json.dumps(leases[0]), flush=True)
         self.left -= 1
         if self.left == 0:
             self.loop.quit()
 
+    def hold(self, held):
+        if self.timer:
+            GLib.source_remove(self.timer)
+        self.held, self.timer = held, 0
+        if held and held[1]:
+            self.timer = GLib.timeout_add_seconds(max(held[1] - int(time.time()), 0), self.on_end)
+
+    def on_end(self):
+        self.timer = 0
+        self.lose()
+        return GLib.SOURCE_REMOVE
+
     def lose(self):
-        print(f"{self.interface}: {self.lease['ipv4Address']} is gone", flush=True)
-        self.lease, self.is_from_this_daemon = None, False
+        if self.held:
+            print(f"{self.interface}: {self.held[0]} is gone", flush=True)
+        self.hold(None)
 
     def on_error(self, error):
         """A daemon that is not there comes again; what is refused now is refused the next time."""

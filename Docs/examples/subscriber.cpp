@@ -2,139 +2,107 @@
 //
 //     subscriber [COUNT]
 //
-// Prints a line for each change of an address, on any interface that runs a DHCP client; after COUNT lines, if given,
-// it ends with status 0. It configures nothing. Leases are printed when the daemon posts them. What it doesn't post is
-// asked for every two seconds: the loss of a lease, a link-local address, and what was there before this program. An
-// address in a reply may still be in its ARP check, so it counts when it has stood for long enough. The daemon may come
-// and go; whenever its name has a new owner, that one is subscribed to.
-//
-// A request without an interface is answered for all of them, but the daemon logs it as an error. So each one that is
-// known is asked about by its name, and all of them only now and then.
+// Prints a line for each change of an address, on any interface that runs a DHCP client or selects a link-local
+// address; after COUNT lines, if given, it ends with status 0. It configures nothing. The daemon tells when an address
+// may be used and when no longer, so there is no timer here. The daemon may come and go; whenever its name has a new
+// owner, that one is subscribed to.
 //
 // It shows what the daemon says. A program that configures addresses would keep one of a daemon that went away until
 // the lease ends, see Docs/subscriber.md.
 //
 // Any process may send a signal to any other, with any contents: only what the owner of the daemon's name sends counts.
-#include <algorithm>
-#include <chrono>
+#include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <systemd/sd-bus.h>
-#include <vector>
 
 namespace {
 
 using nlohmann::json;
-using Clock = std::chrono::steady_clock;
-using namespace std::chrono_literals;
 
 constexpr char kService[] = "org.ostrel.dhcp";
-constexpr char kInterface[] = "org.ostrel.dhcp.client";
-constexpr char kPath[] = "/client";
+constexpr char kPath[] = "/";
 constexpr char kBus[] = "org.freedesktop.DBus";
 constexpr char kOwnerChanges[] =
     "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='org.ostrel.dhcp'";
-constexpr char kNone[] = "0.0.0.0";
-constexpr auto kAskInterval = 2s;
-constexpr auto kLookInterval = 30s;   // for interfaces that are not known yet
-constexpr auto kLeaseCheck = 3s;      // the ARP check of a lease takes two
-constexpr auto kLinkLocalCheck = 6s;  // probes and the first announcement take up to five
 
-struct Address {
-    std::string text = kNone;
-    Clock::time_point since;
-    bool isPrinted = false;
+// An address that may be used, and what is said of it; both empty: there is none.
+struct Held {
+    std::string address;
+    std::string words;
+    bool operator==(const Held&) const = default;
 };
 
 struct Subscriber {
     sd_bus* bus = nullptr;
-    std::string owner;                         // unique name of the daemon; empty: it is not there
-    std::map<std::string, Address> addresses;  // by interface
-    Clock::time_point nextLook;
+    std::string owner;                // unique name of the daemon; empty: it is not there
+    std::map<std::string, Held> held;  // by interface
     unsigned long printed = 0;
     bool isRefused = false;
 };
 
-void Print(Subscriber& self, const std::string& interface, Address& address, const std::string& words) {
-    printf("%s: %s %s\n", interface.c_str(), address.text.c_str(), words.c_str());
+void Print(Subscriber& self, const std::string& interface, const std::string& address, const char* words) {
+    (void)printf("%s: %s %s\n", interface.c_str(), address.c_str(), words);
     (void)fflush(stdout);
-    address.isPrinted = true;
     ++self.printed;
 }
 
-void Lose(Subscriber& self, const std::string& interface, Address& address) {
-    if (address.isPrinted) Print(self, interface, address, "is gone");
-    address = {};
+// The time is given in seconds of the wall clock; null: the lease has no end.
+std::string WordsFor(const json& expires) {
+    if (!expires.is_number()) return "is there for good";
+    const auto seconds = static_cast<time_t>(expires.get<int64_t>());
+    tm local{};
+    std::array<char, 40> text{};
+    if (localtime_r(&seconds, &local) == nullptr || strftime(text.data(), text.size(), "%F %T", &local) == 0) return "";
+    return std::string("is leased until ") + text.data();
 }
 
-// A lease has a time, and a subnet: without one it is an address that was only wished for.
-bool IsLease(const json& entry) {
-    return entry.contains("leaseTime") && entry.value("ipv4Subnet", kNone) != kNone;
+// What may be used of an interface: the client's address, or else the link-local one.
+Held HeldOf(const json& state) {
+    const json none = {{"held", false}};
+    const json client = state.value("client", none);
+    const json linkLocal = state.value("linkLocal", none);
+    if (client.at("held") == true) return {client.at("ipv4Address"), WordsFor(client.at("expires"))};
+    if (linkLocal.at("held") == true) return {linkLocal.at("ipv4Address"), "is link-local"};
+    return {};
 }
 
-std::string WordsFor(const json& entry) {
-    if (!IsLease(entry)) return "is link-local";
-    return "is leased until " + entry.value("leaseExpiryString", "the end of time");
-}
-
-// One element of an "interfaceList".
-void Take(Subscriber& self, const json& entry, bool isPosted) {
-    const std::string interface = entry.value("interface", "");
-    const bool isLinkLocal = !entry.contains("leaseTime");
-    const std::string text = isLinkLocal || IsLease(entry) ? entry.value("ipv4Address", kNone) : kNone;
-    Address& address = self.addresses[interface];
-    if (address.text != text) {
-        Lose(self, interface, address);
-        address = {.text = text, .since = Clock::now()};
-    }
-    const bool hasStood = Clock::now() - address.since >= (isLinkLocal ? kLinkLocalCheck : kLeaseCheck);
-    if (text != kNone && (isPosted || (!address.isPrinted && hasStood)))
-        Print(self, interface, address, WordsFor(entry));
-}
-
-// A reply lists what was asked about, an interface or all: one that is missing is no longer managed.
-void LoseMissing(Subscriber& self, const json& list, const std::string& asked) {
-    for (auto known = self.addresses.begin(); known != self.addresses.end();) {
-        const std::string interface = known->first;
-        const auto isIt = [&interface](const json& entry) { return entry.value("interface", "") == interface; };
-        const bool isManaged = std::any_of(list.begin(), list.end(), isIt);
-        if (isManaged || (!asked.empty() && asked != interface)) {
-            ++known;
-        } else {
-            Lose(self, interface, known->second);
-            known = self.addresses.erase(known);
-        }
-    }
+void Take(Subscriber& self, const std::string& interface, const Held& now) {
+    Held& before = self.held[interface];
+    if (now == before) return;
+    if (!before.address.empty() && before.address != now.address) Print(self, interface, before.address, "is gone");
+    if (!now.address.empty()) Print(self, interface, now.address, now.words.c_str());
+    before = now;
 }
 
 // The text of a reply or a post. One that isn't as documented is reported and left alone.
-void TakeMessage(Subscriber& self, sd_bus_message* message, bool isPosted, const std::string& asked) {
+void TakeMessage(Subscriber& self, sd_bus_message* message, bool isPosted) {
     const char* text = "";
     if (sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, &text) <= 0) return;
     try {
-        const json list = json::parse(text).at("interfaceList");
-        for (const json& entry : list) Take(self, entry, isPosted);
-        if (!isPosted) LoseMissing(self, list, asked);
+        std::map<std::string, Held> now;
+        for (const json& state : json::parse(text).at("interfaceList")) now[state.at("interface")] = HeldOf(state);
+        if (!isPosted)  // a reply lists all: one that is missing is not managed
+            for (const auto& [interface, held] : self.held) now.try_emplace(interface);
+        for (const auto& [interface, held] : now) Take(self, interface, held);
     } catch (const std::exception& error) {
         (void)fprintf(stderr, "subscriber: not understood: %s\n", error.what());
     }
 }
 
-// Asks what there is on an interface, or with an empty name on all; and with `subscribe` to be told of what comes.
-void Ask(Subscriber& self, const std::string& interface, bool subscribe) {
-    json request = json::object();
-    if (!interface.empty()) request["interface"] = interface;
-    if (subscribe) request["subscribe"] = true;
+void Subscribe(Subscriber& self) {
     sd_bus_error error = SD_BUS_ERROR_NULL;
     sd_bus_message* reply = nullptr;
-    const int called = sd_bus_call_method(self.bus, self.owner.c_str(), kPath, kInterface, "leaseInformation", &error,
-                                          &reply, "s", request.dump().c_str());
-    if (called >= 0) TakeMessage(self, reply, false, interface);
+    const int called = sd_bus_call_method(self.bus, self.owner.c_str(), kPath, kService, "interfaceState", &error,
+                                          &reply, "s", R"({"subscribe":true})");
+    if (called >= 0) TakeMessage(self, reply, false);
     self.isRefused = sd_bus_error_has_name(&error, SD_BUS_ERROR_ACCESS_DENIED) > 0;
     sd_bus_message_unref(reply);
     sd_bus_error_free(&error);
@@ -143,28 +111,16 @@ void Ask(Subscriber& self, const std::string& interface, bool subscribe) {
 int OnPost(sd_bus_message* message, void* context, sd_bus_error*) {
     auto& self = *static_cast<Subscriber*>(context);
     const char* sender = sd_bus_message_get_sender(message);
-    if (sender != nullptr && self.owner == sender) TakeMessage(self, message, true, "");
+    if (sender != nullptr && self.owner == sender) TakeMessage(self, message, true);
     return 0;
-}
-
-void AskAgain(Subscriber& self) {
-    if (Clock::now() >= self.nextLook) {
-        self.nextLook = Clock::now() + kLookInterval;
-        return Ask(self, "", false);
-    }
-    std::vector<std::string> names;  // answers change the map
-    for (const auto& [interface, address] : self.addresses) names.push_back(interface);
-    for (const std::string& interface : names) Ask(self, interface, false);
 }
 
 void Follow(Subscriber& self, const char* owner) {
     self.owner = owner;
-    if (self.owner.empty()) {
+    if (self.owner.empty())
         (void)fputs("subscriber: waiting for the daemon\n", stderr);
-    } else {
-        Ask(self, "", true);
-        self.nextLook = Clock::now() + kLookInterval;
-    }
+    else
+        Subscribe(self);
 }
 
 int OnOwnerChanged(sd_bus_message* message, void* context, sd_bus_error*) {
@@ -192,31 +148,23 @@ int Connect(Subscriber& self) {
     if (status >= 0) status = sd_bus_add_match(self.bus, nullptr, kOwnerChanges, OnOwnerChanged, &self);
     if (status >= 0)
         status =
-            sd_bus_match_signal(self.bus, nullptr, nullptr, kPath, kInterface, "leaseInformationUpdate", OnPost, &self);
+            sd_bus_match_signal(self.bus, nullptr, nullptr, kPath, kService, "interfaceStateUpdate", OnPost, &self);
     if (status >= 0) FindOwner(self);
     return status;
 }
 
 // Until the wanted lines are printed, the bus refuses, or it is lost; 0 or a negative errno value.
 int Run(Subscriber& self, unsigned long wanted) {
-    for (auto next = Clock::now() + kAskInterval; !self.isRefused && (wanted == 0 || self.printed < wanted);) {
-        const int handled = sd_bus_process(self.bus, nullptr);
-        if (handled < 0) return handled;
-        if (handled > 0) continue;
-        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(next - Clock::now()).count();
-        if (left > 0) {
-            const int waited = sd_bus_wait(self.bus, static_cast<uint64_t>(left));
-            if (waited < 0 && waited != -EINTR) return waited;
-            continue;
-        }
-        if (!self.owner.empty()) AskAgain(self);
-        next = Clock::now() + kAskInterval;
+    while (!self.isRefused && (wanted == 0 || self.printed < wanted)) {
+        int status = sd_bus_process(self.bus, nullptr);
+        if (status == 0) status = sd_bus_wait(self.bus, UINT64_MAX);
+        if (status < 0 && status != -EINTR) return status;
     }
     return 0;
 }
 
 // The exit status.
-int Subscribe(unsigned long wanted) {
+int Main(unsigned long wanted) {
     Subscriber self;
     int status = Connect(self);
     if (status >= 0) status = Run(self, wanted);
@@ -230,7 +178,7 @@ int Subscribe(unsigned long wanted) {
 
 int main(int argc, char* argv[]) {
     try {
-        return Subscribe(argc > 1 ? strtoul(argv[1], nullptr, 10) : 0);
+        return Main(argc > 1 ? strtoul(argv[1], nullptr, 10) : 0);
     } catch (const std::exception& error) {  // memory is out
         (void)fprintf(stderr, "subscriber: %s\n", error.what());
         return 1;
