@@ -42,7 +42,7 @@ struct Held {
 
 struct Subscriber {
     sd_bus* bus = nullptr;
-    std::string owner;                // unique name of the daemon; empty: it is not there
+    std::string owner;                 // unique name of the daemon; empty: it is not there
     std::map<std::string, Held> held;  // by interface
     unsigned long printed = 0;
     bool isRefused = false;
@@ -88,7 +88,8 @@ void TakeMessage(Subscriber& self, sd_bus_message* message, bool isPosted) {
     if (sd_bus_message_read_basic(message, SD_BUS_TYPE_STRING, &text) <= 0) return;
     try {
         std::map<std::string, Held> now;
-        for (const json& state : json::parse(text).at("interfaceList")) now[state.at("interface")] = HeldOf(state);
+        const json list = json::parse(text).at("interfaceList");
+        for (const json& state : list) now[state.at("interface")] = HeldOf(state);
         if (!isPosted)  // a reply lists all: one that is missing is not managed
             for (const auto& [interface, held] : self.held) now.try_emplace(interface);
         for (const auto& [interface, held] : now) Take(self, interface, held);

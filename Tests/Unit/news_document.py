@@ -46,10 +46,10 @@ class News(unittest.TestCase):
 
     def test_states(self):
         client = body("Src/DHCPClient/StateMachine.cpp", r"\nconst char\* Ostrel_ClientStateString\((.*?)\n}")
-        shown = body("Src/DHCPClient/StateMachine.cpp", r"\nconst char\* Ostrel_DHCPClientShownState\((.*?)\n}")
+        shown = body("Src/DHCPClient/Story.cpp", r"\nconst char\* Ostrel_DHCPClientShownState\((.*?)\n}")
         self.assertEqual({row[0] for row in table("State of a client")}, {*words(client), *words(shown)} - {"UNKNOWN"})
         selector = body("Src/LinkLocal/LinkLocal.cpp", r"\nconst char\* Ostrel_LinkLocalStateString\((.*?)\n}")
-        shown = body("Src/LinkLocal/LinkLocal.cpp", r"\nconst char\* Ostrel_LinkLocalShownState\((.*?)\n}")
+        shown = body("Src/LinkLocal/Shown.cpp", r"\nconst char\* Ostrel_LinkLocalShownState\((.*?)\n}")
         self.assertEqual({row[0] for row in table("State of a selector")}, {*words(selector), *words(shown)} - {"UNKNOWN"})
 
     def test_keys_stand_as_they_are_sent(self):
