@@ -4,6 +4,8 @@
 // termination signal, after five minutes with nothing to manage, or when the bus connection is lost. The exit status is
 // the low eight bits of the status: 0, 184 without memory for the system object or a timeout, 212 without the bus. Who
 // starts it by hand and fails is told why on the terminal, which it gives up once it runs.
+#include <cstdlib>
+#include <exception>
 #include <getopt.h>
 #include <string_view>
 
@@ -14,6 +16,14 @@
 #include "eloop.h"
 #include "os_console.h"
 #include "os_memory.h"
+
+// What ends the process when an exception leaves a function that lets none out. The C++ library's own handler first
+// tells the exception's type, and has the decoder of such names linked in, an eighth of this program. NOLINTBEGIN
+namespace __cxxabiv1 {
+extern std::terminate_handler __terminate_handler;
+std::terminate_handler __terminate_handler = std::abort;
+}  // namespace __cxxabiv1
+// NOLINTEND
 
 namespace {
 
