@@ -41,11 +41,6 @@ const char* NextForAbsence(const sd_bus_error& error) {
 
 }  // namespace
 
-bool IsOfOldDaemon(const sd_bus_error* error) {
-    return error != nullptr && sd_bus_error_has_names(error, SD_BUS_ERROR_UNKNOWN_METHOD, SD_BUS_ERROR_UNKNOWN_OBJECT,
-                                                      SD_BUS_ERROR_UNKNOWN_INTERFACE) > 0;
-}
-
 Answer ExplainRefusal(const sd_bus_error& error) {
     const std::string words = error.message == nullptr ? "no reason given" : Printable(error.message);
     if (IsAbsence(error))
@@ -56,9 +51,12 @@ Answer ExplainRefusal(const sd_bus_error& error) {
         return {.status = kExitRefused,
                 .problem = "you may not talk to the daemon",
                 .next = "become root, or a member of the group 'ostrel': sudo adduser NAME ostrel"};
+    const bool isUnknown = sd_bus_error_has_names(&error, SD_BUS_ERROR_UNKNOWN_METHOD, SD_BUS_ERROR_UNKNOWN_OBJECT,
+                                                  SD_BUS_ERROR_UNKNOWN_INTERFACE) > 0;
     return {.status = kExitRefused,
             .problem = "the bus refused the call: " + words,
-            .next = "if the daemon was updated lately, restart it, and compare 'ostrelctl --version'"};
+            .next = "if the daemon was updated lately, restart it, and compare 'ostrelctl --version'",
+            .isOfOldDaemon = isUnknown};
 }
 
 Answer ReadReply(sd_bus_message* message) {
@@ -128,6 +126,11 @@ ExitStatus AskOrComplain(const Session& session, const Method& method, const JVa
     if (answer.status == kExitDone) return kExitDone;
     if (answer.problem.empty()) return Refuse(answer.status, problem, next);
     return Refuse(answer.status, answer.problem, answer.next);
+}
+
+ExitStatus ComplainOfAge() {
+    return Refuse(kExitRefused, "the daemon is older than this command, and does not tell what happens",
+                  "restart it: 'systemctl restart ostreld', and hand its interfaces over again");
 }
 
 JValue RequestFor(const std::string& interface) {

@@ -61,6 +61,7 @@ struct Answer {
     std::string text{};     // the reply as it came
     valdo::JValue reply{};  // null when there is none
     std::string problem{}, next{};
+    bool isOfOldDaemon = false;  // which does not know the method
 };
 
 // Connects to the system bus; complains, and gives kExitNoDaemon, when there is none.
@@ -74,8 +75,8 @@ struct Answer {
 [[nodiscard]] ExitStatus AskOrComplain(const Session& session, const Method& method, const valdo::JValue& request,
                                        std::string_view problem, std::string_view next, Answer& answer);
 
-// Whether the bus's refusal, which may be null, is that the daemon does not know the method.
-[[nodiscard]] bool IsOfOldDaemon(const sd_bus_error* error);
+// Says that the daemon is of before what this command needs.
+[[nodiscard]] ExitStatus ComplainOfAge();
 
 // The parts of a call. A refusal by the bus in words; the text that a reply or a post carries, read; a call that is
 // ready to be sent, or null without memory. `destination` is the service's name or a connection's own.

@@ -48,5 +48,8 @@ void AddWatchCommand(CommandLine& line);
 void AddWaitCommand(CommandLine& line);
 void AddApplyCommand(CommandLine& line);
 void AddRunCommand(CommandLine& line);
+void AddLogCommand(CommandLine& line);
+void AddTraceCommand(CommandLine& line);
+void AddStatsCommand(CommandLine& line);
 
 }  // namespace ostrelctl

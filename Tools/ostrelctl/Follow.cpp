@@ -139,18 +139,13 @@ Event Tell(const Question& question, bool posted, Answer&& answer) {
             .hearing = HearNow()};
 }
 
-Event TellAge() {
-    return Fail(Refuse(kExitRefused, "the daemon is older than this command, and does not tell what happens",
-                       "restart it: 'systemctl restart ostreld', and hand its interfaces over again"));
-}
-
 // A question that fails may succeed the next time. Only who may not ask at all gives up. Without a daemon to answer,
 // the bus will soon tell that its name has gone.
 std::optional<Event> OnRefusal(Follower& follower, Question& question, const sd_bus_error* error, const Answer& said) {
     question.cookie = 0;
     question.due = Clock::now() + kRetryPause;
     if (said.status == kExitNoDaemon) return std::nullopt;
-    if (IsOfOldDaemon(error)) return TellAge();
+    if (said.isOfOldDaemon) return Fail(ComplainOfAge());
     const bool isForbidden = error != nullptr && sd_bus_error_has_name(error, SD_BUS_ERROR_ACCESS_DENIED) > 0;
     if (isForbidden && !follower.answered) return Fail(Refuse(said.status, said.problem, said.next));
     const std::string problem = said.problem.empty() ? "the daemon does not tell" : said.problem;

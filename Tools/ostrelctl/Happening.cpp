@@ -302,6 +302,9 @@ std::vector<Happening> HappeningsBetween(const std::optional<InterfaceState>& be
 }
 
 std::optional<Happening> ReadLeaseEvent(const JValue& root) {
+    int64_t missed = 0;
+    if (TextOf(root, "event") == "missed" && root["count"].asNumber(missed) == valdo::CONV_OK)
+        return Happening{.interface = "-", .event = "missed", .reason = std::to_string(missed)};
     Happening happening{.interface = Printable(TextOf(root, "interface")),
                         .role = "server",
                         .event = Printable(TextOf(root, "event")),
@@ -339,10 +342,10 @@ char SignOf(const Happening& happening) {
     };
     if (event == "link") return happening.state == "up" ? '+' : '-';
     if (happening.role == "server" && event == "held") return '!';
-    if (isOneOf({"held", "granted", "managed"})) return '+';
-    if (isOneOf({"lost", "released", "expired", "ended", "unmanaged"})) return '-';
+    if (isOneOf({"held", "granted", "managed", "daemon-back"})) return '+';
+    if (isOneOf({"lost", "released", "expired", "ended", "unmanaged", "daemon-gone"})) return '-';
     const bool isSetback = event == "state" && (happening.reason == "nak" || happening.reason == "malformed");
-    return isSetback || isOneOf({"conflict", "refused", "declined"}) ? '!' : ' ';
+    return isSetback || isOneOf({"conflict", "refused", "declined", "missed"}) ? '!' : ' ';
 }
 
 std::string WordsOf(const Happening& happening) {
@@ -350,6 +353,9 @@ std::string WordsOf(const Happening& happening) {
     const bool isLinkLocal = happening.role == "linkLocal";
     const std::string address = (isLinkLocal ? "link-local address " : "address ") + AddressText(happening.address);
     if (happening.role == "server") return LeaseWords(happening);
+    if (event == "missed") return happening.reason + " events missed: this did not keep up";
+    if (event == "daemon-back") return "daemon back";
+    if (event == "daemon-gone") return "daemon gone";
     if (event == "managed") return "managed from now on";
     if (event == "unmanaged") return "not managed any more";
     if (event == "link") return TextFor(kLinkStates, happening.state);

@@ -37,8 +37,8 @@ std::optional<ClientLease> LeaseOf(const Holding& holding) {
                          Ostrel_IsOfHost(details.address);
     if (!isKnown) return LinkLocalLease(*holding.state);
     ClientLease lease = details;
-    lease.times = {.began = details.times ? details.times->began : client->since,
-                   .ends = client->expires.value_or(kForever)};
+    if (!lease.times) lease.times = {.began = client->since};
+    if (client->expires) lease.times->ends = *client->expires;
     return lease;
 }
 

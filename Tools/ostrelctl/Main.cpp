@@ -63,6 +63,9 @@ void Describe(CommandLine& line) {
     AddWaitCommand(line);
     AddApplyCommand(line);
     AddRunCommand(line);
+    AddLogCommand(line);
+    AddTraceCommand(line);
+    AddStatsCommand(line);
     AddDebugCommand(line);
 }
 

@@ -53,16 +53,6 @@ const Managed* Find(const std::vector<Managed>& interfaces, const std::string& n
     return nullptr;
 }
 
-ExitStatus ComplainOfUnmanaged(const std::string& name, bool isToBe) {
-    const std::string shown = Printable(name);
-    if (StateOfLink(name) == LinkState::Absent)
-        return Refuse(kExitRefused, '\'' + shown + "' is not managed, and there is no such interface",
-                      "'ostrelctl status' shows what is managed, 'ip link' what there is");
-    if (!isToBe) return Refuse(kExitRefused, '\'' + shown + "' is not managed", "so there is nothing to release");
-    return Refuse(kExitRefused, '\'' + shown + "' is not managed",
-                  "'ostrelctl client " + shown + "' or 'ostrelctl server " + shown + " ...' hands it over");
-}
-
 // Of the keys that it takes strictly the daemon says which one it refuses, and why.
 bool HasReason(const Answer& answer) {
     return !TextOf(answer.reply, "problem").empty();
@@ -78,6 +68,16 @@ ExitStatus ComplainOfNoReason() {
 }
 
 }  // namespace
+
+ExitStatus ComplainOfUnmanaged(const std::string& name, bool isToBe) {
+    const std::string shown = Printable(name);
+    if (StateOfLink(name) == LinkState::Absent)
+        return Refuse(kExitRefused, '\'' + shown + "' is not managed, and there is no such interface",
+                      "'ostrelctl status' shows what is managed, 'ip link' what there is");
+    if (!isToBe) return Refuse(kExitRefused, '\'' + shown + "' is not managed", "so there is nothing to release");
+    return Refuse(kExitRefused, '\'' + shown + "' is not managed",
+                  "'ostrelctl client " + shown + "' or 'ostrelctl server " + shown + " ...' hands it over");
+}
 
 std::vector<Managed> ReadManaged(const JValue& root) {
     std::vector<Managed> interfaces;

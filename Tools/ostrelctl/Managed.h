@@ -46,6 +46,9 @@ struct Managed {
 // Asks for all interfaces or, when it is not empty, for the one named; complains when that is not managed.
 [[nodiscard]] ExitStatus AskManaged(const Session& session, const std::string& name, std::vector<Managed>& interfaces);
 
+// Says that the interface, which is to be managed or else is to be released, is not managed.
+[[nodiscard]] ExitStatus ComplainOfUnmanaged(const std::string& name, bool isToBe);
+
 // Asks the daemon to manage an interface as `request` says, and to do something with one that it manages. When it
 // refuses they find out why and complain.
 [[nodiscard]] bool IsManagedByRFC(const Session& session, const std::string& name);

@@ -89,7 +89,7 @@ InterfaceState ReadOne(const JValue& object) {
     if (object["client"].isObject()) state.client = ReadClient(object["client"]);
     if (object["linkLocal"].isObject()) state.linkLocal = ReadLinkLocal(object["linkLocal"]);
     if (object["server"].isObject()) state.server = ReadServer(object["server"]);
-    state.counters = object["counters"];
+    state.told = object;
     return state;
 }
 
@@ -105,8 +105,12 @@ std::vector<InterfaceState> ReadStates(const JValue& root) {
     return states;
 }
 
-uint64_t CounterOf(const JValue& counters, const char* group, const char* name) {
-    return static_cast<uint64_t>(CountOf(counters[group], name));
+int64_t CounterOf(const InterfaceState& state, const char* group, const char* name) {
+    return CountOf(state.told["counters"][group], name);
+}
+
+int64_t DroppedOf(const InterfaceState& state, const char* group, const char* reason) {
+    return CountOf(state.told["counters"][group]["dropped"], reason);
 }
 
 }  // namespace ostrelctl

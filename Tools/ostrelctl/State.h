@@ -66,14 +66,16 @@ struct InterfaceState {
     std::optional<ClientState> client{};
     std::optional<LinkLocalState> linkLocal{};
     std::optional<ServerState> server{};
-    valdo::JValue counters{};  // as told
+    valdo::JValue told{};  // all of it, as it came
 };
 
 // The interfaces in a reply or post of "interfaceState". One that is not understood is left out; a number or an address
 // of another type or size reads as none.
 [[nodiscard]] std::vector<InterfaceState> ReadStates(const valdo::JValue& root);
 
-// The counter of that name in a group, "client" for instance; 0 without it.
-[[nodiscard]] uint64_t CounterOf(const valdo::JValue& counters, const char* group, const char* name);
+// The counter of that name in a group, "client" for instance, and how many frames of a role were dropped for a reason;
+// 0 where there is none.
+[[nodiscard]] int64_t CounterOf(const InterfaceState& state, const char* group, const char* name);
+[[nodiscard]] int64_t DroppedOf(const InterfaceState& state, const char* group, const char* reason);
 
 }  // namespace ostrelctl

@@ -15,11 +15,14 @@
 #include "Arguments.h"
 #include "Bus.h"
 #include "Command.h"
+#include "Counters.h"
 #include "Device.h"
 #include "Lease.h"
 #include "Lines.h"
 #include "Managed.h"
 #include "Page.h"
+#include "Situation.h"
+#include "State.h"
 
 namespace ostrelctl {
 
@@ -30,26 +33,30 @@ constexpr double kFillingUp = 0.75, kFull = 0.95;      // parts of a range
 
 struct StatusOptions {
     std::string interface;
+    bool verbose = false;
 };
 
 // What status shows, as of `now`.
 struct Picture {
-    std::vector<Managed> interfaces;
-    std::vector<ClientLease> clients;
-    std::vector<ServerLease> servers;
+    std::vector<Managed> interfaces{};
+    std::vector<ClientLease> clients{};
+    std::vector<ServerLease> servers{};
+    std::vector<InterfaceState> states{};  // empty: the daemon is older than this
+    bool verbose = false;
     int64_t now = 0;
     Terminal terminal{};
 };
 
 void Declare(CLI::App& command, StatusOptions& options) {
     AddInterface(command, options.interface)->description("Only this interface");
+    command.add_flag("-v,--verbose", options.verbose, "Counters as well");
 }
 
 void Put(Block& block, const char* label, const std::string& value) {
     if (!value.empty()) block.fields.push_back({.label = label, .value = Printable(value)});
 }
 
-std::string_view Grade(const Picture& picture, double part, double warning, double bad) {
+std::string_view ColourOf(const Picture& picture, double part, double warning, double bad) {
     const Palette& palette = picture.terminal.palette;
     return part < warning ? palette.good : part < bad ? palette.warning : palette.bad;
 }
@@ -70,6 +77,40 @@ std::string Trouble(const std::string& interface) {
     return {};
 }
 
+std::string_view ColourOf(const Palette& palette, Grade grade) {
+    switch (grade) {
+        case Grade::Good:
+            return palette.good;
+        case Grade::Waiting:
+            return palette.warning;
+        case Grade::Bad:
+            return palette.bad;
+        case Grade::Idle:
+            return palette.faint;
+    }
+    return {};
+}
+
+const InterfaceState* StateOf(const Picture& picture, const Managed& interface) {
+    const auto found = std::ranges::find(picture.states, interface.interface, &InterfaceState::interface);
+    return found == picture.states.end() ? nullptr : &*found;
+}
+
+void PutSituation(Block& block, const Picture& picture, const Managed& interface) {
+    const InterfaceState* const state = StateOf(picture, interface);
+    if (state == nullptr) return;
+    for (const Situation& situation : SituationsOf(*state, picture.now))
+        block.fields.push_back({.label = situation.label,
+                                .value = Printable(situation.words),
+                                .colour = ColourOf(picture.terminal.palette, situation.grade)});
+}
+
+void PutCounters(Block& block, const Picture& picture, const Managed& interface) {
+    const InterfaceState* const state = StateOf(picture, interface);
+    if (state == nullptr || !picture.verbose) return;
+    for (const CounterGroup& group : CountersOf(*state)) Put(block, group.name, group.words);
+}
+
 std::string SourceOf(const Managed& interface, const ClientLease& lease, int64_t now) {
     if (!lease.times) return "link-local";
     if (interface.addressing == "static") return "static";
@@ -87,7 +128,7 @@ void PutAddress(Block& block, const Managed& interface, const std::string& addre
 void PutClientAddress(Block& block, const Picture& picture, const Managed& interface, const ClientLease& lease) {
     if (lease.address == kAnyIPv4) {
         block.mark = Mark::Nothing;
-        Put(block, "address", "none yet, or halted");
+        Put(block, "address", "none");
         return;
     }
     const std::string address =
@@ -109,7 +150,7 @@ void PutLeaseTimes(Block& block, const Picture& picture, const LeaseTimes& times
     block.fields.push_back({.label = "age",
                             .value = SpanText(age) + " of " + SpanText(whole),
                             .colour = {},
-                            .gauge = Gauge{.part = part, .colour = Grade(picture, part, kRenewsAt, kRebindsAt)}});
+                            .gauge = Gauge{.part = part, .colour = ColourOf(picture, part, kRenewsAt, kRebindsAt)}});
 }
 
 ClientLease LeaseOf(const Picture& picture, const Managed& interface) {
@@ -122,6 +163,7 @@ Block DescribeClient(const Picture& picture, const Managed& interface) {
     Block block{
         .name = Printable(interface.interface), .role = RoleText(interface), .trouble = Trouble(interface.interface)};
     const ClientLease lease = LeaseOf(picture, interface);
+    PutSituation(block, picture, interface);
     PutClientAddress(block, picture, interface, lease);
     Put(block, "router", AddressText(lease.routers));
     Put(block, "DNS", AddressText(lease.dnsServers));
@@ -129,6 +171,7 @@ Block DescribeClient(const Picture& picture, const Managed& interface) {
     const bool leased = lease.times && lease.mask != kAnyIPv4 && interface.addressing != "static";
     if (leased) PutLeaseTimes(block, picture, *lease.times);
     Put(block, "rules", RulesText(interface));
+    PutCounters(block, picture, interface);
     return block;
 }
 
@@ -153,7 +196,7 @@ void PutUse(Block& block, const Picture& picture, const Managed& interface) {
     block.fields.push_back({.label = "leases",
                             .value = std::to_string(used) + " of " + std::to_string(interface.maxLeases),
                             .colour = {},
-                            .gauge = Gauge{.part = part, .colour = Grade(picture, part, kFillingUp, kFull)}});
+                            .gauge = Gauge{.part = part, .colour = ColourOf(picture, part, kFillingUp, kFull)}});
     if (next != kForever) Put(block, "next ends", EndText(next, picture.now));
 }
 
@@ -162,6 +205,7 @@ Block DescribeServer(const Picture& picture, const Managed& interface) {
                 .role = "server, leases for " + SpanText(interface.leaseSeconds),
                 .trouble = Trouble(interface.interface),
                 .mark = Mark::Good};
+    PutSituation(block, picture, interface);
     PutAddress(block, interface, AddressText(interface.address), interface.address);
     Put(block, "range", AddressText(interface.rangeFirst) + " to " + AddressText(interface.rangeLast));
     PutUse(block, picture, interface);
@@ -169,6 +213,7 @@ Block DescribeServer(const Picture& picture, const Managed& interface) {
     Put(block, "DNS", AddressText(interface.dnsServers));
     Put(block, "domain", interface.domainName);
     Put(block, "rules", RulesText(interface));
+    PutCounters(block, picture, interface);
     return block;
 }
 
@@ -177,6 +222,18 @@ template <typename Lease>
 void Append(std::vector<Lease>& known, const std::vector<Lease>& listed, const std::string& interface) {
     std::copy_if(listed.begin(), listed.end(), std::back_inserter(known),
                  [&interface](const Lease& lease) { return lease.interface == interface; });
+}
+
+// One of before this is told plainly, and the rest is shown.
+ExitStatus AskStates(const Session& session, const std::string& interface, Picture& picture) {
+    const Answer answer = Ask(session, kInterfaceState, RequestFor(interface));
+    if (answer.status == kExitDone) {
+        picture.states = ReadStates(answer.reply);
+        return kExitDone;
+    }
+    if (!answer.isOfOldDaemon) return Refuse(answer.status, answer.problem, answer.next);
+    (void)ComplainOfAge();
+    return kExitDone;
 }
 
 // Each by its name: to the daemon a request without one is an error, which it logs.
@@ -212,6 +269,16 @@ void PutServer(valdo::JValue& line, const Picture& picture, const Managed& inter
     if (next != kForever) line.put("nextExpires", next);
 }
 
+void PutState(valdo::JValue& line, const Picture& picture, const Managed& interface) {
+    const InterfaceState* const state = StateOf(picture, interface);
+    if (state == nullptr) return;
+    std::string words;
+    for (const Situation& situation : SituationsOf(*state, picture.now))
+        words += (words.empty() ? "" : "; " + std::string(situation.label) + ' ') + situation.words;
+    line.put("situation", std::string_view(words));
+    line.put("state", state->told);
+}
+
 void Show(const Picture& picture) {
     std::vector<Block> blocks;
     for (const Managed& interface : picture.interfaces)
@@ -226,6 +293,7 @@ void PrintLines(const Picture& picture) {
         const std::string trouble = Trouble(interface.interface);
         line.put("link", trouble.empty() ? "running" : trouble.c_str());
         line.put("rules", RulesText(interface));
+        PutState(line, picture, interface);
         if (interface.server)
             PutServer(line, picture, interface);
         else
@@ -238,8 +306,9 @@ ExitStatus Run(const StatusOptions& options, const Settings& settings) {
     Session session;
     const ExitStatus opened = OpenSession(settings.json && !settings.lines, true, session);
     if (opened != kExitDone) return opened;
-    Picture picture;
+    Picture picture{.verbose = options.verbose};
     ExitStatus asked = AskManaged(session, options.interface, picture.interfaces);
+    if (asked == kExitDone) asked = AskStates(session, options.interface, picture);
     if (asked == kExitDone) asked = AskLeases(session, picture);
     if (asked != kExitDone || session.json) return asked;
     picture.now = std::time(nullptr);
@@ -257,7 +326,7 @@ ExitStatus Run(const StatusOptions& options, const Settings& settings) {
 void AddStatusCommand(CommandLine& line) {
     AddCommand<StatusOptions>(line, "status", "Show what is managed, and what it has",
                               "  ostrelctl status           every managed interface\n"
-                              "  ostrelctl status eth0\n"
+                              "  ostrelctl status eth0 -v   with counters\n"
                               "  watch ostrelctl status eth0   again every two seconds\n",
                               Declare, Run);
 }
