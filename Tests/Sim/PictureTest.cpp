@@ -1,110 +1,12 @@
 // What a subscriber to "interfaceState" learns from posts alone: each state of each role in order, with a true reason,
-// when an address may be used, and when the client sends next. It knows at any moment what one is told who asks.
+// when an address may be used, and when the client sends next; and what becomes of each frame that the client gets.
 
-#include <endian.h>
-#include <map>
-#include <regex>
-#include <set>
+#include <numeric>
 
-#include "Ostrel/DHCPClient.h"
-#include "Ostrel/Interface.h"
-#include "Ostrel/LinkLocal.h"
-
-#include "Harness.h"
+#include "PictureScene.h"
 
 namespace sim {
 namespace {
-
-constexpr char kListener[] = ":1.9";
-constexpr char kLease[] = "192.0.2.10";
-
-// The value of a member of an object in JSON, as it stands there; "" where there is none.
-std::string ValueOf(const std::string& text, const std::string& key) {
-    std::smatch match;
-    return std::regex_search(text, match, std::regex("\"" + key + R"(":("[^"]*"|[^,}]*))")) ? match[1].str() : "";
-}
-// Likewise, of a text without its quotes.
-std::string WordOf(const std::string& text, const std::string& key) {
-    const std::string value = ValueOf(text, key);
-    return value.starts_with('"') ? value.substr(1, value.size() - 2) : value;
-}
-// An object within one, without what it has of others.
-std::string RoleOf(const std::string& text, const std::string& role) {
-    const size_t start = text.find("\"" + role + "\":{\"state\"");
-    return start == std::string::npos ? "" : text.substr(start, text.find('}', start) - start);
-}
-
-// eth0 with a client and a selector that both idle, a server, and a subscriber that only listens.
-struct PictureLan {
-    explicit PictureLan(bool rfc, std::string_view config = "dhcp", uint64_t seed = 1) : world(seed) {
-        world.AddInterface("eth0", kClientMAC, wire);
-        (void)world.Call("/", "interfaceState", R"({"subscribe":true})", kListener);
-        EXPECT_TRUE(daemon.Initialize("eth0", {{"rfc", rfc},
-                                               {"ipv4Config", config},
-                                               {"ipv4Address", "192.0.2.7"},
-                                               {"ipv4Subnet", "255.255.255.0"},
-                                               {"ipv4LinkLocal", true}}));
-        world.RunFor(1ms);
-    }
-    Ostrel_InterfaceObj& Interface() { return *daemon.system.interfaceList; }
-    Ostrel_ClientObj& Client() { return *Interface().dhcpClient; }
-    // The client alone, or the selector.
-    void Act(const char* word, Ostrel_ActionValues values = {}) {
-        EXPECT_EQ(Ostrel_DHCPClientLeaseAction(&Interface(), word, values), kNoErr);
-    }
-    void Select(const char* word) { EXPECT_EQ(Ostrel_LinkLocalAction(&Interface(), word), kNoErr); }
-    void Bind(uint32_t leaseTime = 3600) {
-        server.script.leaseTime = leaseTime;
-        Act("init");
-        world.RunFor(5s);
-        world.posts.clear();
-    }
-    void SelectAndHold() {
-        Select("init");
-        world.RunFor(20s);
-        world.posts.clear();
-    }
-    void RunUntil(const std::string& told) {
-        for (int i = 0; i < 10'000 && !Told("client").ends_with(told); ++i) world.RunFor(100ms);
-    }
-    void Answer(MessageType type) {
-        server.script.tamper = [type](DHCPMessage& answer) {
-            if (answer.Type() == kAck) answer.options[0].second[0] = static_cast<uint8_t>(type);
-        };
-    }
-    // The link is lost, and for good half a second longer back.
-    void Unplug(Duration absence = 5s) {
-        world.SetLink("eth0", false);
-        world.RunFor(absence);
-        world.SetLink("eth0", true);
-        world.RunFor(251ms);
-    }
-    void Contest() { Claim(be32toh(Interface().linkLocal->IPv4Address)); }
-    // A host that has the address speaks up.
-    void Claim(IPv4 address) {
-        ArpHost(wire, kOtherMAC, address).Send(2, kClientMAC, address);
-        world.RunFor(1ms);
-    }
-
-    // What the posts have told of a role: its states with their reasons, and "held" where the address may be used.
-    [[nodiscard]] std::string Told(const std::string& role) const {
-        std::string story;
-        std::string last;
-        for (const Post& post : world.posts) {
-            const std::string text = RoleOf(post.payload, role);
-            std::string moment = WordOf(text, "state") + " " + WordOf(text, "reason");
-            if (ValueOf(text, "held") == "true") moment += " held";
-            if (moment != last) story += (story.empty() ? "" : "; ") + moment;
-            last = moment;
-        }
-        return story;
-    }
-
-    World world;
-    Segment& wire = world.AddSegment();
-    Daemon daemon;
-    ScriptedServer server{wire};
-};
 
 struct Situation {
     bool rfc;
@@ -210,140 +112,84 @@ TEST(Picture, EachStateOfASelectorIsToldWithItsReason) {
     for (const Situation& situation : situations) Play(situation);
 }
 
-// A network on which everything happens, a step at a time.
-class Hazards {
-public:
-    Hazards(uint64_t seed, bool rfc) : lan(rfc, "dhcp", seed) {
-        lan.wire.faults = {.loss = 50, .duplication = 100, .delay = 200, .maximumDelay = 2s};
+TEST(Picture, TheLastWaitForAnAnswerEndsWithoutATry) {
+    PictureLan lan(false);
+    lan.server.script.silentToRequest = true;
+    lan.Act("init");
+    lan.world.RunFor(63s);
+    std::vector<std::string> waits;
+    for (const Post& post : lan.world.posts) {
+        const std::string client = RoleOf(post.payload, "client");
+        if (WordOf(client, "state") != "REQUESTING") continue;
+        const std::string next = ValueOf(client, "nextTry");
+        waits.push_back(next == "null" ? next
+                                       : std::to_string(std::stoll(next) - std::stoll(ValueOf(client, "since"))));
     }
+    EXPECT_EQ(waits, (std::vector<std::string>{"4", "12", "28", "60", "null"}));
+}
 
-    void Step() {
-        const uint64_t what = Draw(18);
-        if (what < 6) Configure(Draw(8));
-        if (what >= 6 && what < 12) Act(what - 6);
-        if (what >= 12) Disturb(what - 12);
-        lan.world.RunFor(Duration(static_cast<int64_t>(Draw(Draw(4) == 0 ? 60'000'000 : 2'000'000))));
-        Read();
+TEST(Picture, ADeviceThatSleepsDoesNotPutOffTheEndOfItsLease) {
+    PictureLan sleeper(true);
+    sleeper.Bind();
+    const std::string expires = ValueOf(sleeper.Asked(), "expires");
+    sleeper.server.script.silent = true;
+    sleeper.world.Suspend(600s);
+    sleeper.world.RunFor(605s);
+    EXPECT_EQ(ValueOf(sleeper.Asked(), "expires"), expires) << "its alarm goes on while the device sleeps";
+    EXPECT_EQ(WordOf(sleeper.Asked(), "state"), "REBOOTING");
+}
+
+// A frame in answer to a REQUEST, changed, and what the trace says of it, which is also counted.
+TEST(Picture, EachFrameThatTheClientGetsHasOneVerdict) {
+    const struct {
+        void (*tamper)(DHCPMessage& answer);
+        const char* verdict;
+    } cases[] = {
+        {[](DHCPMessage&) {}, "taken"},
+        {[](DHCPMessage& ack) { ++ack.xid; }, "xid"},
+        {[](DHCPMessage& ack) { ++ack.chaddr[5]; }, "not for us"},
+        {[](DHCPMessage& ack) { ack.options[0].second = {kInform}; }, "message type"},
+        {[](DHCPMessage& ack) { ack.options[0].second = {kOffer}; }, "state REQUESTING"},
+        {[](DHCPMessage& ack) { ack.options[0].second = {}; }, "malformed: option 53 has 0 bytes"},
+        {[](DHCPMessage& ack) { ack.options.clear(); }, "malformed: option 53 is missing"},
+        {[](DHCPMessage& ack) {
+             OptionOf(ack, 54) = {192, 0, 2, 66};
+         },
+         "another server"},
+        {[](DHCPMessage& ack) {
+             OptionOf(ack, 51) = {1, 2, 3};
+         },
+         "malformed: option 51 has 3 bytes"},
+        {[](DHCPMessage& ack) {
+             OptionOf(ack, 51) = {0, 0, 0, 0};
+         },
+         "malformed: option 51 is 0"},
+        {[](DHCPMessage& ack) { std::erase_if(ack.options, [](auto& one) { return one.first == 51; }); },
+         "malformed: option 51 is missing"},
+        {[](DHCPMessage& ack) {
+             OptionOf(ack, 1) = {255, 0, 255, 0};
+         },
+         "malformed: option 1 is no mask"},
+        {[](DHCPMessage& ack) { ack.yiaddr = 0; }, "malformed: no host's address"},
+    };
+    for (const auto& [tamper, verdict] : cases) {
+        PictureLan lan(true);
+        (void)lan.world.Call("/", "trace", R"({"subscribe":true})", ":1.8");
+        lan.server.script.tamper = [tamper](DHCPMessage& answer) {
+            if (answer.Type() == kAck) tamper(answer);
+        };
+        lan.Act("init");
+        lan.world.RunFor(1500ms);
+        std::vector<std::string> verdicts;
+        for (const Post& post : lan.world.posts)
+            if (post.subscriber == ":1.8" && WordOf(post.payload, "direction") == "in")
+                verdicts.push_back(WordOf(post.payload, "verdict"));
+        EXPECT_EQ(verdicts, (std::vector<std::string>{"taken", verdict})) << lan.world.Describe();
+        const Ostrel_ClientCounters& counters = lan.Client().counters;
+        const uint64_t dropped = std::accumulate(counters.dropped.begin(), counters.dropped.end(), uint64_t{0});
+        const uint64_t notSent = counters.dropped[static_cast<size_t>(Ostrel_VerdictKind::Limited)];
+        EXPECT_EQ(counters.offerReceived + counters.ackReceived + dropped - notSent, 2U) << verdict;
     }
-
-    // What it knows of either name is what one is told who asks for it.
-    void Compare() {
-        for (const char* name : {"eth0", "eth1"}) {
-            const std::string request = R"({"interface":")" + std::string(name) + R"("})";
-            const std::string asked = StateIn(lan.world.Call("/", "interfaceState", request));
-            EXPECT_EQ(known[name], asked) << lan.world.Describe();
-        }
-    }
-
-    // The states that the log tells of are those of the posts, each once.
-    void CompareWithLog() {
-        std::vector<std::string> logged{"INIT-REBOOT"};
-        for (const LogLine& line : lan.world.log) {
-            const size_t place = line.text.find("DHCP Client state transition ");
-            if (place == std::string::npos) continue;
-            const size_t to = line.text.find("> ", place) + 2;
-            const std::string state = line.text.substr(to, line.text.rfind('.') - to);
-            if (state != logged.back()) logged.push_back(state);
-        }
-        EXPECT_EQ(states, logged) << lan.world.Describe();
-    }
-
-    PictureLan lan;
-    std::map<std::string, std::string> known;  // by the name of the interface: its state, from posts alone
-    std::vector<std::string> states{"INIT-REBOOT"};
-    size_t losses = 0;
-
-private:
-    uint64_t Draw(uint64_t below) { return lan.world.random() % below; }
-
-    static std::string StateIn(const std::string& message) {
-        const size_t start = message.find(R"({"interface":)");
-        if (start == std::string::npos || message.find(R"("managed":false)") != std::string::npos) return "";
-        return message.substr(start, message.find(R"(,"counters":)") - start);
-    }
-
-    void Read() {
-        for (const Post& post : lan.world.posts) {
-            const std::string state = StateIn(post.payload);
-            std::string& before = known[WordOf(post.payload, "interface")];
-            CheckLoss(RoleOf(before, "client"), RoleOf(state, "client"));
-            before = state;
-            const std::string word = WordOf(RoleOf(state, "client"), "state");
-            if (!word.empty() && word != states.back()) states.push_back(word);
-        }
-        lan.world.posts.clear();
-    }
-
-    // An address goes out of use for a reason that takes it away.
-    void CheckLoss(const std::string& before, const std::string& now) {
-        if (now.empty() || ValueOf(before, "held") != "true" || ValueOf(now, "held") == "true") return;
-        static const std::set<std::string> kLosses{"expired", "nak",     "conflict",  "action",
-                                                   "link",    "removed", "malformed", "ack"};
-        EXPECT_TRUE(kLosses.contains(WordOf(now, "reason"))) << before << now;
-        ++losses;
-    }
-
-    void Configure(uint64_t what) {
-        ServerScript& script = lan.server.script;
-        script.silent = what == 0;
-        script.silentToRequest = what == 1;
-        script.leaseTime = static_cast<uint32_t>(3 + Draw(300));
-        script.tamper = nullptr;
-        if (what == 2) lan.Answer(kNak);
-        if (what == 3)
-            script.tamper = [odd = Draw(3)](DHCPMessage& answer) {
-                if (odd == 0 && answer.Type() == kAck) answer.options.resize(1);
-                if (odd == 1) answer.yiaddr += 1;
-            };
-    }
-
-    void Act(uint64_t what) {
-        constexpr std::array kWords{"init", "init", "init", "renew", "rebind", "halt"};
-        const char* const word = kWords.at(what);
-        if (what == 1) return lan.Act(word, {.address = htobe32(ToIPv4(kLease))});
-        lan.daemon.LeaseAction(lan.Interface().ifname.data(), word);
-    }
-
-    void Disturb(uint64_t what) {
-        if (what == 0) lan.Claim(be32toh(lan.Client().lease.IPv4Address));
-        if (what == 1) lan.Contest();
-        if (what == 2) lan.world.SetLink(device, Draw(4) != 0);
-        if (what == 3) lan.world.FailSends(device, SendFault::Short, static_cast<uint32_t>(Draw(3)));
-        if (what == 4) lan.world.FailAllocation(1 + Draw(5));
-        if (what == 5 && Draw(2) == 0) TakeOut();
-        if (what == 5) Rename();
-    }
-
-    void TakeOut() {
-        lan.world.RemoveInterface(device);
-        lan.world.RunFor(Duration(static_cast<int64_t>(Draw(9'000'000))));
-        lan.world.AddInterface(device, {2, 0, 0, 0, 0, static_cast<uint8_t>(Draw(4))}, lan.wire);
-    }
-
-    void Rename() {
-        const std::string name = device == "eth0" ? "eth1" : "eth0";
-        lan.world.RenameInterface(device, name);
-        device = name;
-    }
-
-    std::string device = "eth0";
-};
-
-TEST(Picture, WhoOnlyListensKnowsWhatOneIsToldWhoAsks) {
-    size_t losses = 0;
-    for (uint64_t seed = 1; seed <= 20; ++seed) {
-        for (const bool rfc : {false, true}) {
-            SCOPED_TRACE(testing::Message() << "seed " << seed << (rfc ? " rfc" : " plain"));
-            Hazards hazards(seed, rfc);
-            for (int step = 0; step < 200 && !testing::Test::HasFailure(); ++step) {
-                hazards.Step();
-                hazards.Compare();
-            }
-            hazards.CompareWithLog();
-            losses += hazards.losses;
-        }
-    }
-    EXPECT_GT(losses, 200U) << "nothing was tried";
 }
 
 }  // namespace
