@@ -30,7 +30,8 @@ set --local commands \
     watch "Print each change as it comes" \
     wait "Wait for an address" \
     apply "Keep the kernel at what is published" \
-    run "Make the interfaces what files say"
+    run "Make the interfaces what files say" \
+    reload "Have run read its files again"
 for i in (seq 1 2 (count $commands))
     complete --command ostrelctl --condition __fish_use_subcommand --arguments $commands[$i] \
         --description $commands[(math $i + 1)]
@@ -72,3 +73,5 @@ __ostrelctl_behind apply --long-option keep --description "Leave everything in p
 __ostrelctl_behind apply --exclusive --long-option metric --description "Metric of the routes"
 __ostrelctl_behind run --force-files --long-option check --description "Say what the files mean, and do nothing"
 __ostrelctl_behind run --force-files --long-option example --description "Print a file with every key"
+__ostrelctl_behind run --require-parameter --force-files --long-option state \
+    --description "Keep leases and addresses in this directory"

@@ -25,13 +25,14 @@ struct LockName {
 };
 
 // A path that begins with a zero byte.
-LockName NameFor(const std::string& interface) {
+LockName NameFor(const std::string& text) {
     LockName name;
-    const std::string text = "ostrelctl-apply-" + interface;
     const size_t copied = text.copy(name.address.sun_path + 1, sizeof name.address.sun_path - 1);
     name.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + copied);
     return name;
 }
+
+constexpr char kRunLock[] = "ostrelctl-run";
 
 FileDescriptor NewSocket() {
     return FileDescriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -50,7 +51,7 @@ ucred HolderOf(const LockName& name) {
 }  // namespace
 
 FileDescriptor LockInterface(const std::string& interface) {
-    const LockName name = NameFor(interface);
+    const LockName name = NameFor("ostrelctl-apply-" + interface);
     FileDescriptor lock = NewSocket();
     if (bind(lock.get(), name.get(), name.length) == 0 && listen(lock.get(), 0) == 0) return lock;
     const ucred holder = HolderOf(name);
@@ -63,6 +64,20 @@ FileDescriptor LockInterface(const std::string& interface) {
     Complain("the leases of '" + interface + "' are applied already, by process " + std::to_string(holder.pid),
              "'kill " + std::to_string(holder.pid) + "' ends it");
     return {};
+}
+
+FileDescriptor LockRun() {
+    const LockName name = NameFor(kRunLock);
+    FileDescriptor lock = NewSocket();
+    if (bind(lock.get(), name.get(), name.length) == 0 && listen(lock.get(), 0) == 0) return lock;
+    const pid_t holder = ProcessOfRun();
+    Complain("'ostrelctl run' runs already, as process " + std::to_string(holder),
+             "'ostrelctl reload' has it read its files");
+    return {};
+}
+
+pid_t ProcessOfRun() {
+    return HolderOf(NameFor(kRunLock)).pid;
 }
 
 }  // namespace ostrelctl

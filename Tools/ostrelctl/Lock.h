@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <sys/types.h>
 
 #include "FileDescriptor.h"
 
@@ -10,5 +11,9 @@ namespace ostrelctl {
 // A lock on applying leases to an interface, which ends when it is closed, at the latest with the process. Complains,
 // and gives a closed one, when another process has it.
 [[nodiscard]] FileDescriptor LockInterface(const std::string& interface);
+
+// The same for `ostrelctl run`, and the process that has it; 0: none.
+[[nodiscard]] FileDescriptor LockRun();
+[[nodiscard]] pid_t ProcessOfRun();
 
 }  // namespace ostrelctl

@@ -135,6 +135,19 @@ int ChangeRoute(nl_sock* socket, const InterfaceRoute& route, RouteRequest build
     return Transact(socket, built, message);
 }
 
+template <typename Set>
+int ChangeLink(nl_sock* socket, const std::string& interface, Set set) {
+    const unsigned index = if_nametoindex(interface.c_str());
+    if (index == 0) return ENODEV;
+    const Link link(rtnl_link_alloc()), changes(rtnl_link_alloc());
+    if (link == nullptr || changes == nullptr) return ENOMEM;
+    rtnl_link_set_ifindex(link.get(), static_cast<int>(index));
+    set(changes.get());
+    nl_msg* message = nullptr;
+    const int built = rtnl_link_build_change_request(link.get(), changes.get(), 0, &message);
+    return Transact(socket, built, message);
+}
+
 }  // namespace
 
 NetlinkSocket OpenNetlink() {
@@ -185,15 +198,11 @@ uint32_t MTUOf(nl_sock* socket, const std::string& interface) {
 }
 
 int SetMTU(nl_sock* socket, const std::string& interface, uint32_t mtu) {
-    const unsigned index = if_nametoindex(interface.c_str());
-    if (index == 0) return ENODEV;
-    const Link link(rtnl_link_alloc()), changes(rtnl_link_alloc());
-    if (link == nullptr || changes == nullptr) return ENOMEM;
-    rtnl_link_set_ifindex(link.get(), static_cast<int>(index));
-    rtnl_link_set_mtu(changes.get(), mtu);
-    nl_msg* message = nullptr;
-    const int built = rtnl_link_build_change_request(link.get(), changes.get(), 0, &message);
-    return Transact(socket, built, message);
+    return ChangeLink(socket, interface, [mtu](rtnl_link* changes) { rtnl_link_set_mtu(changes, mtu); });
+}
+
+int SetUp(nl_sock* socket, const std::string& interface) {
+    return ChangeLink(socket, interface, [](rtnl_link* changes) { rtnl_link_set_flags(changes, IFF_UP); });
 }
 
 std::optional<bool> IsPermanent(nl_sock* socket, const InterfaceAddress& address) {

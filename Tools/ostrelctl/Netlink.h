@@ -57,6 +57,8 @@ struct InterfaceRoute {
 
 // Bytes that a frame of the interface may carry; 0 when that can't be told. Setting gives 0 or an errno.
 [[nodiscard]] uint32_t MTUOf(nl_sock* socket, const std::string& interface);
+// Sets the interface up; one that is up stays so.
+[[nodiscard]] int SetUp(nl_sock* socket, const std::string& interface);
 [[nodiscard]] int SetMTU(nl_sock* socket, const std::string& interface, uint32_t mtu);
 
 }  // namespace ostrelctl

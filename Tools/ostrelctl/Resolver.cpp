@@ -11,7 +11,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
+#include <map>
 #include <net/if.h>
 #include <poll.h>
 #include <spawn.h>
@@ -167,7 +169,43 @@ bool IsLabel(std::string_view label) {
            std::all_of(label.begin(), label.end(), fits);
 }
 
+// --- The file ---
+
+struct DnsFile {
+    std::string path;
+    std::map<std::string, DnsSettings> each;  // by interface
+};
+
+DnsFile dnsFile;
+
+// It may be a link or a mount, and its directory not ours to write in, so nothing is put in its place. Nobody finds it
+// empty: what it had is cut off when the new text stands.
+std::string WriteInPlace(const std::string& path, const std::string& text) {
+    constexpr int kMode = 0644;
+    const FileDescriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kMode));
+    const auto length = static_cast<ssize_t>(text.size());
+    const bool written =
+        file.isOpen() && write(file.get(), text.data(), text.size()) == length && ftruncate(file.get(), length) == 0;
+    return written ? "" : path + " cannot be written: " + std::strerror(errno);
+}
+
+// A resolver uses the first three servers, and one line of domains.
+std::string WriteDnsFile() {
+    constexpr size_t kMostServers = 3;
+    DnsSettings all;
+    for (const auto& [interface, settings] : dnsFile.each) {
+        for (const Ostrel_IPv4 server : settings.servers)
+            if (all.servers.size() < kMostServers) all.servers.push_back(server);
+        all.search.insert(all.search.end(), settings.search.begin(), settings.search.end());
+    }
+    return WriteInPlace(dnsFile.path, "# Written by ostrelctl run\n" + ResolvConf(all));
+}
+
 }  // namespace
+
+void KeepDnsInFile(const std::string& file) {
+    dnsFile.path = file;
+}
 
 std::string Joined(const std::vector<std::string>& texts, const char* between) {
     std::string all;
@@ -177,7 +215,8 @@ std::string Joined(const std::vector<std::string>& texts, const char* between) {
 
 DnsKeeper FindDnsKeeper(sd_bus* bus) {
     if (IsResolvedThere(bus)) return DnsKeeper::Resolved;
-    return IsInPath("resolvconf") ? DnsKeeper::Resolvconf : DnsKeeper::Nobody;
+    if (IsInPath("resolvconf")) return DnsKeeper::Resolvconf;
+    return dnsFile.path.empty() ? DnsKeeper::Nobody : DnsKeeper::File;
 }
 
 const char* NameOf(DnsKeeper keeper) {
@@ -188,6 +227,8 @@ const char* NameOf(DnsKeeper keeper) {
             return "systemd-resolved";
         case DnsKeeper::Resolvconf:
             return "resolvconf";
+        case DnsKeeper::File:
+            return dnsFile.path.c_str();
     }
     return "?";
 }
@@ -200,6 +241,9 @@ std::string WriteDns(sd_bus* bus, DnsKeeper keeper, const std::string& interface
             return TellResolved(bus, interface, settings);
         case DnsKeeper::Resolvconf:
             return RunResolvconf("-a", interface, ResolvConf(settings));
+        case DnsKeeper::File:
+            dnsFile.each[interface] = settings;
+            return WriteDnsFile();
     }
     return {};
 }
@@ -214,6 +258,9 @@ std::string RemoveDns(sd_bus* bus, DnsKeeper keeper, const std::string& interfac
         }
         case DnsKeeper::Resolvconf:
             return RunResolvconf("-d", interface, "");
+        case DnsKeeper::File:
+            dnsFile.each.erase(interface);
+            return WriteDnsFile();
     }
     return {};
 }

@@ -16,15 +16,18 @@ struct DnsSettings {
     bool operator==(const DnsSettings&) const = default;
 };
 
-enum class DnsKeeper { Nobody, Resolved, Resolvconf };
+enum class DnsKeeper { Nobody, Resolved, Resolvconf, File };
+
+// Where neither of the two programs is, this file is written from now on, with what all interfaces have; empty: none.
+void KeepDnsInFile(const std::string& file);
 
 // The texts with something between them.
 [[nodiscard]] std::string Joined(const std::vector<std::string>& texts, const char* between);
 
-// Who keeps them: systemd-resolved when it runs, else a resolvconf program in PATH.
+// Who keeps them: systemd-resolved when it runs, else a resolvconf program in PATH, else the file.
 [[nodiscard]] DnsKeeper FindDnsKeeper(sd_bus* bus);
 
-// "systemd-resolved", "resolvconf".
+// "systemd-resolved", "resolvconf", the file.
 [[nodiscard]] const char* NameOf(DnsKeeper keeper);
 
 // Hands the keeper the settings of an interface, in place of earlier ones, or takes them back. Returns what went wrong

@@ -272,7 +272,9 @@ void ComplainOf(Applier& applier, const DnsSettings& dns, const std::string& pro
 
 // Without a keeper all else is worth having, so that is said once and is no failure.
 void SayNobodyKeepsDns(Applier& applier, const DnsSettings& dns) {
-    if (!applier.saidNobody) Complain("nothing here keeps " + WordsFor(dns), "install systemd-resolved or resolvconf");
+    if (!applier.saidNobody)
+        Complain("nothing here keeps " + WordsFor(dns),
+                 "install systemd-resolved or resolvconf; for 'ostrelctl run' also resolv-conf in its file");
     applier.saidNobody = true;
 }
 

@@ -1,0 +1,371 @@
+// The controlling process, step by step. Docs/controlling.md follows its order.
+//
+// Whatever happens, the whole is looked at: what there is (interfaces), what should be (files), what the daemon has
+// been handed and tells. Each step only does what is missing, so that nothing has to be known of how it came about.
+#include "Control.h"
+
+#include <algorithm>
+#include <cstring>
+#include <net/if.h>
+#include <utility>
+
+#include "Device.h"
+#include "KeptFile.h"
+#include "Lines.h"
+#include "Managed.h"
+#include "Notify.h"
+#include "Others.h"
+#include "Terminal.h"
+
+using valdo::JValue;
+
+namespace ostrelctl {
+
+namespace {
+
+using std::chrono::seconds;
+
+constexpr seconds kSavePause{1};      // between two writes: flash wears
+constexpr seconds kWakePause{1};      // between two calls of a daemon that does not come
+constexpr seconds kRefusedPause{60};  // before the daemon is asked again for what it has refused
+
+void SayOf(const std::string& interface, const std::string& words) {
+    printf("%s%s\n", LineHead(interface).c_str(), words.c_str());
+    (void)fflush(stdout);
+}
+
+bool IsServer(const Entry& entry) {
+    return std::holds_alternative<ServerOptions>(entry.role);
+}
+
+bool IsPlain(const Entry& entry) {
+    const auto* const client = std::get_if<ClientOptions>(&entry.role);
+    return client != nullptr ? client->plain : entry.plan.plain;
+}
+
+const InterfaceState* StateOf(const Controller& controller, const std::string& interface) {
+    const auto found = controller.applying.holdings.each.find(interface);
+    const bool isKnown = found != controller.applying.holdings.each.end() && found->second.state;
+    return isKnown ? &*found->second.state : nullptr;
+}
+
+// --- A server's own address ---
+
+InterfaceAddress OwnAddress(const std::string& interface, const Network& network) {
+    return {.interface = interface,
+            .address = network.address,
+            .prefixLength = PrefixLength(network.mask),
+            .lifetime = kEndlessLifetime,
+            .linkScope = false};
+}
+
+// Also when somebody has taken it away. One that was there before stays his.
+void KeepOwnAddress(Controller& controller, const std::string& interface, const Entry& entry) {
+    const Network& network = entry.plan.network;
+    if (!IsServer(entry) || HasAddress(interface, network.address)) return;
+    const std::string text = AddressWithPrefix(network.address, network.mask);
+    const int error = AddAddress(controller.netlink.get(), OwnAddress(interface, network));
+    if (error != 0) return Complain('\'' + interface + "' cannot have " + text + ": " + std::strerror(error), "");
+    SayOf(interface, "+ address " + text);
+    controller.isUnsaved = true;
+    controller.kept.each[interface].own = text;
+}
+
+void RemoveOwnAddress(Controller& controller, const std::string& interface) {
+    Network network;
+    const std::string own = std::exchange(controller.kept.each[interface].own, "");
+    if (own.empty() || !ReadNetwork(own, network)) return;
+    controller.isUnsaved = true;
+    if (RemoveAddress(controller.netlink.get(), OwnAddress(interface, network)) == 0)
+        SayOf(interface, "- address " + own);
+}
+
+// --- Handing over ---
+
+void FinaliseQuietly(const Controller& controller, const std::string& interface, bool release) {
+    JValue request = RequestFor(interface);
+    if (release) request.put("release", true);
+    (void)AskQuietly(controller.calls, kInterfaceFinalize, request);  // one that is not managed is as it should be
+}
+
+// What an interface that is about to be released has, for the next one that it becomes.
+void KeepWhatItHas(Controller& controller, const std::string& interface) {
+    const InterfaceState* const state = StateOf(controller, interface);
+    KeptInterface& kept = controller.kept.each[interface];
+    if (state == nullptr) return;
+    if (state->client && state->client->held) kept.address = AddressText(state->client->address);
+    if (!state->server) return;
+    const Answer answer = AskQuietly(controller.calls, kServerLeaseInformation, RequestFor(interface));
+    const JValue leases = LeasesOf(answer.reply, interface);
+    if (leases.isArray()) kept.leases = leases;
+}
+
+// The client asks first for the address that it had.
+ExitStatus StartClient(const Controller& controller, const std::string& interface, const Entry& entry) {
+    const auto* const client = std::get_if<ClientOptions>(&entry.role);
+    if (client == nullptr || !HasToStart(*client)) return kExitDone;
+    JValue request = RequestFor(interface);
+    request.put("leaseAction", "init");
+    const std::string& address = controller.kept.each.at(interface).address;
+    if (!address.empty() && !client->plain) request.put("address", address);
+    return ActOn(controller.calls, interface, kLeaseAction, request);
+}
+
+// A daemon that has gone on while this process was away manages what it was handed then.
+bool IsAsLeft(const Controller& controller, const std::string& interface, const std::string& request) {
+    const auto kept = controller.kept.each.find(interface);
+    return StateOf(controller, interface) != nullptr && kept != controller.kept.each.end() &&
+           kept->second.request == request && controller.kept.owner == controller.follower.owner;
+}
+
+ExitStatus Give(Controller& controller, const std::string& interface, const Entry& entry, const std::string& text) {
+    const bool isManaged = StateOf(controller, interface) != nullptr;
+    KeptInterface& kept = controller.kept.each[interface];
+    if (isManaged) SayOf(interface, "was managed otherwise, and is handed over as the files say");
+    KeepWhatItHas(controller, interface);
+    if (isManaged || controller.lost.contains(if_nametoindex(interface.c_str())))
+        FinaliseQuietly(controller, interface, false);
+    JValue request = RequestFor(entry, interface);
+    if (IsServer(entry) && kept.leases.isArray()) request.put("leases", FittingLeases(kept.leases));
+    ExitStatus status = HandOver(controller.calls, interface, request);
+    if (status == kExitDone) status = StartClient(controller, interface, entry);
+    if (status != kExitDone) return status;
+    SayOf(interface, "handed over: " + RoleText(entry));
+    kept.request = text;
+    controller.kept.owner = controller.follower.owner;
+    controller.isUnsaved = true;
+    return kExitDone;
+}
+
+// Nobody gets an address on an interface that is down. Who sets it down later is not contradicted.
+void Prepare(const Controller& controller, const std::string& interface) {
+    const bool isDown = StateOfLink(interface) == LinkState::Down;
+    const int error = isDown ? SetUp(controller.netlink.get(), interface) : 0;
+    if (error != 0) Complain('\'' + interface + "' cannot be set up: " + std::strerror(error), "");
+}
+
+void TakeUp(Controller& controller, const std::string& interface, const Entry& entry) {
+    std::string text;
+    if (!ToText(RequestFor(entry, interface), text)) return;
+    Prepare(controller, interface);
+    KeepOwnAddress(controller, interface, entry);
+    const ExitStatus status =
+        IsAsLeft(controller, interface, text) ? kExitDone : Give(controller, interface, entry, text);
+    if (status != kExitDone) {
+        controller.refused[interface] = Clock::now() + (status == kExitNoDaemon ? kWakePause : kRefusedPause);
+        return;
+    }
+    controller.lost.erase(if_nametoindex(interface.c_str()));
+    controller.handed.insert_or_assign(
+        interface, Handed{.entry = entry, .index = if_nametoindex(interface.c_str()), .isConfirmed = false});
+    if (IsServer(entry))
+        AskFor(controller.follower, kServerLeaseInformation, interface);
+    else if (!controller.applying.interfaces.contains(interface))
+        (void)BeginApplying(controller.applying, controller.follower, interface, entry.metric.value_or(kUsualMetric));
+}
+
+// It is not for this process any more: nothing that came from it stays.
+void LetGo(Controller& controller, const std::string& interface) {
+    const Entry entry = std::move(controller.handed.at(interface).entry);
+    controller.handed.erase(interface);
+    KeepWhatItHas(controller, interface);
+    FinaliseQuietly(controller, interface, entry.release);
+    EndApplying(controller.applying, interface, false);
+    RemoveOwnAddress(controller, interface);
+    controller.applying.holdings.each[interface].state.reset();
+    controller.kept.each[interface].request.clear();
+    controller.isUnsaved = true;
+    SayOf(interface, "released");
+}
+
+// By the rules of the RFCs the daemon itself waits for an interface that was taken out.
+bool HasToGo(const Controller& controller, const std::string& interface, const Handed& handed) {
+    const Entry* const entry = EntryFor(controller.configuration, interface);
+    const bool isThere = if_nametoindex(interface.c_str()) != 0;
+    return entry == nullptr || !IsSame(*entry, handed.entry) || (!isThere && IsPlain(handed.entry));
+}
+
+void LetGoWhatHasTo(Controller& controller) {
+    std::vector<std::string> gone;
+    for (const auto& [interface, handed] : controller.handed)
+        if (HasToGo(controller, interface, handed)) gone.push_back(interface);
+    for (const std::string& interface : gone) LetGo(controller, interface);
+}
+
+// --- What there is ---
+
+// True, and said once, while another program configures the interface: two that do undo each other's work.
+bool IsOthers(Controller& controller, const std::string& interface) {
+    const std::string manager = OtherManagerOf(interface);
+    std::string& said = controller.left[interface];
+    if (std::exchange(said, manager) != manager && !manager.empty())
+        Complain('\'' + interface + "' is left alone: " + manager + " configures it",
+                 HowToTakeFrom(manager, interface));
+    return !manager.empty();
+}
+
+// The daemon follows an interface to its new name, which no table may be for.
+void DropRenamed(Controller& controller, const std::string& interface) {
+    if (StateOf(controller, interface) == nullptr) return;
+    if (controller.lost.erase(if_nametoindex(interface.c_str())) > 0) FinaliseQuietly(controller, interface, false);
+}
+
+// The daemon still knows it by another name; it will tell.
+bool IsBeingRenamed(const Controller& controller, const std::string& interface) {
+    const unsigned index = if_nametoindex(interface.c_str());
+    return std::ranges::any_of(controller.handed, [&](const auto& each) {
+        return each.first != interface && each.second.index == index && if_nametoindex(each.first.c_str()) == 0;
+    });
+}
+
+void LookAt(Controller& controller, const std::string& interface) {
+    const Entry* const entry = EntryFor(controller.configuration, interface);
+    const auto handed = controller.handed.find(interface);
+    if (entry == nullptr) return DropRenamed(controller, interface);
+    if (IsBeingRenamed(controller, interface)) return;
+    if (handed != controller.handed.end()) {
+        handed->second.index = if_nametoindex(interface.c_str());
+        return KeepOwnAddress(controller, interface, *entry);
+    }
+    const auto refused = controller.refused.find(interface);
+    const bool waits = refused != controller.refused.end() && Clock::now() < refused->second;
+    if (waits || IsOthers(controller, interface)) return;
+    TakeUp(controller, interface, *entry);
+}
+
+// Whoever owns the name is told by the bus; the answer is not waited for.
+void CallDaemon(Controller& controller) {
+    const bool isWanted = std::ranges::any_of(EthernetInterfaces(), [&controller](const std::string& interface) {
+        return EntryFor(controller.configuration, interface) != nullptr;
+    });
+    if (!isWanted) controller.nextWake = kNever;
+    if (!isWanted || (controller.nextWake != kNever && Clock::now() < controller.nextWake)) return;
+    (void)AskQuietly(controller.calls, kInterfaceState, valdo::Object());
+    controller.nextWake = Clock::now() + kWakePause;
+}
+
+void LookAtAll(Controller& controller) {
+    if (controller.follower.owner.empty()) return CallDaemon(controller);
+    if (!controller.applying.holdings.isTold) return;  // what it manages comes with its first answer
+    LetGoWhatHasTo(controller);
+    for (const std::string& interface : EthernetInterfaces()) LookAt(controller, interface);
+}
+
+// --- What is heard ---
+
+// The daemon has been told to let an interface go, or has followed it to another name.
+void HearStates(Controller& controller) {
+    std::vector<std::string> gone;
+    for (auto& [interface, handed] : controller.handed) {
+        if (StateOf(controller, interface) != nullptr)
+            handed.isConfirmed = true;
+        else if (handed.isConfirmed)
+            gone.push_back(interface);
+    }
+    for (const std::string& interface : gone) {
+        controller.lost[controller.handed.at(interface).index] = interface;
+        controller.handed.erase(interface);
+        if (if_nametoindex(interface.c_str()) == 0) EndApplying(controller.applying, interface, false);
+    }
+}
+
+void KeepAddresses(Controller& controller) {
+    for (const auto& [interface, holding] : controller.applying.holdings.each) {
+        const bool isLeased = holding.lease && !IsLinkLocal(holding.lease->address) && holding.lease->times;
+        if (!isLeased || !controller.handed.contains(interface)) continue;
+        std::string& kept = controller.kept.each[interface].address;
+        const std::string address = AddressText(holding.lease->address);
+        if (std::exchange(kept, address) != address) controller.isUnsaved = true;
+    }
+}
+
+void KeepLeasesOf(Controller& controller, const Event& event) {
+    const JValue leases = LeasesOf(event.root, event.interface);
+    if (!leases.isArray() || !controller.handed.contains(event.interface)) return;
+    controller.kept.each[event.interface].leases = leases;
+    controller.isUnsaved = true;
+}
+
+void AskForTables(Controller& controller, const Event& event) {
+    const JValue interface = event.root["interface"];
+    std::string name;
+    const bool isOfOne = interface.asString(name) == valdo::CONV_OK;
+    for (const auto& [each, handed] : controller.handed)
+        if (IsServer(handed.entry) && (!isOfOne || each == name))
+            AskFor(controller.follower, kServerLeaseInformation, each);
+}
+
+void Hear(Controller& controller, const Event& event) {
+    if (event.news == News::DaemonGone || event.news == News::DaemonBack) controller.handed.clear();
+    if (event.news == News::DaemonBack) controller.refused.clear();
+    if (event.news != News::Told) return;
+    if (event.method == &kInterfaceState) HearStates(controller);
+    if (event.method == &kServerLeaseInformation) KeepLeasesOf(controller, event);
+    if (event.method == &kLeaseEvents && event.posted) AskForTables(controller, event);
+    KeepAddresses(controller);
+}
+
+// --- What is told ---
+
+std::string StatusOf(const Controller& controller, const std::string& interface, const Handed& handed) {
+    const InterfaceState* const state = StateOf(controller, interface);
+    if (IsServer(handed.entry)) {
+        const int64_t active = state != nullptr && state->server ? state->server->active : 0;
+        return interface + " serves " + std::to_string(active);
+    }
+    const auto holding = controller.applying.holdings.each.find(interface);
+    const bool hasLease = holding != controller.applying.holdings.each.end() && holding->second.lease;
+    return interface + (hasLease ? ' ' + AddressText(holding->second.lease->address) : " has no address yet");
+}
+
+void TellManager(Controller& controller) {
+    std::string status;
+    for (const auto& [interface, handed] : controller.handed)
+        status += (status.empty() ? "" : ", ") + StatusOf(controller, interface, handed);
+    if (status.empty())
+        status = controller.follower.owner.empty() ? "waiting for the daemon" : "waiting for interfaces";
+    const bool isReady = !controller.status.empty();
+    const bool isDone = controller.follower.owner.empty() || controller.applying.holdings.isTold;
+    if (!isDone || std::exchange(controller.status, status) == status) return;
+    NotifyManager((isReady ? "STATUS=" : "READY=1\nSTATUS=") + status);
+}
+
+}  // namespace
+
+void Reload(Controller& controller) {
+    Configuration read;
+    const std::vector<std::string> files = controller.files.empty() ? UsualFiles() : controller.files;
+    if (ReadFiles(files, read) != kExitDone) return Complain("what worked before goes on", "");
+    controller.configuration = std::move(read);
+    controller.refused.clear();
+    controller.left.clear();
+    KeepDnsInFile(controller.configuration.resolvConf);
+    LookAtAll(controller);
+    TellManager(controller);
+    NotifyManager("STATUS=" + controller.status);
+}
+
+void Control(Controller& controller, const Event& event) {
+    Apply(controller.applying, controller.follower, event);
+    Hear(controller, event);
+    LookAtAll(controller);
+    std::erase_if(controller.refused, [](const auto& each) { return each.second <= Clock::now(); });
+    TellManager(controller);
+    if (controller.isUnsaved && Clock::now() >= controller.savedAt + kSavePause) Save(controller);
+}
+
+TimePoint NextEnd(const Controller& controller) {
+    TimePoint next = NextEnd(controller.applying);
+    for (const auto& [interface, when] : controller.refused) next = std::min(next, when);
+    if (controller.isUnsaved) next = std::min(next, controller.savedAt + kSavePause);
+    if (controller.follower.owner.empty()) next = std::min(next, controller.nextWake);
+    return next;
+}
+
+void Save(Controller& controller) {
+    if (!controller.isUnsaved) return;
+    controller.savedAt = Clock::now();
+    controller.isUnsaved = SaveState(controller.stateFile, controller.kept) != kExitDone;
+}
+
+}  // namespace ostrelctl
