@@ -16,6 +16,9 @@ void Ostrel_DHCPServerTimeout_End(void* context, void* iface);
 // As long as the oldest lease has.
 constexpr Ostrel_TimeoutKind kEndTimeout{Ostrel_DHCPServerTimeout_End, "org.ostrel.dhcp.server.end", false, 0, 0};
 
+constexpr uint32_t kMostAtOnce = 64;
+constexpr uint32_t kPause = 10;  // milliseconds between so many and the next
+
 bool IsOver(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease, uint32_t now) {
     return now - lease.offerTime >= server->leaseTime;
 }
@@ -41,22 +44,33 @@ bool FindEnd(const Ostrel_ServerObj* server, Ostrel_LeaseEventKind kind, const O
     return false;
 }
 
-// Tells of every lease that is over and was not told of.
-void TellEnds(Ostrel_ServerObj* server, uint32_t now) {
-    Ostrel_LeaseIndex& index = *server->index;
-    while (index.untold != kNoSlot && IsOver(server, server->leases[index.untold], now)) {
-        Ostrel_LeaseInformation& lease = server->leases[index.untold];
-        index.untold = index.links[index.untold].byAge.next;
-        if (lease.state != kLeaseStateActive) continue;
-        Ostrel_DHCPServerTell(server, Ostrel_LeaseEventKind::Expired, lease);
-        lease.endIsTold = true;
-    }
+// The slot whose end is to be told next, if it is over now.
+bool NextIsOver(const Ostrel_ServerObj* server, uint32_t now) {
+    const uint32_t slot = server->index->untold;
+    return slot != kNoSlot && IsOver(server, server->leases[slot], now);
 }
 
+void TellNext(Ostrel_ServerObj* server) {
+    Ostrel_LeaseIndex& index = *server->index;
+    Ostrel_LeaseInformation& lease = server->leases[index.untold];
+    index.untold = index.links[index.untold].byAge.next;
+    if (lease.state != kLeaseStateActive) return;
+    Ostrel_DHCPServerTell(server, Ostrel_LeaseEventKind::Expired, lease);
+    lease.endIsTold = true;
+}
+
+void Arm(Ostrel_ServerObj* server, uint64_t milliseconds) {
+    server->endIsAwaited = true;
+    Ostrel_ArmTimeout(server->iface, server, kEndTimeout, milliseconds);
+}
+
+// Where many leases are over at the same time, subscribers are given time to read.
 void Ostrel_DHCPServerTimeout_End(void* context, void* /*iface*/) {
     auto* const server = static_cast<Ostrel_ServerObj*>(context);
     server->endIsAwaited = false;
-    TellEnds(server, os_monotonic_seconds());
+    const uint32_t now = os_monotonic_seconds();
+    for (uint32_t told = 0; told < kMostAtOnce && NextIsOver(server, now); ++told) TellNext(server);
+    if (server->endsAreTold && NextIsOver(server, now)) Arm(server, kPause);
     Ostrel_DHCPServerAwaitEnd(server);
 }
 
@@ -94,8 +108,7 @@ void Ostrel_DHCPServerArmForEnd(Ostrel_ServerObj* server) {
     const uint64_t now = os_monotonic_milliseconds();
     const uint32_t age = static_cast<uint32_t>(now / 1000) - server->leases[slot].offerTime;
     const uint64_t left = age >= server->leaseTime ? 0 : uint64_t{server->leaseTime - age} * 1000 - now % 1000;
-    server->endIsAwaited = true;
-    Ostrel_ArmTimeout(server->iface, server, kEndTimeout, left);
+    Arm(server, left);
 }
 
 void Ostrel_DHCPServerAwaitLateEnd(Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease, uint32_t now) {

@@ -169,6 +169,19 @@ TEST(ServerNews, CostNothingForNobodyAndWhoComesLateIsToldWhatIsOver) {
     EXPECT_EQ(lan.News(), "expired 100 by 1 for 0");
 }
 
+// Nobody could read so many in one go.
+TEST(ServerNews, TellTheEndOfManyAtOnce) {
+    ServerLan lan({.rangeStart = "192.168.1.2", .maxLeases = 200, .leaseTime = 60});
+    Guest guest(lan.wire, 1);
+    for (uint8_t last = 2; last <= 201; ++last)
+        (void)guest.Ask(MessageFrom({2, 0, 0, 0, 1, last}, kRequest, "", "192.168.1." + std::to_string(last)));
+    (void)lan.world.Call("/server", "leaseEvents", R"({"subscribe":true})", kListener);
+    lan.world.RunFor(59s);
+    lan.world.posts.clear();
+    lan.world.RunFor(2s);
+    EXPECT_EQ(Read(lan.world, "leaseEvents").size(), 200U);
+}
+
 // What a subscriber knows who has read the table when it came, and listened since.
 struct Follower {
     std::set<std::string> active, held;
