@@ -34,7 +34,7 @@ public:
             EXPECT_EQ(known[name], asked) << lan.world.Describe();
             for (const char* key : {"nextTry", "renews", "rebinds", "expires"}) {
                 const std::string moment = ValueOf(RoleOf(asked, "client"), key);
-                if (moment == "" || moment == "null") continue;
+                if (moment.empty() || moment == "null") continue;
                 const Duration due = Duration(1s) * (std::stoll(moment) - lan.world.wallStart);
                 EXPECT_GT(due, lan.world.Now() - 1001ms) << key << " has passed" << lan.world.Describe();
             }
@@ -87,7 +87,7 @@ private:
             Promise promise{post.time, {}};
             for (const char* key : {"nextTry", "renews", "rebinds"}) {
                 const std::string moment = ValueOf(RoleOf(post.payload, "client"), key);
-                if (moment != "" && moment != "null") promise.seconds.push_back(std::stoll(moment));
+                if (!moment.empty() && moment != "null") promise.seconds.push_back(std::stoll(moment));
             }
             promises.push_back(promise);
         }

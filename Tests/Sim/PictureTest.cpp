@@ -172,11 +172,11 @@ TEST(Picture, EachFrameThatTheClientGetsHasOneVerdict) {
          "malformed: option 1 is no mask"},
         {[](DHCPMessage& ack) { ack.yiaddr = 0; }, "malformed: no host's address"},
     };
-    for (const auto& [tamper, verdict] : cases) {
+    for (const auto& one : cases) {
         PictureLan lan(true);
         (void)lan.world.Call("/", "trace", R"({"subscribe":true})", ":1.8");
-        lan.server.script.tamper = [tamper](DHCPMessage& answer) {
-            if (answer.Type() == kAck) tamper(answer);
+        lan.server.script.tamper = [&one](DHCPMessage& answer) {
+            if (answer.Type() == kAck) one.tamper(answer);
         };
         lan.Act("init");
         lan.world.RunFor(1500ms);
@@ -184,11 +184,11 @@ TEST(Picture, EachFrameThatTheClientGetsHasOneVerdict) {
         for (const Post& post : lan.world.posts)
             if (post.subscriber == ":1.8" && WordOf(post.payload, "direction") == "in")
                 verdicts.push_back(WordOf(post.payload, "verdict"));
-        EXPECT_EQ(verdicts, (std::vector<std::string>{"taken", verdict})) << lan.world.Describe();
+        EXPECT_EQ(verdicts, (std::vector<std::string>{"taken", one.verdict})) << lan.world.Describe();
         const Ostrel_ClientCounters& counters = lan.Client().counters;
         const uint64_t dropped = std::accumulate(counters.dropped.begin(), counters.dropped.end(), uint64_t{0});
         const uint64_t notSent = counters.dropped[static_cast<size_t>(Ostrel_VerdictKind::Limited)];
-        EXPECT_EQ(counters.offerReceived + counters.ackReceived + dropped - notSent, 2U) << verdict;
+        EXPECT_EQ(counters.offerReceived + counters.ackReceived + dropped - notSent, 2U) << one.verdict;
     }
 }
 
