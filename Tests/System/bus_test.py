@@ -1,4 +1,5 @@
 """The bus as a caller meets it: introspection, and requests that are wrong, long or deep."""
+import itertools
 import json
 import os
 import pathlib
@@ -150,6 +151,72 @@ class Limits(lab.LabTest):
         self.assertLess(server.cpu_seconds() - before, 0.1, "processor time used by waiting")
         resource.prlimit(server.pid, resource.RLIMIT_AS, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
         self.assertEqual(len(server.must("/", "interfaceConfigDump")["interfaceList"]), 1)
+
+
+class News(lab.LabTest):
+    def subscriber(self, category, method, **keys):
+        bus = Bus(self.lab.bus_address("client"))
+        self.addCleanup(bus.close)
+        self.assertIs(bus.request(category, method, subscribe=True, **keys)["subscribed"], True)
+        return bus
+
+    def states(self, bus, enough):
+        """What is posted of eth0, without the counters, up to the post that is enough."""
+        states = []
+        while not (states and enough(states[-1])):
+            post = bus.next_post("/", "interfaceState", 15)
+            self.assertIsNotNone(post, states)
+            (state,) = post["interfaceList"]
+            state.pop("counters", None)
+            states.append(state)
+        return states
+
+    def test_a_lease_a_cable_and_the_end_are_told_as_they_happen(self):
+        self.addCleanup(ScriptedServer(self.lab.namespace("server")).close)
+        daemon = self.daemon()
+        watcher = self.subscriber("/", "interfaceState", interface="eth0")
+        other = self.subscriber("/", "interfaceState", interface="eth9")
+        tracer = self.subscriber("/", "trace")
+        daemon.become_client(rfc=True)
+        states = self.states(watcher, lambda state: state["client"]["held"])
+        self.assertEqual([key for key, _ in itertools.groupby(state["client"]["state"] for state in states)],
+                         ["INIT-REBOOT", "INIT", "SELECTING", "REQUESTING", "BOUND"])
+        frames = [json.loads(tracer.next_signal(5, "traceUpdate")[2]) for _ in range(4)]
+        self.assertEqual([(frame["direction"], frame["type"], frame["verdict"]) for frame in frames],
+                         [("out", "DHCPDISCOVER", "taken"), ("in", "DHCPOFFER", "taken"),
+                          ("out", "DHCPREQUEST", "taken"), ("in", "DHCPACK", "taken")])
+        self.assertEqual(len({frame["xid"] for frame in frames}), 1)
+        self.assertLess(abs(frames[0]["time"] / 1e6 - time.time()), 60)
+
+        self.lab.ip("switch", "link set to-client down")
+        (*_, lost) = self.states(watcher, lambda state: not state["client"]["held"])
+        self.assertEqual((lost["link"], lost["client"]["reason"]), ("down", "link"))
+        self.lab.ip("switch", "link set to-client up")
+        (*_, back) = self.states(watcher, lambda state: state["client"]["held"])
+        self.assertEqual(back["client"]["ipv4Address"], states[-1]["client"]["ipv4Address"])
+        (asked,) = daemon.request("/", "interfaceState")["interfaceList"]
+        asked.pop("counters")
+        self.assertEqual(asked, back)
+
+        daemon.must("/", "interfaceFinalize", interface="eth0")
+        gone = {"interface": "eth0", "managed": False, "reason": "finalised"}
+        self.assertEqual(self.states(watcher, lambda state: not state["managed"]), [gone])
+        self.assertEqual(daemon.request("/", "interfaceState", interface="eth0")["interfaceList"], [])
+        self.assertIsNone(other.next_signal(0.2, "interfaceStateUpdate"))
+
+    def test_a_server_tells_what_happens_to_its_leases(self):
+        daemon = self.daemon()
+        daemon.must("/", "interfaceInitialize", **dict(SERVER_REQUEST, leaseTime=2))
+        events = self.subscriber("/server", "leaseEvents")
+        with packet_socket(self.lab.namespace("server"), "eth0") as talker:
+            talker.send(request_frame(5, option(12, b"camera")))
+            told = [json.loads(events.next_signal(10, "leaseEventsUpdate")[2]) for _ in range(2)]
+        lease = {"returnValue": True, "interface": "eth0", "ipv4Address": "192.0.2.105",
+                 "macAddress": "02:00:00:00:09:05", "hostName": "camera"}
+        self.assertEqual([event.pop("event") for event in told], ["granted", "expired"])
+        self.assertLess(abs(told[0].pop("expires") - time.time()), 30)
+        told[1].pop("expires")
+        self.assertEqual(told, [lease, lease])
 
 
 class Requests(lab.LabTest):
