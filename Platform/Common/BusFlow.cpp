@@ -8,8 +8,10 @@
 // kMaxPostBytes are under way doesn't keep up: of each subject it gets the last state, once, in rounds of kRound that
 // build each text once for all, until it has caught up. So does everybody while too much waits to leave this process.
 // Events are no states, and nothing of them is kept here: who has not taken kMaxEvents of them misses what comes then.
-// They have an account of their own, and at most half of what all peers share, so that they never delay a state. One
-// that answers no Ping for a minute is dropped; what it has not taken stays in its account until it reads or leaves.
+// They have an account of their own, and at most half of what all peers share, so that they never delay a state. Of a
+// flood each peer gets kMaxEventsOfRound in a round: to hand on more would cost the device more than what they are of.
+// One that answers no Ping for a minute is dropped; what it has not taken stays in its account until it reads or
+// leaves.
 //
 // Replies have to go out. Past kMaxReplyBytes, the last reply not counted, a caller's next calls are refused. A Ping
 // would not do for callers: many wait for each reply and never come to the Ping, since their library handles only what
@@ -22,6 +24,7 @@
 #include "BusText.h"
 #include "DebugServices.h"
 #include "eloop.h"
+#include "os_time.h"
 
 namespace {
 
@@ -33,6 +36,7 @@ constexpr size_t kMaxPosts = 32;
 constexpr size_t kMaxPostBytes = kMebibyte;
 constexpr size_t kMaxEvents = 128;
 constexpr size_t kMaxEventBytes = 256 * kKibibyte;
+constexpr size_t kMaxEventsOfRound = 500;
 constexpr size_t kMaxReplyBytes = 4 * kMebibyte;
 constexpr uint32_t kMaxRefusals = 128;                // beyond that, as replies
 constexpr size_t kReplyBytesToAsk = 256 * kKibibyte;  // about
@@ -49,9 +53,14 @@ constexpr size_t kMaxCallerPings = kMaxPings - kVSMaxSubscribers;
 constexpr size_t kMaxAccounts = 256;  // past that a new caller has the oldest one looked for
 
 constexpr uint32_t kRound = 50;                   // milliseconds
+constexpr uint32_t kEventRound = 100;             // likewise
 constexpr size_t kMaxRoundBytes = 2 * kMebibyte;  // about: more would keep the bus from carrying anything else
 constexpr uint32_t kCheckSeconds = 5;
 constexpr uint32_t kSilentChecks = 13;  // more than a minute, whenever the first of them came
+
+uint64_t EventRound() {
+    return os_monotonic_milliseconds() / kEventRound;
+}
 
 auto FindPlace(VSHandle* handle, std::string_view name) {
     return std::find_if(handle->peers.begin(), handle->peers.end(), [name](auto& peer) { return peer->name == name; });
@@ -325,6 +334,7 @@ void BusForgetIdle(VSHandle* handle, std::string_view name) noexcept {
 
 bool BusTakesEvents(const BusPeer& peer) noexcept {
     VSHandle& handle = *peer.handle;
+    if (peer.eventRound == EventRound() && peer.eventsOfRound >= kMaxEventsOfRound) return false;
     return peer.underWay.events < kMaxEvents && peer.underWay.eventBytes < kMaxEventBytes &&
            handle.bytesUnderWay < kMaxUnderWay / 2 && handle.connection->WaitingBytes() < kMaxWaiting / 2;
 }
@@ -332,6 +342,9 @@ bool BusTakesEvents(const BusPeer& peer) noexcept {
 int BusSendEvent(BusPeer& peer, const BusNews& event) {
     const int sent = peer.handle->connection->SendPost(event, peer);
     if (sent < 0) return sent;
+    const uint64_t round = EventRound();
+    peer.eventsOfRound = peer.eventRound == round ? peer.eventsOfRound + 1 : 1;
+    peer.eventRound = round;
     ++peer.underWay.events;
     peer.underWay.eventBytes += event.text.size();
     peer.handle->bytesUnderWay += event.text.size();

@@ -84,6 +84,8 @@ struct BusPeer {
     uint64_t lastReply = 0;     // VSHandle::replies then
     uint32_t refusals = 0;      // since a call was last carried out
     uint64_t restsSeen = 0;     // VSHandle::rests then
+    uint64_t eventRound = 0;    // the latest in which it was sent an event
+    size_t eventsOfRound = 0;   // that it was sent then
     std::unique_ptr<BusPeerLink> link{};
 };
 

@@ -17,7 +17,7 @@ void Ostrel_DHCPServerTimeout_End(void* context, void* iface);
 constexpr Ostrel_TimeoutKind kEndTimeout{Ostrel_DHCPServerTimeout_End, "org.ostrel.dhcp.server.end", false, 0, 0};
 
 constexpr uint32_t kMostAtOnce = 64;
-constexpr uint32_t kPause = 10;  // milliseconds between so many and the next
+constexpr uint32_t kPause = 20;  // milliseconds between so many and the next
 
 bool IsOver(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation& lease, uint32_t now) {
     return now - lease.offerTime >= server->leaseTime;

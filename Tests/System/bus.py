@@ -147,14 +147,14 @@ class Bus:
     def fileno(self):
         return _check(_sd.sd_bus_get_fd(self._bus))
 
-    def count_posts(self, limit=100):
-        """Handles what has arrived, at most so many messages; gives the number of posts among them."""
+    def count_posts(self, limit=100, method=b"leaseInformation"):
+        """Handles what has arrived, at most so many messages; gives the number of the method's posts among them."""
         posts, message = 0, ctypes.c_void_p()
         for _ in range(limit):
             if _check(_sd.sd_bus_process(self._bus, ctypes.byref(message))) == 0:
                 break
             if message:
-                posts += _sd.sd_bus_message_is_signal(message, None, b"leaseInformationUpdate") > 0
+                posts += _sd.sd_bus_message_is_signal(message, None, method + b"Update") > 0
                 _sd.sd_bus_message_unref(message)
                 message = ctypes.c_void_p()
         return posts
