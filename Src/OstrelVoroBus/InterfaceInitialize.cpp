@@ -9,7 +9,6 @@
 #include <cstring>
 
 #include "Ostrel/Check.h"
-#include "Ostrel/DHCPServer.h"
 #include "Ostrel/Interface.h"
 #include "Ostrel/InterfaceConfig.h"
 #include "Ostrel/Log.h"
@@ -123,9 +122,6 @@ Ostrel_Status InitializeFrom(Ostrel_Request& request, Ostrel_SystemObj* sysObj, 
     if (status == kNoErr) status = Ostrel_VSUtil_ReadValueKeys(request.root, cfg, &request.problem);
     if (status != kNoErr) return status;
     OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_InterfaceInitialize(sysObj, cfg));
-    const Ostrel_InterfaceObj* iface = Ostrel_VSUtil_FindInterface(sysObj, cfg->ifname.data());
-    if (sysObj->audience.leaseEvents != 0 && iface != nullptr && iface->dhcpServer != nullptr)
-        Ostrel_DHCPServerAudienceChanged(iface->dhcpServer);
     return kNoErr;
 }
 
