@@ -42,12 +42,15 @@ struct PictureLan {
     explicit PictureLan(bool rfc, std::string_view config = "dhcp", uint64_t seed = 1) : world(seed) {
         world.AddInterface("eth0", kClientMAC, wire);
         (void)world.Call("/", "interfaceState", R"({"subscribe":true})", kListener);
-        EXPECT_TRUE(daemon.Initialize("eth0", {{"rfc", rfc},
+        Manage("eth0", rfc, config);
+        world.RunFor(1ms);
+    }
+    void Manage(std::string_view ifname, bool rfc, std::string_view config = "dhcp") {
+        EXPECT_TRUE(daemon.Initialize(ifname, {{"rfc", rfc},
                                                {"ipv4Config", config},
                                                {"ipv4Address", "192.0.2.7"},
                                                {"ipv4Subnet", "255.255.255.0"},
                                                {"ipv4LinkLocal", true}}));
-        world.RunFor(1ms);
     }
     Ostrel_InterfaceObj& Interface() { return *daemon.system.interfaceList; }
     Ostrel_ClientObj& Client() { return *Interface().dhcpClient; }
