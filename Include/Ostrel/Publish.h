@@ -39,7 +39,7 @@ void Ostrel_VoroServicePublishInterfaceState(Ostrel_SystemObj* sysObj, const cha
 // What happened to a lease of a server, for the subscribers of "/server" "leaseEvents".
 enum class Ostrel_LeaseEventKind : uint8_t {
     Granted,   // by REQUEST, or an INFORM that takes an address
-    Renewed,   // an active lease is confirmed, or extended where the rules do that
+    Renewed,   // an active lease is confirmed, or extended where the rules have it so
     Released,  // its client gives it up: by RELEASE, by asking for another address, or by beginning anew
     Expired,   // its time is over
     Refused,   // a NAK was sent; the address is the one asked for

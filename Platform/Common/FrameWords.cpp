@@ -131,7 +131,7 @@ void PutDHCP(Bytes ip, Bytes message, frame_words& words) {
 bool ReadDHCP(Bytes frame, frame_words& words) {
     if (frame.size() < kEthernet + kIPv4 || NumberAt(frame, 12, 2) != 0x0800) return false;
     const Bytes ip = frame.subspan(kEthernet);
-    const size_t header = 4U * (ip[0] & 0x0F);  // RFC 791 section 3.1
+    const size_t header = size_t{4} * (ip[0] & 0x0FU);  // RFC 791 section 3.1
     if (ip[0] >> 4 != 4 || header < kIPv4 || ip[9] != kUDPProtocol) return false;
     if (ip.size() < header + kUDP + kMessage) return false;
     const Bytes message = ip.subspan(header + kUDP);

@@ -276,9 +276,13 @@ std::string CountsOf(const Ostrel_ServerCounters& after, const Ostrel_ServerCoun
 }
 
 TEST(ServerNews, EachFrameHasAVerdictWhichIsToldAndCounted) {
-    const auto from = [](uint8_t number, MessageType type, const char* ciaddr = "", const char* requested = "") {
-        return MessageFrom({2, 0, 0, 0, 0, number}, type, ciaddr, requested);
+    // Addresses by what comes behind that of the network.
+    const auto from = [](uint8_t number, MessageType type, const std::string& ciaddr = "",
+                         const std::string& requested = "") {
+        const auto whole = [](const std::string& last) { return last.empty() ? "" : "192.168." + last; };
+        return MessageFrom({2, 0, 0, 0, 0, number}, type, whole(ciaddr), whole(requested));
     };
+    const auto asks = [&from](uint8_t number, auto... what) { return WriteDHCP(from(number, what...)); };
     const auto with = [](DHCPMessage message, uint8_t code, std::vector<uint8_t> data) {
         message.options.emplace_back(code, std::move(data));
         return WriteDHCP(message);
@@ -290,66 +294,56 @@ TEST(ServerNews, EachFrameHasAVerdictWhichIsToldAndCounted) {
     };
     DHCPMessage relayed = from(1, kDiscover);
     relayed.giaddr = ToIPv4("10.0.0.9");
-    Frame endless = WriteDHCP(from(1, kDiscover));
+    Frame endless = asks(1, kDiscover);
     endless.pop_back();
-    Frame cookieless = WriteDHCP(from(1, kDiscover));
+    Frame cookieless = asks(1, kDiscover);
     cookieless[278] = 0;
     const Frame cut(endless.begin(), endless.begin() + 281);
     constexpr char kAnother[] = "192.168.1.2";
     enum Rules { kPlain, kRFC, kBoth };
     // Stations 1 and 2 have the two addresses that there are.
     const struct {
-        Rules rules;
         Frame frame;
         std::string trace, counts;
+        Rules rules;
         SendFault fault = SendFault::None;
     } cases[] = {
-        {kBoth, WriteDHCP(from(1, kDiscover)), "in DHCPDISCOVER taken, out DHCPOFFER taken",
-         "discoverReceived offerSent "},
-        {kBoth, WriteDHCP(from(3, kDiscover)), "in DHCPDISCOVER no address is free", "discoverReceived noAddress "},
-        {kBoth, WriteDHCP(from(1, kDiscover)), "in DHCPDISCOVER taken, out DHCPOFFER failed",
-         "discoverReceived failed ", SendFault::Short},
-        {kBoth, WriteDHCP(from(1, kDiscover)), "in DHCPDISCOVER taken, out DHCPOFFER failed",
-         "discoverReceived offerSent ", SendFault::Error},
-        {kBoth, endless, "in DHCPDISCOVER malformed: options without an end", "discoverReceived malformed "},
-        {kBoth, cut, "in other malformed: shorter than DHCP", "malformed "},
-        {kBoth, cookieless, "in other malformed: not DHCP", "malformed "},
-        {kBoth, typed({}), "in DHCP without a type malformed: option 53 has 0 bytes", "malformed "},
-        {kBoth, with({.sourcePort = 68, .destinationPort = 67}, 12, {'a'}),
-         "in DHCP without a type malformed: no message type", "malformed "},
-        {kBoth, typed({2}), "in DHCPOFFER message type", "messageType "},
-        {kBoth, typed({9}), "in DHCP 9 message type", "messageType "},
-        {kRFC, WriteDHCP(relayed), "in DHCPDISCOVER of another subnet", "discoverReceived relay "},
-        {kBoth, WriteDHCP(from(1, kRequest, "", "192.168.1.100")), "in DHCPREQUEST taken, out DHCPACK taken",
-         "requestReceived ackSent leasesRenewed "},
-        {kBoth, WriteDHCP(from(3, kRequest, "", "192.168.1.100")), "in DHCPREQUEST taken, out DHCPNAK taken",
-         "requestReceived nakSent "},
-        {kPlain, WriteDHCP(from(3, kRequest, "", "192.168.1.200")), "in DHCPREQUEST taken, out DHCPNAK taken",
-         "requestReceived nakSent "},
-        {kRFC, WriteDHCP(from(3, kRequest, "", "192.168.1.200")), "in DHCPREQUEST another server",
-         "requestReceived server "},
-        {kRFC, WriteDHCP(from(3, kRequest)), "in DHCPREQUEST no such lease", "requestReceived noLease "},
-        {kRFC, with(from(1, kRequest, "", "192.168.1.100"), 54, AddressBytes(kAnother)),
-         "in DHCPREQUEST another server", "requestReceived server "},
-        {kRFC, with(from(1, kRelease, "192.168.1.100"), 54, AddressBytes(kAnother)), "in DHCPRELEASE another server",
-         "releaseReceived server "},
-        {kBoth, WriteDHCP(from(1, kRelease, "192.168.1.100")), "in DHCPRELEASE taken", "releaseReceived "},
-        {kBoth, WriteDHCP(from(3, kRelease, "192.168.1.100")), "in DHCPRELEASE no such lease",
-         "releaseReceived noLease "},
-        {kPlain, WriteDHCP(from(1, kDecline, "", "192.168.1.100")), "in DHCPDECLINE message type",
-         "declineReceived messageType "},
-        {kRFC, WriteDHCP(from(1, kDecline, "", "192.168.1.100")), "in DHCPDECLINE taken",
-         "declineReceived addressesHeld "},
-        {kRFC, WriteDHCP(from(3, kDecline, "", "192.168.1.100")), "in DHCPDECLINE no such lease",
-         "declineReceived noLease "},
-        {kRFC, WriteDHCP(from(3, kInform)), "in DHCPINFORM malformed: no ciaddr", "informReceived malformed "},
-        {kRFC, WriteDHCP(from(3, kInform, "10.0.0.9")), "in DHCPINFORM of another subnet", "informReceived relay "},
-        {kRFC, WriteDHCP(from(3, kInform, "192.168.1.9")), "in DHCPINFORM taken, out DHCPACK taken",
-         "informReceived ackSent "},
-        {kPlain, WriteDHCP(from(3, kInform, "192.168.1.9")), "in DHCPINFORM taken, out DHCPNAK taken",
-         "informReceived nakSent "},
+        {asks(1, kDiscover), "in DISCOVER taken, out OFFER taken", "discoverReceived offerSent ", kBoth},
+        {asks(3, kDiscover), "in DISCOVER no address is free", "discoverReceived noAddress ", kBoth},
+        {asks(1, kDiscover), "in DISCOVER taken, out OFFER failed", "discoverReceived failed ", kBoth,
+         SendFault::Short},
+        {asks(1, kDiscover), "in DISCOVER taken, out OFFER failed", "discoverReceived offerSent ", kBoth,
+         SendFault::Error},
+        {endless, "in DISCOVER malformed: options without an end", "discoverReceived malformed ", kBoth},
+        {cut, "in other malformed: shorter than DHCP", "malformed ", kBoth},
+        {cookieless, "in other malformed: not DHCP", "malformed ", kBoth},
+        {typed({}), "in  without a type malformed: option 53 has 0 bytes", "malformed ", kBoth},
+        {with({.sourcePort = 68, .destinationPort = 67}, 12, {'a'}), "in  without a type malformed: no message type",
+         "malformed ", kBoth},
+        {typed({2}), "in OFFER message type", "messageType ", kBoth},
+        {typed({9}), "in  9 message type", "messageType ", kBoth},
+        {WriteDHCP(relayed), "in DISCOVER of another subnet", "discoverReceived relay ", kRFC},
+        {asks(1, kRequest, "", "1.100"), "in REQUEST taken, out ACK taken", "requestReceived ackSent leasesRenewed ",
+         kBoth},
+        {asks(3, kRequest, "", "1.100"), "in REQUEST taken, out NAK taken", "requestReceived nakSent ", kBoth},
+        {asks(3, kRequest, "", "1.200"), "in REQUEST taken, out NAK taken", "requestReceived nakSent ", kPlain},
+        {asks(3, kRequest, "", "1.200"), "in REQUEST another server", "requestReceived server ", kRFC},
+        {asks(3, kRequest), "in REQUEST no such lease", "requestReceived noLease ", kRFC},
+        {with(from(1, kRequest, "", "1.100"), 54, AddressBytes(kAnother)), "in REQUEST another server",
+         "requestReceived server ", kRFC},
+        {with(from(1, kRelease, "1.100"), 54, AddressBytes(kAnother)), "in RELEASE another server",
+         "releaseReceived server ", kRFC},
+        {asks(1, kRelease, "1.100"), "in RELEASE taken", "releaseReceived ", kBoth},
+        {asks(3, kRelease, "1.100"), "in RELEASE no such lease", "releaseReceived noLease ", kBoth},
+        {asks(1, kDecline, "", "1.100"), "in DECLINE message type", "declineReceived messageType ", kPlain},
+        {asks(1, kDecline, "", "1.100"), "in DECLINE taken", "declineReceived addressesHeld ", kRFC},
+        {asks(3, kDecline, "", "1.100"), "in DECLINE no such lease", "declineReceived noLease ", kRFC},
+        {asks(3, kInform), "in INFORM malformed: no ciaddr", "informReceived malformed ", kRFC},
+        {asks(3, kInform, "2.9"), "in INFORM of another subnet", "informReceived relay ", kRFC},
+        {asks(3, kInform, "1.9"), "in INFORM taken, out ACK taken", "informReceived ackSent ", kRFC},
+        {asks(3, kInform, "1.9"), "in INFORM taken, out NAK taken", "informReceived nakSent ", kPlain},
     };
-    for (const auto& [rules, frame, trace, counts, fault] : cases) {
+    for (const auto& [frame, trace, counts, rules, fault] : cases) {
         for (const bool rfc : {false, true}) {
             if (rules == (rfc ? kPlain : kRFC)) continue;
             SCOPED_TRACE((rfc ? "rfc, " : "plain, ") + trace);
@@ -361,9 +355,11 @@ TEST(ServerNews, EachFrameHasAVerdictWhichIsToldAndCounted) {
             if (fault != SendFault::None) lan.world.FailSends("eth0", fault, 1);
             lan.wire.Send(three, frame);
             std::string told;
-            for (const std::string& text : Read(lan.world, "trace"))
-                told += (told.empty() ? "" : ", ") + ValueOf(text, "direction") + " " + ValueOf(text, "type") + " " +
-                        ValueOf(text, "verdict");
+            for (const std::string& text : Read(lan.world, "trace")) {
+                const std::string type = ValueOf(text, "type");
+                told += (told.empty() ? "" : ", ") + ValueOf(text, "direction") + " " +
+                        type.substr(type.starts_with("DHCP") ? 4 : 0) + " " + ValueOf(text, "verdict");
+            }
             EXPECT_EQ(told, trace);
             EXPECT_EQ(CountsOf(lan.Server().counters, before), counts);
         }
