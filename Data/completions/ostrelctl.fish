@@ -31,14 +31,17 @@ set --local commands \
     wait "Wait for an address" \
     apply "Keep the kernel at what is published" \
     run "Make the interfaces what files say" \
-    reload "Have run read its files again"
+    reload "Have run read its files again" \
+    log "Show what happened" \
+    trace "Show frames, and why one was dropped" \
+    stats "Show what the daemon has counted"
 for i in (seq 1 2 (count $commands))
     complete --command ostrelctl --condition __fish_use_subcommand --arguments $commands[$i] \
         --description $commands[(math $i + 1)]
 end
 complete --command ostrelctl --condition __fish_use_subcommand --long-option version --description "Show the version"
 
-__ostrelctl_behind "client server release renew rebind init halt status leases config watch wait apply" \
+__ostrelctl_behind "client server release renew rebind init halt status leases config watch wait apply log trace stats" \
     --arguments "(__ostrelctl_interfaces)"
 __ostrelctl_behind debug --arguments \
     "chatty verbose trace info notice warning assert require error critical alert emergency tragic"
@@ -65,7 +68,15 @@ __ostrelctl_behind server --exclusive --long-option option --description "Hand o
     --arguments "log= mtu= ntp= wins= tftp= bootfile= timezone= portal= search="
 __ostrelctl_behind server --require-parameter --force-files --long-option keep --description "Keep the leases in this file"
 __ostrelctl_behind leases --exclusive --long-option sort --arguments "address expiry name mac" --description "Order"
+__ostrelctl_behind "status trace" --long-option verbose --description "Tell more"
 __ostrelctl_behind watch --exclusive --long-option count --description "End after so many changes"
+__ostrelctl_behind log --exclusive --long-option count --description "Events of the past"
+__ostrelctl_behind log --long-option follow --description "Go on with what happens from now on"
+__ostrelctl_behind trace --exclusive --long-option count --description "End after so many frames"
+__ostrelctl_behind trace --require-parameter --force-files --long-option pcap --description "Write the frames to this file"
+__ostrelctl_behind stats --long-option prometheus --description "In the text format of Prometheus"
+__ostrelctl_behind wait --long-option any --description "Until one has an address"
+__ostrelctl_behind "wait apply" --long-option all --description "All clients"
 __ostrelctl_behind wait --exclusive --long-option timeout --description "Give up after so long, as 90 or 5m"
 __ostrelctl_behind apply --long-option dry-run --description "Print what would be done"
 __ostrelctl_behind apply --long-option once --description "Apply the first lease and end"

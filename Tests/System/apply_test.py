@@ -4,12 +4,14 @@ import os
 import pathlib
 import re
 import signal
+import socket
 import subprocess
 import sys
 import time
 
 import lab
 import peers
+import wire
 
 OSTRELCTL = os.environ.get("OSTRELCTL", str(pathlib.Path(lab.OSTRELD).with_name("ostrelctl")))
 SERVER = {"interface": "eth0", "mode": "server", "ipv4Address": peers.SERVER, "ipv4Subnet": "255.255.255.0",
@@ -110,7 +112,7 @@ class Network(Applying):
         for host in records:
             self.see(appliers[host], "renewed until")
             self.assertNotIn("Deleted", self.said(seen[host]))
-        self.see(table, "renewed until")
+        self.see(table, ", renewed until")
 
         lab.stop(appliers["two"], signal.SIGKILL)
         lab.stop(server.process)
@@ -126,14 +128,14 @@ class Restart(Applying):
     def forge(self, host):
         """What the daemon and the bus itself might send, from a stranger, to everybody on the bus."""
         post = json.dumps({"returnValue": True, "interfaceList": [
-            {"interface": "eth0", "ipv4Address": FORGED, "ipv4Subnet": "255.255.255.0", "leaseTime": 4294967295}]})
+            {"interface": "eth0", "managed": True, "linkLocal": {"state": "HELD", "ipv4Address": FORGED, "held": True}}]})
         names = subprocess.run([lab.SCRIPT, "run", self.lab.directory, host, "busctl", "list", "--unique",
                                 "--no-legend"], check=True, capture_output=True, text=True).stdout
         receivers = [line.split()[0] for line in names.splitlines()]
         self.assertGreaterEqual(len(receivers), 3)
         for receiver in receivers:
             for signal_words in (
-                    ["/client", f"{lab.SERVICE}.client", "leaseInformationUpdate", "s", post],
+                    ["/", lab.SERVICE, "interfaceStateUpdate", "s", post],
                     ["/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged", "sss", lab.SERVICE, "",
                      ":1.999"]):
                 subprocess.run([lab.SCRIPT, "run", self.lab.directory, host, "busctl", "emit",
@@ -185,34 +187,93 @@ class Restart(Applying):
         self.assertEqual(idle.process.wait(20), 212)
 
 
-class Renewal(Applying):
-    """What is lost to be had again at once, and what is not."""
+class Losses(Applying):
+    """What is lost goes out of the kernel at once, and says why; what is extended stays."""
+    hosts = ("one", "server")
+    SERVER = bytes([192, 0, 2, 1])
 
-    def test_a_renewal_costs_nothing_and_a_halt_ten_seconds_later_the_address(self):
-        self.serve(lease=600)
-        client = self.daemon(host="one")
-        applier = self.tool("one", "apply", "eth0")
-        seen = self.peer("one", "ip", "monitor", "address", "route")
-        client.become_client()
+    def bound(self, client, *watches):
+        """The address that the client has got, with everything that comes of it."""
         address = self.address("one")
-        self.see(applier, "+ default route")
+        self.see(watches[0], f"+ address {address}/24")
+        return address
+
+    def lose(self, process, words, cause):
+        """Carries out `cause`; gives the milliseconds until the kernel has no address any more."""
+        before = self.said(process).count(words)
+        start = time.monotonic()
+        cause()
+        while self.addresses("one"):
+            self.assertLess(time.monotonic() - start, 20, "the address stays")
+        passed = 1000 * (time.monotonic() - start)
+        lab.eventually(lambda: self.said(process).count(words) == before + 1, 5, words)
+        print(f"{words}: {passed:.0f} ms", flush=True)
+        return passed
+
+    def nak(self, socket, request):
+        """A refusal of a REQUEST, by the server."""
+        bootp = (b"\x02\x01\x06\x00" + request.xid + bytes(20) + request.bootp[28:44] + bytes(192)
+                 + b"\x63\x82\x53\x63" + wire.option(53, bytes([wire.NAK])) + wire.option(54, self.SERVER) + b"\xff")
+        socket.send(wire.udp_frame("02:00:00:00:00:02", "02:00:00:00:00:01", peers.SERVER, "255.255.255.255", (67, 68), bootp))
+
+    def test_what_is_lost_is_gone_at_once_and_what_is_extended_stays(self):
+        server = self.serve(lease=600)
+        client = self.daemon(host="one")
+        applier, watch = self.tool("one", "apply", "eth0"), self.tool("one", "watch", "eth0")
+        seen = self.peer("one", "ip", "monitor", "address", "route")
+        client.become_client(rfc=True)
+        address = self.bound(client, applier)
         again = self.ended(self.tool("one", "apply", "eth0"), 1)
         holder = re.search(r"are applied already, by process (\d+)\n  'kill \1' ends it", again)
         self.assertIn("ostrelctl\0apply", pathlib.Path(f"/proc/{holder[1]}/cmdline").read_text())
-        rehearsal = self.tool("one", "apply", "eth0", "--dry-run")
-        self.see(rehearsal, "ip address add")
-
-        for action in ("renew", "init"):
-            client.must("/client", "leaseAction", interface="eth0", leaseAction=action)
-            self.assertEqual(client.publication(20)["ipv4Address"], address)
-            self.see(applier, "renewed until")
+        time.sleep(3)  # a lease that ends as much later is another
+        client.must("/client", "leaseAction", interface="eth0", leaseAction="renew")
+        self.see(applier, "renewed until")
         self.assertNotIn("Deleted", self.said(seen))
 
-        start = time.monotonic()
-        client.must("/client", "leaseAction", interface="eth0", leaseAction="halt")
-        lab.eventually(lambda: not self.addresses("one"), 20, "the end of a lease that does not come back")
-        self.assertGreater(time.monotonic() - start, 8)
-        self.see(applier, f"- default route via {peers.SERVER}, - address {address}/24")
+        init = {"interface": "eth0", "leaseAction": "init"}
+        forger = wire.packet_socket(self.lab.namespace("server"), "eth0")
+        self.addCleanup(forger.close)
+        claim = (bytes.fromhex("ffffffffffff020000000099" "0806" "0001080006040001" "020000000099")
+                 + socket.inet_aton(address) + bytes(6) + socket.inet_aton(address))
+        capture = self.capture("one")
+        taken = []
+
+        def conflict():  # the first is defended (RFC 5227 section 2.4)
+            forger.send(claim)
+            time.sleep(0.2)
+            taken.append(time.monotonic())
+            forger.send(claim)
+
+        self.lose(watch, "lost: another host has the address", conflict)
+        self.assertLess(time.monotonic() - taken[0], 2)
+        client.must("/client", "leaseAction", **init)
+        self.bound(client, applier)
+
+        server.must("/", "interfaceFinalize", interface="eth0")  # nobody else answers from now on
+        latest = capture.frames[-1]
+        client.must("/client", "leaseAction", interface="eth0", leaseAction="renew")
+        request = capture.wait_dhcp(wire.REQUEST, 10, after=latest)
+        figures = [self.lose(watch, "lost: refused (NAK)", lambda: self.nak(forger, request))]
+        server.must("/", "interfaceInitialize", **SERVER, leaseTime=600)
+        client.must("/client", "leaseAction", **init)
+        self.bound(client, applier)
+        figures.append(self.lose(watch, "lost: the link", lambda: self.lab.ip("switch", "link set to-one down")))
+        self.lab.ip("switch", "link set to-one up")
+        self.bound(client, applier)
+        figures.append(self.lose(watch, "lost: as told", lambda: client.must(
+            "/client", "leaseAction", interface="eth0", leaseAction="halt")))
+
+        server.must("/", "interfaceFinalize", interface="eth0")
+        server.must("/", "interfaceInitialize", **SERVER, leaseTime=5)
+        client.must("/", "interfaceFinalize", interface="eth0")  # after such setbacks it would wait a while
+        client.become_client(rfc=True)
+        self.bound(client, applier)
+        server.must("/", "interfaceFinalize", interface="eth0")
+        (state,) = client.request("/", "interfaceState", interface="eth0")["interfaceList"]
+        self.lose(watch, "lost: the lease has expired", lambda: None)
+        self.assertLess(time.time() - state["client"]["expires"], 1.5)
+        self.assertLess(max(figures), 1000)
 
 
 class Answers(Applying):
@@ -222,52 +283,58 @@ class Answers(Applying):
         """Lines about questions that did not name what is managed, or failed."""
         return re.findall(r".*(?:GetJsonString: interface|Src/OstrelVoroBus|### VoroBus).*", self.lab.log(host))
 
-    def test_no_question_is_an_error_to_the_daemon(self):
-        """To it, a request that names no managed interface is one. A look at all that is managed names none."""
-        self.serve(lease=60)
+    @staticmethod
+    def wakings(process):
+        """How often a process has gone to sleep so far."""
+        status = pathlib.Path(f"/proc/{process.pid}/status").read_text()
+        return int(re.search(r"\nvoluntary_ctxt_switches:\s+(\d+)", status)[1])
+
+    def test_followers_sleep_while_nothing_happens_and_ask_nothing_that_is_an_error(self):
+        """To the daemon a look at leases that names no interface is one; a look at all that is managed names none."""
+        self.serve(lease=600)
         client = self.daemon(host="one")
-        client.must("/", "interfaceInitialize", **{**lab.CLIENT_REQUEST, "ipv4LinkLocal": True})
-        for host, followers in (("one", ("watch eth0", "apply eth0 --dry-run", "wait eth0 --timeout 40")),
-                                ("server", ("watch eth0",))):
-            for follower in followers:
-                self.tool(host, *follower.split())
-        watches = {host: self.tool(host, "watch") for host in ("one", "server")}
+        client.must("/", "interfaceInitialize", **lab.CLIENT_REQUEST)
+        followers = [self.tool("one", *line.split()) for line in
+                     ("apply --all", "watch", "log -f", "wait --any --timeout 40", "wait eth0", "trace eth0")]
+        followers.append(self.tool("server", "watch"))
         for line in ("status eth0", "config eth0", "init eth0"):
             self.ended(self.tool("one", *line.split()), 0)
-        for line in ("status eth0", "leases eth0", "config eth0"):
+        for line in ("status eth0", "leases eth0", "config eth0", "stats"):
             self.ended(self.tool("server", *line.split()), 0)
-        self.see(watches["one"], "+ address")
-        self.see(watches["server"], "+ 192.0.2.1")
-        time.sleep(7)
-        for host in watches:
-            self.assertEqual(len(self.errors_in(host)), 1, self.errors_in(host))
-        for line in ("status", "config"):
-            self.ended(self.tool("one", line), 0)
-            self.ended(self.tool("server", line), 0)
-        self.ended(self.tool("server", "leases"), 0)
-        self.assertEqual([len(self.errors_in(host)) for host in watches], [3, 4])
+        self.see(followers[0], "+ address")
+        self.see(followers[1], "+ address")
+        self.see(followers[2], "in use")
+        self.assertIn(f"eth0 {self.address('one')}/24\n", self.ended(followers.pop(3), 0))
+        self.assertIn(f"{self.address('one')}/24\n", self.ended(followers.pop(3), 0))
+        self.see(followers[4], "+ 192.0.2.1")
+        time.sleep(2)  # the announcements go out
+        before = [self.wakings(process) for process in followers]
+        time.sleep(8)
+        self.assertEqual([self.wakings(process) for process in followers], before)
+        for host in ("one", "server"):
+            self.assertEqual(self.errors_in(host), [])
 
     def test_a_lease_outlives_answers_that_fail(self):
-        """A daemon that refuses, then answers rubbish, then lists others, then answers again."""
-        daemon = self.peer("one", "/usr/bin/python3", pathlib.Path(__file__).with_name("fake_daemon.py"))
-        applier, watch = self.tool("one", "apply", "eth0"), self.tool("one", "watch")
+        """A daemon that refuses, answers rubbish, then nothing, then answers again."""
+        daemon = self.peer("one", "/usr/bin/python3", "-u", pathlib.Path(__file__).with_name("fake_daemon.py"),
+                           stdin=subprocess.PIPE)
+        applier = self.tool("one", "apply", "eth0")
         self.see(applier, "+ address 198.51.100.5/24")
         seen = self.peer("one", "ip", "monitor", "address")
-        for process in (applier, watch):
-            self.see(process, "the bus refused the call: not now\n  asking again")
-            self.see(process, "the daemon's reply is not understood\n  asking again")
-            self.see(process, "198.51.100.1")
-            self.assertEqual(self.said(process).count("not now"), 1)
-            self.assertIsNone(process.poll())
+        daemon.stdin.write(b"\n")
+        daemon.stdin.flush()
+        self.see(applier, "the bus refused the call: not now\n  asking again")
+        self.see(applier, "the daemon's reply is not understood\n  asking again")
+        self.see(applier, "198.51.100.1")
+        self.assertEqual(self.said(applier).count("not now"), 1)
         self.assertNotIn("Deleted", self.said(seen))
         self.assertEqual(set(self.addresses("one")), {"198.51.100.5"})
 
-        lab.stop(watch)
         subscribed = self.said(daemon).count('"subscribe":true')
-        applier.send_signal(signal.SIGSTOP)  # so long that a daemon may have given it up
-        time.sleep(25)
+        applier.send_signal(signal.SIGSTOP)  # a daemon may have given it up meanwhile
         applier.send_signal(signal.SIGCONT)
         lab.eventually(lambda: self.said(daemon).count('"subscribe":true') == subscribed + 1, 5, "a new subscription")
+        self.assertEqual(self.said(daemon).count('"subscribe":false'), 1)
 
 
 class Static(Applying):
@@ -314,8 +381,8 @@ class Static(Applying):
         index = self.kernel("one", "addr show dev eth0")[0]["ifindex"]
         self.see(resolved, f"SetLinkDNS ({index}, ")
 
-        self.configure(daemon, "198.51.100.7")  # the kernel makes it go with the older one of its subnet
-        self.see(applier, "- address 198.51.100.6/24, + address 198.51.100.7/24")
+        self.configure(daemon, "198.51.100.7")
+        self.see(applier, "+ address 198.51.100.7/24")
         self.assertEqual(set(self.addresses("one")), {"198.51.100.7"})
         self.assertEqual([route["prefsrc"] for route in self.default_routes("one")], ["198.51.100.7"])
         self.lab.ip("one", "addr add 198.18.0.7/24 dev eth0")

@@ -66,12 +66,13 @@ class Completions(unittest.TestCase):
         self.assertEqual(fish("--"), options)
         for shell in (bash, fish):
             with self.subTest(shell=shell.__name__):
-                self.assertEqual(shell("st"), {"status"})
+                self.assertEqual(shell("sta"), {"status", "stats"})
                 self.assertEqual(shell("debug", ""), levels())
                 self.assertEqual(shell("client", ""), interfaces)
                 self.assertEqual(shell("leases", "--sort", ""), {"address", "expiry", "name", "mac"})
                 self.assertEqual(shell("server", "--range", ""), set())
-                self.assertEqual(shell("wait", "--timeout", "5", ""), interfaces)
+                for several in (("wait", "--timeout", "5"), ("apply", "eth7")):
+                    self.assertEqual(shell(*several, ""), interfaces)
         self.assertEqual(bash("leases", "--sort", "=", "e"), {"expiry"})
         text = (FILES / "_ostrelctl").read_text()
         subprocess.run(["zsh", "-n", FILES / "_ostrelctl"], check=True)

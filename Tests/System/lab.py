@@ -80,7 +80,7 @@ class Lab:
         name = output or self.directory / f"{pathlib.Path(command[0]).name}.{host}.out"
         with open(name, "ab") as sink:
             process = subprocess.Popen([SCRIPT, "run", str(self.directory), host, *map(str, command)],
-                                       stdin=subprocess.DEVNULL, stdout=sink, stderr=sink, **options)
+                                       **{"stdin": subprocess.DEVNULL, "stdout": sink, "stderr": sink, **options})
         process.output = pathlib.Path(name)
         return process
 

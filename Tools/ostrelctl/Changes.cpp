@@ -69,6 +69,7 @@ std::string ReasonOf(const Holding& before, const Holding& now) {
     if (!now.state) return before.state && !before.isLeft ? "finalised" : "";
     const bool wasLinkLocal = before.lease && !before.lease->times;
     if (wasLinkLocal) return now.state->linkLocal ? now.state->linkLocal->reason : "";
+    if (now.state->client && now.state->client->held) return "expired";  // by our clock, a moment before the daemon's
     return now.state->client ? now.state->client->reason : "";
 }
 

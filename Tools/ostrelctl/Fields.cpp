@@ -1,7 +1,7 @@
 // Fields of the daemon's JSON objects, as records keep them.
 //
-// The daemon leaves out what it does not have, so an absent field is as good as an empty one. The readers are the
-// daemon's own; they are asked for optional keys only, since they report a missing one to the log.
+// The daemon leaves out what it does not have, or says null, so an absent field is as good as an empty one. The reader
+// of addresses is the daemon's own; it is asked for what is there only, since it reports the rest to the log.
 #include "Fields.h"
 
 #include "Ostrel/OstrelJsonUtils.h"
@@ -12,13 +12,13 @@ namespace ostrelctl {
 
 std::string TextOf(const JValue& object, const char* key) {
     std::string text;
-    (void)GetJsonString(object, key, &text, true, nullptr);
+    (void)object[key].asString(text);
     return text;
 }
 
 bool TruthOf(const JValue& object, const char* key) {
     bool truth = false;
-    (void)GetJsonBoolean(object, key, &truth, true, nullptr);
+    (void)object[key].asBool(truth);
     return truth;
 }
 

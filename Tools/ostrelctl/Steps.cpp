@@ -1,8 +1,8 @@
 // From what an interface has to what it should have: the steps of apply.
 //
-// An address is put beside the old one, the routes follow it, and only then does the old one go, so that there is no
-// moment without. The DNS servers come last: their keeper is another program, and an address that must not be used any
-// more does not wait for it. The kernel ends an address at its lifetime, and with it the route that has it
+// A lease's address is put beside the link-local one, the routes follow it, and only then does the old one go, so that
+// there is no moment without. The DNS servers come last: their keeper is another program, and an address that must not
+// be used any more does not wait for it. The kernel ends an address at its lifetime, and with it the route that has it
 // as its source, even when nobody is left to remove them. Only what was put there is removed: an address that somebody
 // set without end stays his, and routes are appended, never replaced.
 //
@@ -316,11 +316,6 @@ void BringDns(Applier& applier, const Setting& had, const Setting& wanted) {
     if (wanted.dns != had.dns || moved || (applier.dnsFailed && renewed)) WriteServers(applier, wanted.dns);
 }
 
-// Unless promote_secondaries is set, the first address of a subnet takes the others of it along when it goes.
-void Restore(Applier& applier, const Setting& wanted) {
-    if (wanted.address != kAnyIPv4 && KeepAddress(applier, wanted)) BringRoutes(applier, wanted, wanted);
-}
-
 // Said once: a program that knows what to do with it finds it in the daemon's reply.
 void TellUnused(Applier& applier, const Setting& had, const Setting& wanted) {
     if (wanted.unused.empty() || wanted.unused == had.unused) return;
@@ -351,10 +346,7 @@ void Bring(Applier& applier, const Setting& wanted) {
         BringRoutes(applier, same, wanted);
     }
     DropRoutes(applier, had, sameAddress ? wanted : none);
-    if (had.address != kAnyIPv4 && !sameAddress && !wasForeign) {
-        DropAddress(applier, had);
-        Restore(applier, wanted);
-    }
+    if (had.address != kAnyIPv4 && !sameAddress && !wasForeign) DropAddress(applier, had);
     if (isThere) {
         BringDns(applier, had, wanted);
         TellUnused(applier, had, wanted);
