@@ -1,7 +1,8 @@
 // The service behind VoroBus.h, without the bus: what the device's implementation and the simulated one share.
 //   BusCall.cpp           categories, calls and replies
 //   BusEnrolment.cpp      who is enrolled under what, and how that ends
-//   BusFlow.cpp           what is under way to whom, what is posted, who reads
+//   BusFlow.cpp           what is under way to whom, who reads
+//   BusPosts.cpp          states, of which the last one counts
 //   BusEvents.cpp         what is told once
 // A platform brings a BusConnection, makes the VSHandle in VSRegister, hands every call to BusServeCall, and tells what
 // its peers do.
@@ -22,7 +23,15 @@ constexpr int32_t kBusErrorLevel = 8000;
 constexpr int32_t kBusWarningLevel = 5000;
 
 // The longest text sent. The bus daemon's own limit is 32 MiB a message; exceeding it costs the connection.
-constexpr size_t kBusMaxText = size_t{32} * 1024 * 1024 - 4096;
+constexpr size_t kBusKibibyte = 1024;
+constexpr size_t kBusMebibyte = 1024 * kBusKibibyte;
+constexpr size_t kBusMaxText = 32 * kBusMebibyte - 4 * kBusKibibyte;
+
+// Under way to all peers. A bus daemon stops reading from a connection of which it holds 127 MiB.
+constexpr size_t kBusMaxUnderWay = 32 * kBusMebibyte;
+constexpr size_t kBusMaxUnderWayInNeed = 2 * kBusMaxUnderWay;  // for a first post or event, and for a long reply
+
+constexpr size_t kBusMaxWaiting = kBusMebibyte;  // posts wait here, and so do the replies behind them
 
 struct BusCategory {
     VSHandle* handle;
@@ -178,12 +187,8 @@ void BusDrop(BusPeer& peer) noexcept;
 // BusFlow.cpp
 [[nodiscard]] BusPeer* BusFindPeer(VSHandle* handle, std::string_view name) noexcept;
 [[nodiscard]] BusPeer& BusFindOrAddPeer(VSHandle* handle, std::string_view name);
-// Whether one more event may be sent to it now.
-[[nodiscard]] bool BusTakesEvents(const BusPeer& peer) noexcept;
-// Sends an event, whose text is built, and puts it on the peer's account; 0 or a negative errno value.
-[[nodiscard]] int BusSendEvent(BusPeer& peer, const BusNews& event);
-// Whether the bus takes the text: 0 or a negative errno value.
-[[nodiscard]] int BusCheckText(const std::string& text) noexcept;
+// Puts one more message of that length on the peer's account: in the two fields of its kind, which are the peer's.
+void BusNoteSent(BusPeer& peer, size_t& messages, size_t& bytes, size_t length);
 // Frees the peer's record when nothing is left to know of it.
 void BusForgetIdle(VSHandle* handle, std::string_view name) noexcept;
 // Whether a call of that caller may be carried out: it takes its replies, as far as is known.
@@ -194,6 +199,15 @@ void BusForgetIdle(VSHandle* handle, std::string_view name) noexcept;
 void BusNoteReply(const VSMessage& message, size_t length);
 // Puts a refusal on it; false when the caller has left so many unread that it is told no more.
 [[nodiscard]] bool BusNoteRefusal(const VSMessage& message);
+
+// BusPosts.cpp
+// Whether the bus takes the text: 0 or a negative errno value.
+[[nodiscard]] int BusCheckText(const std::string& text) noexcept;
+// Whether what was sent leaves this process quickly enough.
+[[nodiscard]] bool BusHasRoom(VSHandle* handle);
+// Arms the timeout that posts to those who don't keep up, if there is something to do for one of them.
+void BusEnsureRound(VSHandle* handle);
+void BusEndRounds(VSHandle* handle);
 
 // A platform's reports. Each may free the peer's record.
 void BusPingAnswered(BusPeer& peer) noexcept;

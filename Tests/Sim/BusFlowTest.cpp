@@ -128,6 +128,11 @@ TEST(BusFlow, ManyStoppedSubscribersAreBoundedTogether) {
     EXPECT_LT(unread, 66 * kMebibyte);
     EXPECT_GT(unread, 16 * kMebibyte) << "nothing was tried";
     EXPECT_NE(lan.PostsTo(kHealthy).back().find("round40."), std::string::npos) << "one that reads is still told";
+    (void)lan.world.Call("/server", "leaseEvents", kSubscribe, kHealthy);
+    lan.Renew(8);
+    const auto healthy = lan.PostsTo(kHealthy);
+    EXPECT_TRUE(std::any_of(healthy.begin(), healthy.end(),
+                            [](auto& text) { return text.find(R"("event":"renewed")") != std::string::npos; }));
     for (const std::string& name : names) lan.world.ReadAgain(name);
     lan.world.RunFor(1s);
     for (const std::string& name : names)
