@@ -18,6 +18,7 @@ constexpr size_t kIP = 14;
 constexpr size_t kUDP = 34;
 constexpr size_t kBOOTP = 42;
 constexpr size_t kOptions = kBOOTP + 240;
+constexpr uint32_t kARP = 0x0806;
 constexpr MAC kBroadcast{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 constexpr int kBufferBytes = 8 * 1024 * 1024;
 
@@ -89,6 +90,21 @@ MAC ClientAddress(uint32_t client) {
     return {0x02, 0xC0, 0x00, static_cast<uint8_t>(n >> 16), static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)};
 }
 
+std::optional<Frame> AnswerARP(std::span<const uint8_t> frame, const MAC& mac, const IPv4& address) {
+    if (frame.size() < 42 || frame[12] != kARP >> 8 || frame[13] != (kARP & 255) || frame[21] != 1) return std::nullopt;
+    if (!std::equal(address.begin(), address.end(), &frame[38])) return std::nullopt;
+    Frame reply{};
+    reply.length = 42;
+    std::copy_n(&frame[6], 6, &reply.bytes[0]);
+    std::copy_n(&frame[12], 10, &reply.bytes[12]);
+    reply.bytes[21] = 2;
+    Put(reply, 6, mac);
+    Put(reply, 22, mac);
+    Put(reply, 28, address);
+    std::copy_n(&frame[22], 10, &reply.bytes[32]);
+    return reply;
+}
+
 Frame MakeRequest(const Message& message) {
     constexpr std::array<uint8_t, 4> kWanted{1, 3, 6, 15};
     Frame frame = Begin(message, 1, message.client, kBroadcast);
@@ -98,6 +114,15 @@ Frame MakeRequest(const Message& message) {
         AppendOption(frame, 54, message.server);
     }
     Finish(frame, IPv4{}, IPv4{255, 255, 255, 255}, 68, 67);
+    return frame;
+}
+
+Frame MakeRenewal(const Message& message, const MAC& serverMAC) {
+    constexpr std::array<uint8_t, 4> kWanted{1, 3, 6, 15};
+    Frame frame = Begin(message, 1, message.client, serverMAC);
+    Put(frame, kBOOTP + 12, message.address);
+    AppendOption(frame, 55, kWanted);
+    Finish(frame, message.address, message.server, 68, 67);
     return frame;
 }
 
@@ -134,12 +159,18 @@ bool Parse(std::span<const uint8_t> frame, Message& message) {
     return message.type != 0;
 }
 
-int OpenSocket(const char* ifname, uint16_t port, MAC& mac) {
+int OpenSocket(const char* ifname, uint16_t port, MAC& mac, bool withARP) {
+    constexpr uint32_t kNoType = 0x10000;
     sock_filter code[] = {
-        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 12), BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0x0800, 0, 5),
-        BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 23), BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 17, 0, 3),
-        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 36), BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, port, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, 0xFFFFFFFF),  BPF_STMT(BPF_RET | BPF_K, 0),
+        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 12),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, withARP ? kARP : kNoType, 5, 0),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 0x0800, 0, 5),
+        BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 23),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 17, 0, 3),
+        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 36),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, port, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, 0xFFFFFFFF),
+        BPF_STMT(BPF_RET | BPF_K, 0),
     };
     const sock_fprog program{std::size(code), code};
     const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0);

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 namespace bench {
@@ -39,13 +40,17 @@ MAC ClientAddress(uint32_t client);
 
 // A whole frame from client to server or back, checksums included.
 Frame MakeRequest(const Message& message);
+Frame MakeRenewal(const Message& message, const MAC& serverMAC);  // of the address, unicast
 Frame MakeReply(const Message& message, const MAC& serverMAC, uint32_t leaseSeconds);
 
 // False when the frame is no DHCP message over UDP.
 bool Parse(std::span<const uint8_t> frame, Message& message);
 
-// A packet socket on the interface that receives only UDP to `port`; -1 with errno on failure. `mac` is the
-// interface's.
-int OpenSocket(const char* ifname, uint16_t port, MAC& mac);
+// The reply to an ARP request for `address`, which `mac` has; nothing when the frame is none.
+std::optional<Frame> AnswerARP(std::span<const uint8_t> frame, const MAC& mac, const IPv4& address);
+
+// A packet socket on the interface that receives only UDP to `port`, and ARP if asked for; -1 with errno on failure.
+// `mac` is the interface's.
+int OpenSocket(const char* ifname, uint16_t port, MAC& mac, bool withARP = false);
 
 }  // namespace bench

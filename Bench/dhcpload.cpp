@@ -1,12 +1,14 @@
 // Load for a DHCP server: thousands of clients, each with an Ethernet address of its own, do whole exchanges.
 //
-//     dhcpload [-c CLIENTS] [-n EXCHANGES] [-w WINDOW] [-t SECONDS] IFACE
+//     dhcpload [-c CLIENTS] [-n EXCHANGES] [-w WINDOW] [-t SECONDS] [-r] IFACE
 //
 // An exchange is DISCOVER, OFFER, REQUEST, ACK. WINDOW of them are under way at any time; a message without an answer
 // is sent again after a second, up to three times. Clients take turns, so with more exchanges than clients they come
-// back for their lease. Prints exchanges a second and the percentiles of the two waits. Fails when an address is
+// back for their lease. With -r every client first does one, which is not counted; an exchange is then the REQUEST of a
+// renewal and its ACK. Prints exchanges a second and the percentiles of the waits. Fails when an address is
 // acknowledged to a second client, when a client is refused, or when SECONDS pass before all is done.
 #include <algorithm>
+#include <bit>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -32,6 +34,7 @@ struct Options {
     uint32_t exchanges = 10000;
     uint32_t window = 32;
     uint32_t seconds = 60;
+    bool renew = false;
     const char* ifname = nullptr;
 };
 
@@ -39,6 +42,9 @@ struct Client {
     bench::Message waiting{};  // the request under way; type 0: none
     Clock::time_point sent{};  // when it was first sent
     uint32_t tries = 0;
+    bench::IPv4 address{};  // of its lease; zero: none
+    bench::IPv4 server{};
+    bench::MAC serverMAC{};
 };
 
 struct Timer {
@@ -54,15 +60,13 @@ public:
 
     // True when every exchange was done.
     bool Run() {
-        const Clock::time_point begun = Clock::now();
-        const Clock::time_point end = begun + std::chrono::seconds(options.seconds);
-        while (done < options.exchanges && Clock::now() < end) {
-            Fill();
-            Receive();
-            SendAgain();
-        }
-        elapsed = std::chrono::duration<double>(Clock::now() - begun).count();
-        return done == options.exchanges;
+        renews = false;
+        if (options.renew && !RunUntil(options.clients)) return false;
+        renews = options.renew;
+        started = done = 0;
+        offerWaits.clear();
+        ackWaits.clear();
+        return RunUntil(options.exchanges);
     }
 
     // False when a server did what none may do.
@@ -76,14 +80,28 @@ public:
     }
 
 private:
-    void Fill() {
-        while (started < options.exchanges && underWay < options.window) {
+    bool RunUntil(uint32_t exchanges) {
+        const Clock::time_point begun = Clock::now();
+        const Clock::time_point end = begun + std::chrono::seconds(options.seconds);
+        while (done < exchanges && Clock::now() < end) {
+            Fill(exchanges);
+            Flush();
+            Receive();
+            SendAgain();
+        }
+        elapsed = std::chrono::duration<double>(Clock::now() - begun).count();
+        return done == exchanges;
+    }
+
+    void Fill(uint32_t exchanges) {
+        while (started < exchanges && underWay < options.window) {
             const uint32_t index = next++ % options.clients;
             Client& client = clients[index];
             if (client.waiting.type != 0) continue;
             ++started;
             ++underWay;
-            Begin(index, {bench::kDiscover, bench::ClientAddress(index), ++xid, {}, {}});
+            const uint8_t type = renews ? bench::kRequest : bench::kDiscover;
+            Begin(index, {type, bench::ClientAddress(index), ++xid, client.address, client.server});
         }
     }
 
@@ -97,8 +115,27 @@ private:
     }
 
     void Send(const bench::Message& message) {
-        const bench::Frame frame = bench::MakeRequest(message);
-        if (send(fd, frame.bytes.data(), frame.length, 0) < 0 && errno != ENOBUFS) std::perror("send");
+        if (numKept == kBatch) Flush();
+        const Client& client = clients[IndexOf(message.client)];
+        bench::Frame& frame = kept[numKept++];
+        frame = renews ? bench::MakeRenewal(message, client.serverMAC) : bench::MakeRequest(message);
+    }
+
+    // What is sent goes out together, so that the load costs less than what it measures.
+    void Flush() {
+        std::array<iovec, kBatch> vectors;
+        std::array<mmsghdr, kBatch> messages{};
+        for (size_t i = 0; i < numKept; ++i) {
+            vectors[i] = {kept[i].bytes.data(), kept[i].length};
+            messages[i].msg_hdr.msg_iov = &vectors[i];
+            messages[i].msg_hdr.msg_iovlen = 1;
+        }
+        for (size_t first = 0; first < numKept;) {
+            const int sent = sendmmsg(fd, &messages[first], static_cast<unsigned>(numKept - first), 0);
+            if (sent < 0 && errno != ENOBUFS) std::perror("send");
+            first += sent > 0 ? static_cast<size_t>(sent) : 1;  // what is lost is sent again in time
+        }
+        numKept = 0;
     }
 
     void Receive() {
@@ -124,8 +161,8 @@ private:
 
     void Take(std::span<const uint8_t> frame) {
         bench::Message reply;
-        if (!bench::Parse(frame, reply)) return;
-        const uint32_t index = (reply.client[3] << 16 | reply.client[4] << 8 | reply.client[5]) - 1U;
+        if (!bench::Parse(frame, reply)) return AnswerARP(frame);
+        const uint32_t index = IndexOf(reply.client);
         if (index >= clients.size() || reply.client != bench::ClientAddress(index)) return;
         Client& client = clients[index];
         if (client.waiting.xid != reply.xid) return;
@@ -135,6 +172,9 @@ private:
         } else if (client.waiting.type == bench::kRequest && reply.type == bench::kAck) {
             ackWaits.push_back(Waited(client));
             CheckOwner(index, reply.address);
+            client.address = reply.address;
+            client.server = reply.server;
+            std::copy_n(&frame[6], client.serverMAC.size(), client.serverMAC.begin());
             End(client);
             ++done;
         } else if (client.waiting.type == bench::kRequest && reply.type == bench::kNak) {
@@ -143,6 +183,19 @@ private:
             ++done;
         }
     }
+
+    // A server that sends through the kernel has to find the Ethernet address of a client with a lease.
+    void AnswerARP(std::span<const uint8_t> frame) {
+        if (frame.size() < 42) return;
+        bench::IPv4 wanted{};
+        std::copy_n(&frame[38], wanted.size(), wanted.begin());
+        const auto place = owners.find(std::bit_cast<uint32_t>(wanted));
+        if (place == owners.end()) return;
+        const auto reply = bench::AnswerARP(frame, bench::ClientAddress(place->second), wanted);
+        if (reply && send(fd, reply->bytes.data(), reply->length, 0) < 0) std::perror("send");
+    }
+
+    static uint32_t IndexOf(const bench::MAC& mac) { return (mac[3] << 16 | mac[4] << 8 | mac[5]) - 1U; }
 
     // Leases are taken to outlive the run.
     void CheckOwner(uint32_t index, const bench::IPv4& address) {
@@ -196,6 +249,9 @@ private:
     const Options options;
     const int fd;
     std::vector<Client> clients;
+    std::array<bench::Frame, kBatch> kept{};  // to be sent
+    size_t numKept = 0;
+    bool renews = false;
     std::deque<Timer> timers;  // in the order of their ends: all wait equally long
     std::unordered_map<uint32_t, uint32_t> owners;
     std::vector<double> offerWaits;
@@ -214,8 +270,9 @@ bool ReadNumber(const char* text, uint32_t& number) {
 }
 
 bool ParseOptions(int argc, char* argv[], Options& options) {
-    for (int letter = getopt(argc, argv, "c:n:w:t:"); letter != -1; letter = getopt(argc, argv, "c:n:w:t:")) {
-        bool good = false;
+    for (int letter = getopt(argc, argv, "c:n:w:t:r"); letter != -1; letter = getopt(argc, argv, "c:n:w:t:r")) {
+        bool good = letter == 'r';
+        options.renew |= good;
         if (letter == 'c') good = ReadNumber(optarg, options.clients);
         if (letter == 'n') good = ReadNumber(optarg, options.exchanges);
         if (letter == 'w') good = ReadNumber(optarg, options.window);
@@ -233,12 +290,12 @@ int main(int argc, char* argv[]) {
     Options options;
     if (!ParseOptions(argc, argv, options)) {
         (void)std::fprintf(stderr,
-                           "usage: dhcpload [-c CLIENTS] [-n EXCHANGES] [-w WINDOW] [-t SECONDS] IFACE\n"
+                           "usage: dhcpload [-c CLIENTS] [-n EXCHANGES] [-w WINDOW] [-t SECONDS] [-r] IFACE\n"
                            "       the window is at most the number of clients\n");
         return 2;
     }
     bench::MAC mac{};
-    const int fd = bench::OpenSocket(options.ifname, 68, mac);
+    const int fd = bench::OpenSocket(options.ifname, 68, mac, true);
     if (fd < 0) {
         std::perror(options.ifname);
         return 1;
