@@ -10,6 +10,12 @@
 #include "Ostrel/Log.h"
 
 namespace sim {
+namespace {
+
+constexpr char kListener[] = ":1.2";
+constexpr char kSubscribe[] = R"({"subscribe":true})";
+
+}  // namespace
 
 FuzzDevice::FuzzDevice()
     : wire(world.AddSegment()),
@@ -35,6 +41,11 @@ void FuzzDevice::Inject(std::span<const uint8_t> frame) {
     wire.Send(neighbour, frame);
 }
 
+void FuzzDevice::Listen() {
+    for (const char* method : {"interfaceState", "trace"}) (void)world.Call("/", method, kSubscribe, kListener);
+    (void)world.Call("/server", "leaseEvents", kSubscribe, kListener);
+}
+
 void FuzzDevice::Run(const Ostrel_InterfaceConfig& config,
                      const std::function<void(Ostrel_InterfaceObj& iface)>& input) {
     std::srand(1);
@@ -45,6 +56,7 @@ void FuzzDevice::Run(const Ostrel_InterfaceConfig& config,
     input(*system.interfaceList);
 
     while (system.interfaceList != nullptr) Ostrel_InterfaceFinalize(&system.interfaceList, system.interfaceList);
+    world.LeaveBus(kListener);
     world.RunFor(std::chrono::milliseconds(1));  // what is still on its way arrives nowhere
     Check(world.LiveAllocations() == blocksAtRest, "memory is left");
     Check(world.PendingTimeouts() == 1, "a timeout is left");  // the one that remains waits for the next interface

@@ -20,6 +20,9 @@ public:
 
     // Makes the interface "eth0", runs `input` with it, takes every interface away and looks for what is left.
     void Run(const Ostrel_InterfaceConfig& config, const std::function<void(Ostrel_InterfaceObj& iface)>& input);
+    // From here on, until the next Run is over: somebody is subscribed to all that is told of frames. It is slow, so
+    // that only some inputs should have it.
+    void Listen();
     void Inject(std::span<const uint8_t> frame);  // onto the wire, from a neighbour
     void Check(bool holds, const std::string& what) const;
 

@@ -38,6 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
     const uint8_t flags = data[0];
     const auto config = sim::FuzzConfig(kOstrelModeDHCPClient | kOstrelModeLinkLocal | kOstrelModeDHCPServer, 0);
+    if (size % 8 == 0) device.Listen();
     device.Run(config, [&](Ostrel_InterfaceObj& iface) {
         if ((flags & kFlagLease) != 0) (void)Ostrel_DHCPClientLeaseAction(&iface, "init");
         (void)Ostrel_LinkLocalAction(&iface, "init");

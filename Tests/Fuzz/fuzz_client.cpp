@@ -39,6 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     auto config =
         sim::FuzzConfig(kOstrelModeDHCPClient, isStatic ? kOstrelConfigStatic : kOstrelConfigDHCPManualAddress);
     config.rfc = (data[0] & kFlagRFC) != 0;
+    if (size % 8 == 0) device.Listen();
     device.Run(config, [&](Ostrel_InterfaceObj& iface) {
         Reach(device, iface, isStatic ? 0 : state);
         const sim::Frame frame = sim::FuzzFrame({data, size}, {.ethernetSource = sim::kFuzzNeighbour,

@@ -49,6 +49,7 @@ void Reach(FuzzDevice& device, uint8_t has) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static FuzzDevice device;
     if (size == 0) return 0;
+    if (size % 8 == 0) device.Listen();
     device.Run(sim::FuzzConfig(kOstrelModeDHCPServer, 0), [&](Ostrel_InterfaceObj& iface) {
         Reach(device, data[0] & kStationMask);
         sim::DHCPMessage head = Message(0, 0);
