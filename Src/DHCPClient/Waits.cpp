@@ -124,7 +124,8 @@ void Ostrel_DHCPClientArmLease(Ostrel_ClientObj* client) {
         rebinding = LeftOf(client, rebinding, kLeastExtension);
         expiry = LeftOf(client, expiry, 0);
     }
-    Ostrel_DHCPClientArm(client, kClientTimeoutRenewing, renewing);
-    Ostrel_DHCPClientArm(client, kClientTimeoutRebinding, rebinding);
+    // What a caller has asked for during the check, and what had no room among the frames yet, comes before that.
+    if (client->due[kClientTimeoutRenewing] == 0) Ostrel_DHCPClientArm(client, kClientTimeoutRenewing, renewing);
+    if (client->due[kClientTimeoutRebinding] == 0) Ostrel_DHCPClientArm(client, kClientTimeoutRebinding, rebinding);
     Ostrel_DHCPClientArm(client, kClientTimeoutExpiry, expiry);
 }

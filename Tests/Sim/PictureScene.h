@@ -3,7 +3,7 @@
 
 #include <algorithm>
 #include <endian.h>
-#include <regex>
+#include <string>
 
 #include "Ostrel/DHCPClient.h"
 #include "Ostrel/Interface.h"
@@ -18,8 +18,12 @@ constexpr char kLease[] = "192.0.2.10";
 
 // The value of a member of an object in JSON, as it stands there; "" where there is none.
 inline std::string ValueOf(const std::string& text, const std::string& key) {
-    std::smatch match;
-    return std::regex_search(text, match, std::regex("\"" + key + R"(":("[^"]*"|[^,}]*))")) ? match[1].str() : "";
+    const std::string mark = "\"" + key + "\":";
+    const size_t place = text.find(mark);
+    if (place == std::string::npos) return "";
+    const size_t start = place + mark.size();
+    const size_t end = text[start] == '"' ? text.find('"', start + 1) + 1 : text.find_first_of(",}", start);
+    return text.substr(start, end - start);
 }
 // Likewise, of a text without its quotes.
 inline std::string WordOf(const std::string& text, const std::string& key) {
