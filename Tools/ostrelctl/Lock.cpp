@@ -67,13 +67,18 @@ FileDescriptor LockInterface(const std::string& interface) {
 }
 
 FileDescriptor LockRun() {
+    constexpr int kCallers = 64;  // that have asked and were not seen off yet
     const LockName name = NameFor(kRunLock);
     FileDescriptor lock = NewSocket();
-    if (bind(lock.get(), name.get(), name.length) == 0 && listen(lock.get(), 0) == 0) return lock;
+    if (bind(lock.get(), name.get(), name.length) == 0 && listen(lock.get(), kCallers) == 0) return lock;
     const pid_t holder = ProcessOfRun();
     Complain("'ostrelctl run' runs already, as process " + std::to_string(holder),
              "'ostrelctl reload' has it read its files");
     return {};
+}
+
+void SeeCallersOff(const FileDescriptor& lock) {
+    while (FileDescriptor(accept(lock.get(), nullptr, nullptr)).isOpen()) continue;
 }
 
 pid_t ProcessOfRun() {

@@ -16,4 +16,7 @@ namespace ostrelctl {
 [[nodiscard]] FileDescriptor LockRun();
 [[nodiscard]] pid_t ProcessOfRun();
 
+// Makes room for others who ask which process has the lock.
+void SeeCallersOff(const FileDescriptor& lock);
+
 }  // namespace ostrelctl

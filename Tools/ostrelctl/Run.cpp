@@ -72,12 +72,15 @@ ExitStatus End(Controller& controller, ExitStatus status) {
     return status;
 }
 
-ExitStatus GoOn(Controller& controller) {
+ExitStatus GoOn(Controller& controller, const FileDescriptor& lock) {
     for (;;) {
         const Event event = NextEvent(controller.follower, NextEnd(controller));
         if (event.news == News::Failed) return End(controller, event.status);
         if (event.news == News::Interrupted && event.signal != SIGHUP) return End(controller, kExitDone);
-        if (event.news == News::Interrupted) Reload(controller);
+        if (event.news == News::Interrupted) {
+            SeeCallersOff(lock);
+            Reload(controller);
+        }
         Control(controller, event);
         if (controller.applying.forbidden) return End(controller, kExitRefused);
     }
@@ -117,7 +120,7 @@ ExitStatus Run(const RunOptions& options, const Settings& settings) {
     KeepDnsInFile(controller.configuration.resolvConf);
     controller.kept = LoadState(controller.stateFile);
     const ExitStatus started = Start(controller);
-    return started == kExitDone ? GoOn(controller) : started;
+    return started == kExitDone ? GoOn(controller, lock) : started;
 }
 
 // --- reload ---

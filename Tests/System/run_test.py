@@ -1,0 +1,164 @@
+"""`ostrelctl run`: the interfaces are as the files say, whatever is killed, renamed, pulled out or edited."""
+import json
+import pathlib
+import subprocess
+import time
+
+import lab
+
+OSTRELCTL = str(pathlib.Path(lab.OSTRELD).parent / "ostrelctl")
+CLIENT = '[eth0]\nrole = "client"\nlink-local = "fallback"\n'
+SERVER = '[eth0]\nrole = "server"\naddress = "192.0.2.1/24"\nrange = "192.0.2.50-192.0.2.59"\nlease = "{lease}"\n'
+BACK = 3  # seconds, after which everything is as the files say
+
+
+class RunTest(lab.LabTest):
+    def setUp(self):
+        super().setUp()
+        self.files, self.runs, self.daemons = {}, {}, {}
+        for host, text in (("server", SERVER.format(lease="10m")), ("client", CLIENT)):
+            self.files[host] = pathlib.Path(self.lab.file(f"{host}.toml", text))
+            (self.lab.directory / f"state-{host}").mkdir()
+            self.lab.ip(host, "link set eth0 down")
+
+    def start_daemon(self, host):
+        self.daemons[host] = self.peer(host, lab.OSTRELD, "-z", "-l", "info", output=self.lab.directory / f"d-{host}")
+
+    def start_run(self, host, *wrapper):
+        self.runs[host] = self.peer(host, *wrapper, OSTRELCTL, "run", self.files[host], "--state",
+                                    self.state(host).parent, output=self.lab.directory / f"run-{host}")
+
+    def start_all(self):
+        for host in self.hosts:
+            self.start_daemon(host)
+            self.start_run(host)
+        self.await_address(10)
+
+    def state(self, host):
+        return self.lab.directory / f"state-{host}" / "state.json"
+
+    def said(self, host):
+        return (self.lab.directory / f"run-{host}").read_text()
+
+    def tool(self, host, *words):
+        return subprocess.run([lab.SCRIPT, "run", str(self.lab.directory), host, OSTRELCTL, *words],
+                              capture_output=True, text=True)
+
+    def addresses(self, host, interface="eth0"):
+        shown = subprocess.run(["ip", "-n", f"{self.lab.prefix}-{host}", "-j", "-4", "address", "show", interface],
+                               capture_output=True, text=True)
+        links = json.loads(shown.stdout or "[]")
+        return [entry["local"] for link in links for entry in link.get("addr_info", [])]
+
+    def held(self):
+        told = self.tool("client", "--json", "status", "eth0").stdout
+        return '"held":true' in told
+
+    def table(self):
+        return [line.split()[:2] for line in self.tool("server", "leases").stdout.splitlines()[1:]]
+
+    def await_address(self, timeout, interface="eth0"):
+        lab.eventually(lambda: self.addresses("client", interface) == ["192.0.2.50"], timeout,
+                       f"address on {interface}: {self.said('client')}")
+
+    def kill(self, process):
+        lab.stop(process, lab.signal.SIGKILL)
+
+
+class Restarts(RunTest):
+    def test_addresses_stay_and_tables_are_back_whoever_is_killed(self):
+        self.start_all()
+        self.assertEqual(self.addresses("server"), ["192.0.2.1"])
+        lab.eventually(lambda: "192.0.2.50" in self.state("server").read_text(), 5, "table on the disk")
+        table = self.table()
+        for host, victims in (("client", "d"), ("server", "d"), ("client", "r"), ("server", "r"),
+                              ("client", "dr"), ("server", "dr")):
+            with self.subTest(host=host, victims=victims):
+                if "r" in victims:
+                    self.kill(self.runs[host])
+                if "d" in victims:
+                    self.kill(self.daemons[host])
+                self.assertEqual(self.addresses("client"), ["192.0.2.50"])
+                if "d" in victims:
+                    self.start_daemon(host)
+                if "r" in victims:
+                    self.start_run(host)
+                lab.eventually(lambda: self.held() and self.table() == table, BACK,
+                               f"all as it was: {self.table()} {self.said(host)}")
+                self.assertEqual(self.addresses("client"), ["192.0.2.50"])
+                self.assertEqual(self.addresses("server"), ["192.0.2.1"])
+
+    def test_a_lost_bus_ends_it_and_leaves_the_addresses(self):
+        self.start_all()
+        self.lab.kill_bus("client")
+        self.assertEqual(self.runs["client"].wait(5), 3)
+        self.daemons["client"].wait(5)
+        self.assertEqual(self.addresses("client"), ["192.0.2.50"])
+        (self.lab.directory / "bus" / "client.socket").unlink(missing_ok=True)
+        self.peer("client", "dbus-daemon", f"--config-file={self.lab.directory}/bus/client.conf", "--nofork")
+        lab.eventually(lambda: (self.lab.directory / "bus" / "client.socket").exists(), 5, "bus")
+        self.start_daemon("client")
+        self.start_run("client")
+        lab.eventually(self.held, BACK, "lease held again")
+        self.assertEqual(self.addresses("client"), ["192.0.2.50"])
+
+    def test_the_state_file_is_whole_wherever_its_writer_is_killed(self):
+        self.start_all()
+        lab.eventually(lambda: "192.0.2.50" in self.state("server").read_text(), 5, "table on the disk")
+        self.kill(self.runs["server"])
+        before = json.loads(self.state("server").read_text())["interfaces"][0]["leases"]
+        for call, path in (("openat", ".new"), ("write", ".new"), ("fsync", ".new"), ("rename", ".new")):
+            with self.subTest(call=call):
+                self.files["server"].write_text(SERVER.format(lease=f"{len(call)}h"))
+                self.start_run("server", "strace", "-o", "/dev/null", "-P", f"{self.state('server')}{path}",
+                               "-e", f"trace={call}", "-e", f"inject={call}:signal=SIGKILL")
+                self.assertEqual(self.runs["server"].wait(10), -lab.signal.SIGKILL)
+                kept = json.loads(self.state("server").read_text())["interfaces"][0]["leases"]
+                self.assertEqual([lease["mac"] for lease in kept], [lease["mac"] for lease in before])
+        self.state("server").write_text('{"kind":"ostrelctl run 1","inter')
+        self.start_run("server")
+        lab.eventually(lambda: "holds nothing of ours" in self.said("server"), 5, "complaint about a torn file")
+        self.assertTrue(self.state("server").with_suffix(".json.bad").exists())
+        lab.eventually(lambda: self.state("server").exists() and "192.0.2.50" in self.state("server").read_text(), 5,
+                       "the daemon's table")
+
+
+class Changes(RunTest):
+    def test_files_are_read_again_and_a_wrong_one_changes_nothing(self):
+        self.start_all()
+        self.files["server"].write_text("[eth0]\nrole = 'server'\n")
+        self.assertEqual(self.tool("server", "reload").returncode, 0)
+        lab.eventually(lambda: "address is required" in self.said("server"), 5, "complaint")
+        self.assertIn("what worked before goes on", self.said("server"))
+        table = self.table()
+        self.files["server"].write_text(SERVER.format(lease="2h").replace("192.0.2.1/", "192.0.2.2/"))
+        self.assertEqual(self.tool("server", "reload").returncode, 0)
+        lab.eventually(lambda: self.addresses("server") == ["192.0.2.2"] and self.table() == table, BACK,
+                       "the other address, and the same table")
+        self.files["client"].write_text("")
+        self.assertEqual(self.tool("client", "reload").returncode, 0)
+        lab.eventually(lambda: self.addresses("client") == [], BACK, "nothing left")
+        self.assertIn("nothing is managed", self.tool("client", "status").stdout + self.tool("client", "status").stderr)
+
+    def test_interfaces_flap_go_are_renamed_and_come_back(self):
+        self.files["client"].write_text(CLIENT.replace("[eth0]", '["eth*"]'))
+        self.start_all()
+        for _ in range(10):
+            self.lab.ip("client", "link set eth0 down")
+            self.lab.ip("client", "link set eth0 up")
+        self.await_address(BACK + 2)  # the link has to be steady for a moment
+        self.lab.ip("client", "link set eth0 down")
+        self.lab.ip("client", "link set eth0 name lan0")
+        lab.eventually(lambda: "not managed" in self.tool("client", "status", "lan0").stderr, BACK, "lan0 let go")
+        self.lab.ip("client", "link set lan0 name eth0")
+        self.await_address(10)
+        self.lab.ip("client", "link delete eth0")
+        time.sleep(0.1)
+        self.lab.plug("client", 1)
+        self.await_address(10)
+        self.tool("client", "release", "eth0")
+        self.await_address(10)
+
+
+if __name__ == "__main__":
+    lab.main()
