@@ -111,11 +111,11 @@ Ostrel_Verdict Ostrel_DHCPClientARPPacketHandler(Ostrel_ClientObj* client, const
                                                  const Ostrel_ARPAddresses* addresses) {
     OSTREL_REQUIRE(client != nullptr, "client", {.kind = Ostrel_VerdictKind::NotConcerned});
     if (!IsConflict(client, arpHeader, addresses)) return {.kind = Ostrel_VerdictKind::NotConcerned};
-    Ostrel_DHCPClientTellConflict(client, addresses->senderMAC);
+    const bool isNews = Ostrel_DHCPClientTellConflict(client, addresses->senderMAC);
     const bool isKept = Defends(client);
     const bool isHeldBack = !isKept && Ostrel_DHCPClientStormAsk(client, client->declines, "DECLINE") != 0;
     if (isKept || (isHeldBack && client->state == kClientStateInit)) {  // the restart from the last one still waits
-        Ostrel_InterfacePictureChanged(client->iface);
+        if (isNews) Ostrel_InterfacePictureChanged(client->iface);
         return {};
     }
     Ostrel_DHCPClientDisarm(client, kClientTimeoutArping);

@@ -110,10 +110,11 @@ void Ostrel_DHCPClientSetHeld(Ostrel_ClientObj* client, bool isHeld);
 // The lease stays, but nobody may use its address until it is confirmed.
 void Ostrel_DHCPClientDoubt(Ostrel_ClientObj* client, Ostrel_Reason reason);
 
-// Story.cpp: what "interfaceState" tells. A conflict is posted with what follows from it. Times looks at what is armed,
+// Story.cpp: what "interfaceState" tells. A conflict is posted with what follows from it; where nothing does, whoever
+// tells it has it posted if it is news. Times looks at what is armed,
 // which is done wherever that changes; WasAsleep says that the clock of the moments has stood still.
 void Ostrel_DHCPClientTellSent(Ostrel_ClientObj* client, uint8_t messageType);
-void Ostrel_DHCPClientTellConflict(Ostrel_ClientObj* client, const Ostrel_MAC& mac);
+bool Ostrel_DHCPClientTellConflict(Ostrel_ClientObj* client, const Ostrel_MAC& mac);
 void Ostrel_DHCPClientTellTimes(Ostrel_ClientObj* client);
 void Ostrel_DHCPClientWasAsleep(Ostrel_ClientObj* client);
 

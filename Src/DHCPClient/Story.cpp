@@ -227,13 +227,16 @@ void Ostrel_DHCPClientTellSent(Ostrel_ClientObj* client, uint8_t messageType) {
     Ostrel_InterfacePictureChanged(client->iface);
 }
 
-void Ostrel_DHCPClientTellConflict(Ostrel_ClientObj* client, const Ostrel_MAC& mac) {
+bool Ostrel_DHCPClientTellConflict(Ostrel_ClientObj* client, const Ostrel_MAC& mac) {
+    const Ostrel_ClientStory& story = client->story;
+    const bool isNews = story.conflictAddress != client->lease.IPv4Address || story.conflictMAC != mac;
     Ostrel_InterfacePictureTurns(client->iface);
     client->story.conflictAddress = client->lease.IPv4Address;
     client->story.conflictMAC = mac;
     ++client->counters.conflicts;
     DebugPrintF(kDebugLevelInfo, "[%s] client conflict, %.6a has %.4a\n", client->iface->ifname.data(), mac,
                 &client->story.conflictAddress);
+    return isNews;
 }
 
 void Ostrel_DHCPClientTellTimes(Ostrel_ClientObj* client) {

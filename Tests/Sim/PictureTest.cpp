@@ -89,6 +89,9 @@ TEST(Picture, EachStateOfAClientIsToldWithItsReason) {
           [](PictureLan& lan) {
               lan.world.RunFor(1ms), lan.Unplug(), lan.world.RunFor(1s), lan.Act("init"), lan.world.RunFor(1s);
               lan.Claim(ToIPv4("192.0.2.7"));
+              const size_t posts = lan.world.posts.size();
+              for (int i = 0; i < 100; ++i) lan.Claim(ToIPv4("192.0.2.7"));
+              EXPECT_EQ(lan.world.posts.size(), posts) << "a stranger's flood is no news";
           },
           "STATIC start; STATIC start held; STATIC action held"},
          "static");
