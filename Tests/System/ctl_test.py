@@ -308,10 +308,33 @@ class Rules(Tool):
         self.type("server", "server eth0 --address 192.0.2.1/30 --range 192.0.2.2 --count 1", errors=".*")
         self.assertIs(self.configured(server)["rfc"], True)
 
+    def test_the_past_is_read_from_the_file_and_the_journal_and_nothing_else_is_made_of_them(self):
+        """Both in the order of time, with whatever strangers have made the daemon write."""
+        log = self.lab.directory / "log" / "client" / "ostrel.log"
+        log.write_text("2026-11-22 10:00:00.250 [eth0] client SELECTING, action\n"
+                       "2026-11-22 10:00:02.000 [eth0] client holds 192.0.2.50\n"
+                       "2026-11-22 10:00:03 [eth0] client holds 192.0.2.51\nrubbish\n\n"
+                       "2026-11-22 10:00:04.1 [eth1] The link is lost.\n")
+        journal = self.lab.file("journalctl", "#!/bin/sh\ncat <<'END'\n" + "\n".join(json.dumps(entry) for entry in (
+            {"__REALTIME_TIMESTAMP": "1795341601500000", "MESSAGE": "[eth0] client BOUND, ack, 192.0.2.50 of 192.0.2.1"},
+            {"__REALTIME_TIMESTAMP": 7, "MESSAGE": [27, 91, 50, 74]}, {"MESSAGE": "[eth0] \x1b[2J"},
+            {"__REALTIME_TIMESTAMP": "1795341605000000", "MESSAGE": "[eth0] client gives up 192.0.2.50, \x1b[2J"})) + "\nEND\n")
+        os.chmod(journal, 0o755)
+        environment = {"PATH": f"{self.lab.directory}:{os.environ['PATH']}", "TZ": "UTC"}
+        shown = self.run_tool("client", "log eth0", **environment)
+        self.assertEqual((shown.status, shown.errors), (0, ""))
+        self.assertEqual(re.sub(r"(?m)^2026-11-22 10:00(\.\d+) eth0     ", r"\1 ", shown.output),
+                         ".250   client asks who offers an address\n.500   client is granted 192.0.2.50 by 192.0.2.1\n"
+                         ".000 + address 192.0.2.50 in use\n.000 - address 192.0.2.50 no longer in use: ?[2J\n")
+        (last,) = map(json.loads, self.run_tool("client", "log -n 1 --json=lines", **environment).output.splitlines())
+        self.assertEqual((last["event"], last["time"], last["ipv4Address"]), ("lost", 1795341605, "192.0.2.50"))
+
     def test_an_older_daemon_is_asked_for_what_it_knows(self):
         old = self.peer("client", "/usr/bin/python3", pathlib.Path(__file__).with_name("old_daemon.py"),
                         output=self.lab.directory / "old")
         lab.eventually(lambda: self.run_tool("client", "status").status == 0, 10, "the old daemon")
+        for line in ("watch", "wait eth0", "apply eth0 --dry-run", "trace", "log -f -n 0", "stats"):
+            self.assertEqual(self.type("client", line, status=1, errors="the daemon is older than this command, and does not tell"), "")
         self.type("client", "client eth0 --link-local fallback")
         self.type("client", "release eth0")
         self.assertIn("server of 20 addresses",

@@ -1,14 +1,15 @@
 // ostrelctl log: what happened, one line an event.
 //
-// The past is read from the daemon's log, its file or the journal, the present from its posts; Happening.h has one set
-// of words for both. The daemon's debug output must be at "info" or below for its log to tell of states.
+// The past is read from the daemon's log, the present from its posts; Happening.h has one set of words for both. Where
+// the log is depends on how the daemon was started: its file and the journal are both looked at, and put in order. Its
+// debug output must be at "info" or below for it to tell of states.
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <ctime>
 #include <deque>
 #include <fstream>
-#include <unistd.h>
+#include <iterator>
 
 #include "Ostrel/System.h"
 
@@ -25,7 +26,8 @@ namespace ostrelctl {
 namespace {
 
 constexpr uint32_t kUsualCount = 100;  // events of the past
-constexpr char kJournal[] = "journalctl --no-pager --quiet --output=json --output-fields=MESSAGE -t org.ostrel.dhcp";
+constexpr char kJournal[] =
+    "journalctl --no-pager --quiet --output=json --output-fields=MESSAGE -t org.ostrel.dhcp 2>/dev/null";
 
 struct LogOptions {
     std::string interface;
@@ -95,13 +97,11 @@ void KeepFileLine(const LogOptions& options, std::deque<Entry>& kept, const std:
 }
 
 bool ReadLogFile(const LogOptions& options, std::deque<Entry>& kept) {
-    std::ifstream current(kLogFile, std::ios::binary);
-    if (!current) return false;
+    std::ifstream former(std::string(kLogFile) + ".1", std::ios::binary), current(kLogFile, std::ios::binary);
     std::string line;
-    std::ifstream former(std::string(kLogFile) + ".1", std::ios::binary);
     while (std::getline(former, line)) KeepFileLine(options, kept, line);
     while (std::getline(current, line)) KeepFileLine(options, kept, line);
-    return true;
+    return current.eof();
 }
 
 void KeepJournalLine(const LogOptions& options, std::deque<Entry>& kept, const char* text) {
@@ -125,14 +125,17 @@ bool ReadJournal(const LogOptions& options, std::deque<Entry>& kept) {
 }
 
 ExitStatus ShowPast(const Logger& logger) {
-    const bool hasFile = access(kLogFile, F_OK) == 0;
-    std::deque<Entry> kept;
-    const bool isRead = hasFile ? ReadLogFile(logger.options, kept) : ReadJournal(logger.options, kept);
-    for (const Entry& entry : kept) Print(logger, entry);
-    if (isRead) return kExitDone;
-    if (hasFile) return Refuse(kExitRefused, std::string(kLogFile) + " cannot be read", "become root");
-    return Refuse(kExitRefused, "there is no log to read: neither /var/log/ostrel.log nor the journal",
-                  "'ostrelctl log -f' shows what happens from now on");
+    std::deque<Entry> kept, fromJournal;
+    const bool hasFile = ReadLogFile(logger.options, kept);
+    const bool hasJournal = ReadJournal(logger.options, fromJournal);
+    if (!hasFile && !hasJournal)
+        return Refuse(kExitRefused, "there is no log to read: neither /var/log/ostrel.log nor the journal",
+                      "become root; 'ostrelctl log -f' shows what happens from now on");
+    std::ranges::move(fromJournal, std::back_inserter(kept));
+    std::ranges::stable_sort(kept, {}, &Entry::time);
+    const size_t most = logger.options.count.value_or(kUsualCount);
+    for (size_t i = kept.size() > most ? kept.size() - most : 0; i < kept.size(); ++i) Print(logger, kept[i]);
+    return kExitDone;
 }
 
 // --- The present ---
