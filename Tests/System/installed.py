@@ -51,7 +51,7 @@ def install(root):
     for package in ("ostreld", "ostrelctl"):
         (archive,) = (root / "made").glob(f"{package}_*.deb")
         subprocess.run(["dpkg-deb", "-x", str(archive), str(root)], check=True)
-    (root / "etc").mkdir()
+    (root / "etc").mkdir(exist_ok=True)
     for accounts in ("passwd", "group"):
         shutil.copy(f"/etc/{accounts}", root / "etc")
     (root / "usr/lib/sysusers.d/test.conf").write_text(USERS)

@@ -2,6 +2,7 @@
 import os
 import pathlib
 import re
+import sys
 
 import installed
 import lab
@@ -10,6 +11,7 @@ METHODS = (("/", "interfaceInitialize"), ("/", "interfaceFinalize"), ("/", "inte
            ("/", "setDebugLevel"), ("/client", "leaseAction"), ("/client", "leaseInformation"),
            ("/server", "leaseInformation"), ("/", "interfaceState"), ("/", "trace"), ("/server", "leaseEvents"))
 HIGHEST_EXPOSURE = {"ostreld.service": 15, "ostrel.service": 17, "ostrel-wait-online.service": 20}  # tenths
+SERVER = "[eth0]\nrole = 'server'\naddress = '192.0.2.1/24'\nrange = '192.0.2.50-192.0.2.59'\n"
 LOG_LIMIT = 10 << 20
 CAPABILITIES = 1 << 10 | 1 << 13 | 1 << 35  # CAP_NET_BIND_SERVICE, CAP_NET_RAW, CAP_WAKE_ALARM
 
@@ -115,6 +117,20 @@ class Unit(installed.InstalledTest):
         for daemon in (client, server):
             daemon.must("/", "interfaceFinalize", interface="eth0")
             self.assert_log_is_kept(daemon.host)
+
+    def test_run_with_the_rights_of_its_unit_the_files_come_true(self):
+        unit = installed.Unit(self.root / "usr/lib/systemd/system/ostrel.service")
+        for host, table in (("server", SERVER), ("client", "[eth0]\nrole = 'client'\n")):
+            state = self.lab.directory / f"state-{host}"
+            state.mkdir()
+            self.confined_daemon(host)
+            self.peer(host, *self.on_it("setpriv", "--no-new-privs", "--bounding-set=-all,+net_admin", sys.executable,
+                                        "-c", installed.FILTER, *unit.system_calls(), "--", "/usr/bin/ostrelctl", "run",
+                                        self.lab.file(f"{host}.toml", table), "--state", state))
+        lab.eventually(lambda: self.run_on("client", "ostrelctl", "wait", "eth0", "--timeout", "9")[0] == 0,
+                       10, "address")
+        lab.eventually(lambda: "192.0.2.50" in self.run_on("client", "ip", "-4", "address", "show", "eth0")[1], 5,
+                       "address in the kernel")
 
 
 if __name__ == "__main__":
