@@ -27,7 +27,7 @@ using std::chrono::seconds;
 
 constexpr seconds kSavePause{1};      // between two writes: flash wears
 constexpr seconds kWakePause{1};      // between two calls of a daemon that does not come
-constexpr seconds kRefusedPause{60};  // before the daemon is asked again for what it has refused
+constexpr seconds kRefusedPause{60};  // before what has failed is tried again
 
 void SayOf(const std::string& interface, const std::string& words) {
     printf("%s%s\n", LineHead(interface).c_str(), words.c_str());
@@ -233,14 +233,19 @@ void LookAt(Controller& controller, const std::string& interface) {
     TakeUp(controller, interface, *entry);
 }
 
-// Whoever owns the name is told by the bus; the answer is not waited for.
+// Any call has the bus start the daemon; that it is there then is told as ever.
 void CallDaemon(Controller& controller) {
     const bool isWanted = std::ranges::any_of(EthernetInterfaces(), [&controller](const std::string& interface) {
         return EntryFor(controller.configuration, interface) != nullptr;
     });
-    if (!isWanted) controller.nextWake = kNever;
-    if (!isWanted || (controller.nextWake != kNever && Clock::now() < controller.nextWake)) return;
-    (void)AskQuietly(controller.calls, kInterfaceState, valdo::Object());
+    if (!isWanted) {
+        controller.nextWake = kNever;
+        controller.isAbsent = true;
+        return;
+    }
+    if (controller.nextWake != kNever && Clock::now() < controller.nextWake) return;
+    const Answer answer = AskQuietly(controller.calls, kInterfaceState, valdo::Object());
+    controller.isAbsent = answer.status == kExitNoDaemon;
     controller.nextWake = Clock::now() + kWakePause;
 }
 
@@ -325,7 +330,7 @@ void TellManager(Controller& controller) {
     if (status.empty())
         status = controller.follower.owner.empty() ? "waiting for the daemon" : "waiting for interfaces";
     const bool isReady = !controller.status.empty();
-    const bool isDone = controller.follower.owner.empty() || controller.applying.holdings.isTold;
+    const bool isDone = controller.follower.owner.empty() ? controller.isAbsent : controller.applying.holdings.isTold;
     if (!isDone || std::exchange(controller.status, status) == status) return;
     NotifyManager((isReady ? "STATUS=" : "READY=1\nSTATUS=") + status);
 }
@@ -366,6 +371,7 @@ void Save(Controller& controller) {
     if (!controller.isUnsaved) return;
     controller.savedAt = Clock::now();
     controller.isUnsaved = SaveState(controller.stateFile, controller.kept) != kExitDone;
+    if (controller.isUnsaved) controller.savedAt += kRefusedPause;  // it has been complained about
 }
 
 }  // namespace ostrelctl

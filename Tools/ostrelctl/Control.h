@@ -38,6 +38,7 @@ struct Controller {
     std::map<std::string, TimePoint> refused{};  // interfaces that could not be handed over, with the next try
     std::map<std::string, std::string> left{};   // interfaces that others configure, with who
     std::map<unsigned, std::string> lost{};      // numbers of interfaces that the daemon has let go, with their names
+    bool isAbsent = false;                       // there is no daemon, and none could be started
     TimePoint nextWake{};                        // when a daemon that is not there is called again
     std::string status{};                        // last told to the service manager
 };
