@@ -111,16 +111,17 @@ class Why(ctl_test.Tool):
                   for host, words in (("client", ("--pcap", str(capture))), ("server", ()))}
         for enter, host, status, also in self.situations:
             with self.subTest(enter.__name__):
-                self.ending = []
+                self.ending = [lambda: self.type("client", "release eth0")]
                 self.type("client", "client eth0 --host-name panel")
-                again = enter(self) or (lambda: None)
-                self.see(host, status, again)
-                if also:
-                    lab.eventually(lambda: re.search(also[2], self.told(*also[:2], traces)), 20,
-                                   f"{also[2]!r} in {self.told(*also[:2], traces)}")
-                for end in reversed(self.ending):
-                    end()
-                self.type("client", "release eth0")
+                try:
+                    again = enter(self) or (lambda: None)
+                    self.see(host, status, again)
+                    if also:
+                        lab.eventually(lambda: re.search(also[2], self.told(*also[:2], traces)), 20,
+                                       f"{also[2]!r} in {self.told(*also[:2], traces)}")
+                finally:
+                    for end in reversed(self.ending):
+                        end()
         self.check_capture(capture, traces["client"].output.read_text())
         self.check_metrics()
         lab.stop(traces["client"])

@@ -20,7 +20,7 @@ constexpr int64_t kSecond = 1'000'000;   // microseconds
 
 bool IsWritten(FILE* file, std::span<const uint32_t> words, std::span<const uint8_t> bytes) {
     return fwrite(words.data(), sizeof(uint32_t), words.size(), file) == words.size() &&
-           fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() && fflush(file) == 0;
+           (bytes.empty() || fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size()) && fflush(file) == 0;
 }
 
 }  // namespace
