@@ -125,7 +125,13 @@ class Restarts(RunTest):
 
 class Changes(RunTest):
     def test_files_are_read_again_and_a_wrong_one_changes_nothing(self):
+        resolver = self.lab.directory / "resolv.conf"
+        resolver.write_text("# somebody's, and longer than what comes after it, so that something would be left of it\n")
+        self.files["client"].write_text(f'resolv-conf = "{resolver}"\n{CLIENT}')
+        self.files["server"].write_text(SERVER.format(lease="10m") + 'dns = ["192.0.2.3"]\n')
         self.start_all()
+        lab.eventually(lambda: resolver.read_text() == "# Written by ostrelctl run\nnameserver 192.0.2.3\n", 5,
+                       f"resolv.conf: {resolver.read_text()}")
         self.files["server"].write_text("[eth0]\nrole = 'server'\n")
         self.assertEqual(self.tool("server", "reload").returncode, 0)
         lab.eventually(lambda: "address is required" in self.said("server"), 5, "complaint")
