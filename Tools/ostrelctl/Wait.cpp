@@ -58,13 +58,14 @@ bool IsOver(const Holdings& holdings, const WaitOptions& options) {
 void Show(const Holdings& holdings, const WaitOptions& options, bool lines) {
     for (const auto& [interface, holding] : holdings.each) {
         if (!holding.lease) continue;
-        const std::string address = AddressWithPrefix(holding.lease->address, holding.lease->mask);
+        std::string address = options.interfaces.size() == 1 ? "" : interface + ' ';
+        address += AddressWithPrefix(holding.lease->address, holding.lease->mask);
         valdo::JValue line = LineOf("present", interface);
         PutLease(line, *holding.lease);
         if (lines)
             PrintLine(line);
         else
-            puts((options.interfaces.size() == 1 ? address : interface + ' ' + address).c_str());
+            puts(address.c_str());
     }
 }
 
