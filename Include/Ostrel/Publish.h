@@ -29,6 +29,8 @@ void Ostrel_InterfaceLeaseChanged(Ostrel_InterfaceObj* iface, bool isHeld);
 // Turns first: what has changed before is posted at once, so that no state is passed over.
 void Ostrel_InterfacePictureChanged(Ostrel_InterfaceObj* iface);
 void Ostrel_InterfacePictureTurns(Ostrel_InterfaceObj* iface);
+// What has changed is posted behind what is due by now, such as a check that takes no time, and with what that changes.
+void Ostrel_InterfacePicturePutOff(Ostrel_InterfaceObj* iface);
 // Of an interface that nobody has heard of, or that nobody can be told of any more: nothing will be posted.
 void Ostrel_InterfacePictureForget(Ostrel_InterfaceObj* iface);
 

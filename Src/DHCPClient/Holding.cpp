@@ -95,12 +95,13 @@ Ostrel_Status Ostrel_DHCPClientStateTransition_Bound(Ostrel_ClientObj* client) {
     Ostrel_DHCPClientFreeLeaseOffers(client);
     client->announcementsLeft = welcome.announcements;
     OSTREL_REQUIRE_NOERR(Ostrel_DHCPClientBeginCheck(client, welcome.check));
+    Ostrel_InterfacePicturePutOff(client->iface);
     return kNoErr;
 }
 
 void Ostrel_DHCPClientTimeout_Bound(void* context, void* /*iface*/) {
     Ostrel_ClientObj* const client = Ostrel_DHCPClientEnterHandler(context, kClientTimeoutArping, __func__);
-    Ostrel_InterfacePictureTurns(client->iface);
+    if (!Ostrel_DHCPClientHolds(client)) Ostrel_InterfacePictureTurns(client->iface);
     client->isChecking = false;
     LogAcceptedLease(client);
     Ostrel_DHCPClientSetHeld(client, true);

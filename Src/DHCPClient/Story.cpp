@@ -52,6 +52,15 @@ uint64_t NextTry(const Ostrel_ClientObj* client) {
     return expiry != 0 && next >= expiry ? 0 : next;
 }
 
+// Of the lease that is held; while the address of a renewal is checked its timer does not run.
+uint64_t End(const Ostrel_ClientObj* client) {
+    const Ostrel_ClientLease& lease = client->lease;
+    const uint64_t due = client->due[kClientTimeoutExpiry];
+    const bool ends = !Ostrel_DHCPClientIsStatic(client) && lease.leaseTime != kInfiniteLease;
+    if (due != 0 || !ends || client->state != kClientStateBound || !Ostrel_DHCPClientHolds(client)) return due;
+    return (uint64_t{lease.leaseAcquired} + lease.leaseTime) * 1000;
+}
+
 void SetDue(Ostrel_ClientObj* client, Ostrel_ClientTimeout timeout, uint64_t moment) {
     if (timeout < client->due.size()) client->due[timeout] = moment;
 }
@@ -247,7 +256,7 @@ void Ostrel_DHCPClientTellTimes(Ostrel_ClientObj* client) {
     story.nextTry = NextTry(client);
     story.renews = isBound ? client->due[kClientTimeoutRenewing] : 0;
     story.rebinds = isRenewed ? client->due[kClientTimeoutRebinding] : 0;
-    story.expires = client->due[kClientTimeoutExpiry];
+    story.expires = End(client);
     const std::array<uint64_t, 4> now{story.nextTry, story.renews, story.rebinds, story.expires};
     if (now != told) Ostrel_InterfacePictureChanged(client->iface);
 }

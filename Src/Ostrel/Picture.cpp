@@ -38,3 +38,9 @@ void Ostrel_InterfacePictureForget(Ostrel_InterfaceObj* iface) {
     if (iface->pictureIsStale) eloop_cancel_timeout(Ostrel_PictureTimeout, iface, nullptr);
     iface->pictureIsStale = false;
 }
+
+void Ostrel_InterfacePicturePutOff(Ostrel_InterfaceObj* iface) {
+    if (!iface->pictureIsStale) return;
+    Ostrel_InterfacePictureForget(iface);
+    Ostrel_InterfacePictureChanged(iface);
+}

@@ -131,6 +131,21 @@ TEST(Picture, TheLastWaitForAnAnswerEndsWithoutATry) {
     EXPECT_EQ(waits, (std::vector<std::string>{"4", "12", "28", "60", "null"}));
 }
 
+TEST(Picture, ALeaseThatIsHeldHasAnEndInEachPost) {
+    for (const bool rfc : {false, true}) {
+        PictureLan lan(rfc);
+        lan.Bind(600);
+        lan.world.RunFor(700s);
+        int bound = 0;
+        for (const Post& post : lan.world.posts) {
+            const std::string text = RoleOf(post.payload, "client");
+            EXPECT_NE(ValueOf(text, "expires"), "null") << text;
+            bound += WordOf(text, "state") == "BOUND" ? 1 : 0;
+        }
+        EXPECT_EQ(bound, rfc ? 2 : 4) << "by the plain rules each of two renewals is checked first";
+    }
+}
+
 TEST(Picture, ADeviceThatSleepsDoesNotPutOffTheEndOfItsLease) {
     PictureLan sleeper(true);
     sleeper.Bind();
