@@ -344,7 +344,10 @@ TEST_F(VoroBusTest, OneWhoWaitsForNothingIsRefusedAndOneWhoWaitsIsNot) {
     for (size_t i = 0; i < 200; ++i) ASSERT_EQ(waits.Call("/", "echo", full), full) << i;
     ASSERT_TRUE(hasty.RunUntil([&] { return answers.back().has_value(); }));
     EXPECT_TRUE(answers.front() == full);
-    EXPECT_TRUE(answers.back() == "org.freedesktop.DBus.Error.LimitsExceeded");
+    // Some 64 replies of this length are 4 MiB. What its socket holds counts as taken once the bus has been asked, so
+    // that a few later ones are answered again.
+    const Answer refused = "org.freedesktop.DBus.Error.LimitsExceeded";
+    EXPECT_GE(std::count(answers.begin(), answers.end(), refused), 20);
     EXPECT_TRUE(hasty.RunUntil([&] { return hasty.Call("/", "echo", "now") == "now"; }));
 }
 
