@@ -10,7 +10,6 @@
 #include <limits>
 #include <net/if.h>
 
-#include "Command.h"
 #include "valdo.h"
 
 namespace ostrelctl {
@@ -147,14 +146,6 @@ CLI::Option* AddInterface(CLI::App& command, std::string& name) {
 
 CLI::Option* AddInterfaces(CLI::App& command, std::vector<std::string>& names) {
     return command.add_option("IFACE", names, "The interfaces")->type_name("")->check(CheckInterfaceName);
-}
-
-void AddJsonFlag(CLI::App& app, std::string& json) {
-    app.add_flag("-j{raw},--json{raw}", json, "Print the daemon's own replies, one to a line")
-        ->take_last()
-        ->check([](const std::string& word) -> std::string {
-            return word == "raw" || word == "lines" ? "" : '\'' + Printable(word) + "' is neither raw nor lines";
-        });
 }
 
 }  // namespace ostrelctl
