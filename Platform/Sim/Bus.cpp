@@ -14,16 +14,17 @@
 
 namespace {
 
+using sim::DeviceCall;
 using sim::World;
 
 class Connection : public BusConnection {
 public:
-    int AddObject(const BusCategory&) override { return 0; }
+    int AddObject(const BusCategory&) override { return sim::Refuses(DeviceCall::Attach) ? -ENOMEM : 0; }
     int SendReply(VSMessage& message, const char* text) override;
     int SendPost(const BusNews& news, const BusPeer& peer) override;
     int Ping(BusPeer& peer) override;
     int Count(BusPeer& peer) override;
-    int Watch(BusPeer&) override { return 0; }
+    int Watch(BusPeer&) override { return lost ? -ENOTCONN : sim::Refuses(DeviceCall::Subscribe) ? -ENOBUFS : 0; }
     int LookFor(BusPeer& peer) override;
     [[nodiscard]] size_t WaitingBytes() override { return 0; }
 
@@ -42,6 +43,7 @@ VSHandle* Service() {
 int Connection::SendReply(VSMessage& message, const char* text) {
     if (lost || World::Get().failReplies) return -ENOTCONN;
     if (!IsFitForBus(text)) return -EINVAL;
+    if (sim::Refuses(DeviceCall::Reply)) return -ENOBUFS;
     *static_cast<std::string*>(message.call) = text;
     if (sim::StoppedReader* stopped = World::Get().Internals().FindStopped(message.caller))
         stopped->bytes += message.expectsReply ? std::string_view(text).size() : 0;
@@ -51,6 +53,7 @@ int Connection::SendReply(VSMessage& message, const char* text) {
 int Connection::SendPost(const BusNews& news, const BusPeer& peer) {
     World& world = World::Get();
     if (lost || world.failPosts) return -ENOTCONN;
+    if (sim::Refuses(DeviceCall::Post)) return -ENOBUFS;
     world.Internals().TraceText("post", peer.name + " " + news.text, world.tracing);
     sim::Post post{world.Now(), peer.name, news.category->path, news.method, news.text};
     if (sim::StoppedReader* stopped = world.Internals().FindStopped(peer.name)) {
@@ -86,12 +89,14 @@ void AnswerPing(const std::string& name) {
 
 int Connection::Ping(BusPeer& peer) {
     if (lost) return -ENOTCONN;
+    if (sim::Refuses(DeviceCall::Ask)) return -ENOBUFS;
     World::State& state = World::Get().Internals();
     state.schedule.Add(state.now, [name = peer.name] { AnswerPing(name); });
     return 0;
 }
 
 int Connection::Count(BusPeer& peer) {
+    if (sim::Refuses(DeviceCall::Ask)) return -ENOBUFS;
     const auto answer = [name = peer.name] {
         BusPeer* counted = ReportIfLeft(name) ? nullptr : FindPeer(name);
         if (counted == nullptr || !counted->counting) return;
@@ -106,6 +111,7 @@ int Connection::Count(BusPeer& peer) {
 }
 
 int Connection::LookFor(BusPeer& peer) {
+    if (sim::Refuses(DeviceCall::Ask)) return -ENOBUFS;
     World::State& state = World::Get().Internals();
     state.schedule.Add(state.now, [name = peer.name] { ReportIfLeft(name); });
     return 0;
@@ -145,9 +151,11 @@ std::string World::Call(std::string_view category, std::string_view method, std:
                       .name = row->name,
                       .payload = text.c_str(),
                       .caller = name.c_str()};
+    const size_t replies = CallsMade(DeviceCall::Reply);
     const BusRefusal refusal = BusServeCall(message);
     if (refusal.error != nullptr) callError = refusal.silent ? "no answer" : refusal.error;
-    if (callError.ends_with("Error.Failed") && !failReplies) Fail("no answer: " + what);
+    const bool mayFail = failReplies || CallsMade(DeviceCall::Reply) != replies;  // one was tried, and refused
+    if (callError.ends_with("Error.Failed") && !mayFail) Fail("no answer: " + what);
     return reply;
 }
 
@@ -191,6 +199,7 @@ void World::LoseBus() {
 
 bool VSRegister(const char* serviceName, VSHandle** handle, VSError* error) noexcept {
     if (serviceName == nullptr) return BusFail(error, EINVAL, "no name");
+    if (sim::Refuses(DeviceCall::Attach)) return BusFail(error, ENOENT, "the bus cannot be reached");
     auto& bus = World::Get().Internals().bus;
     bus = std::make_shared<VSHandle>(std::make_unique<Connection>());
     *handle = bus.get();
@@ -199,6 +208,7 @@ bool VSRegister(const char* serviceName, VSHandle** handle, VSError* error) noex
 
 bool VSGmainAttach(VSHandle* handle, _GMainLoop* loop, VSError* error) noexcept {
     if (loop == nullptr) return BusFail(error, EINVAL, "no loop");
+    if (sim::Refuses(DeviceCall::Attach)) return BusFail(error, ETIMEDOUT, "the bus daemon does not answer");
     if (World::Get().nameTaken) return BusFail(error, EEXIST, "the name is taken");
     ConnectionOf(handle).attached = true;
     return true;

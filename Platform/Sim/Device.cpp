@@ -85,7 +85,7 @@ using sim::World;
 
 os_link os_link_of(const char* ifname) noexcept {
     const sim::Interface* const interface = World::Get().Internals().FindInterface(ifname);
-    if (interface == nullptr) return {};
+    if (sim::Refuses(sim::DeviceCall::Link) || interface == nullptr) return {};
     os_link link{
         .isThere = true, .isRunning = interface->up, .index = interface->index, .address = interface->mac, .name = {}};
     interface->name.copy(link.name.data(), link.name.size() - 1);
@@ -100,6 +100,7 @@ os_link os_link_at(int32_t index) noexcept {
 
 bool os_is_own_address(const std::array<uint8_t, 6>& address) noexcept {
     const World& world = World::Get();
+    if (sim::Refuses(sim::DeviceCall::Link)) return false;
     const auto isOfIt = [&](const auto& interface) { return interface->mac == address; };
     const auto& interfaces = World::Get().Internals().interfaces;
     const bool isOfInterface = !world.interfacesAreHosts && std::any_of(interfaces.begin(), interfaces.end(), isOfIt);
@@ -110,7 +111,7 @@ bool os_is_own_address(const std::array<uint8_t, 6>& address) noexcept {
 int os_watch_device(const os_device_watcher& watcher) noexcept {
     World::State& state = World::Get().Internals();
     os_unwatch_device();
-    if (!state.loop.exists) return -1;
+    if (!state.loop.exists || sim::Refuses(sim::DeviceCall::Watch)) return -1;
     state.device.watcher = watcher;
     return 0;
 }
@@ -124,7 +125,7 @@ void os_unwatch_device() noexcept {
 os_port* os_hold_port(const char* ifname, uint16_t port) noexcept {
     World& world = World::Get();
     const sim::Interface* const interface = world.Internals().FindInterface(ifname);
-    if (interface == nullptr || !world.portsMayBeHeld) return nullptr;
+    if (interface == nullptr || !world.portsMayBeHeld || sim::Refuses(sim::DeviceCall::HoldPort)) return nullptr;
     auto* const held = os_new<os_port>();
     if (held == nullptr) return nullptr;
     *held = {interface->index, port};

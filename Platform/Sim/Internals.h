@@ -37,8 +37,9 @@ namespace sim {
 
 // Memory.cpp
 [[nodiscard]] size_t LiveBlocks();
-[[nodiscard]] size_t AllocationsUntilFailure();
-void SetAllocationsUntilFailure(size_t count);
+
+// Refusals.cpp: counts a call; true when it is to fail. Without a world nothing fails.
+[[nodiscard]] bool Refuses(DeviceCall call);
 
 // Loop.cpp: keeps one event in the schedule for the next timeout, and none while the device sleeps.
 void ScheduleWake();
@@ -102,6 +103,13 @@ struct StoppedReader {
     bool isAsked;             // by a Ping
 };
 
+// The calls of one kind.
+struct CallCount {
+    size_t made = 0;
+    size_t firstRefused = 0;  // counted as `made`; 0: none
+    size_t lastRefused = 0;
+};
+
 struct TracedFrame {
     Duration time;
     std::shared_ptr<const Frame> frame;
@@ -134,6 +142,7 @@ struct sim::World::State {
     std::set<std::string> left;  // names that are on the bus no more
 
     size_t blocksBefore = 0;  // live when the world began
+    std::array<CallCount, kDeviceCalls> calls{};
     std::deque<TracedFrame> recentFrames;
     uint64_t traceHash = 0xCBF29CE484222325;  // FNV-1a
     std::string trace;

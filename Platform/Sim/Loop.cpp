@@ -46,7 +46,8 @@ int Register(uint32_t seconds, uint32_t milliseconds, std::string_view alarmName
     World& world = World::Get();
     EventLoop& loop = Loop();
     const int64_t deadline = world.Now().count() + TimeoutDelay(seconds, milliseconds);
-    if (!loop.exists || world.failTimeouts || !loop.timeouts.Add(deadline, handler, context1, context2, alarmName))
+    if (!loop.exists || world.failTimeouts || Refuses(DeviceCall::Timeout) ||
+        !loop.timeouts.Add(deadline, handler, context1, context2, alarmName))
         return -1;
     ScheduleWake();
     return 0;
@@ -110,7 +111,7 @@ using sim::World;
 
 int eloop_init(void* loopContext) noexcept {
     sim::EventLoop& loop = sim::Loop();
-    if (loop.exists) return -1;
+    if (loop.exists || sim::Refuses(sim::DeviceCall::Loop)) return -1;
     std::vector<int> pending = std::move(loop.pendingSignals);
     loop = {};
     loop.exists = true;
@@ -144,7 +145,7 @@ void eloop_destroy() noexcept {
 
 int eloop_register_signal_terminate(eloop_signal_handler handler, void* handlerContext) noexcept {
     sim::EventLoop& loop = sim::Loop();
-    if (!loop.exists) return -1;
+    if (!loop.exists || sim::Refuses(sim::DeviceCall::Loop)) return -1;
     loop.signalHandler = handler;
     loop.signalContext = handlerContext;
     sim::ScheduleSignals();

@@ -8,12 +8,11 @@
 namespace {
 
 size_t liveBlocks = 0;
-size_t allocationsUntilFailure = 0;  // 1: the next one fails; 0: none
 
 }  // namespace
 
 void* os_zalloc(size_t size) noexcept {
-    if (allocationsUntilFailure != 0 && --allocationsUntilFailure == 0) return nullptr;
+    if (sim::Refuses(sim::DeviceCall::Allocate)) return nullptr;
     void* memory = std::calloc(1, size == 0 ? 1 : size);
     if (memory != nullptr) ++liveBlocks;
     return memory;
@@ -25,16 +24,6 @@ void os_free(void* memory) noexcept {
     std::free(memory);
 }
 
-namespace sim {
-
-size_t LiveBlocks() {
+size_t sim::LiveBlocks() {
     return liveBlocks;
 }
-size_t AllocationsUntilFailure() {
-    return allocationsUntilFailure;
-}
-void SetAllocationsUntilFailure(size_t count) {
-    allocationsUntilFailure = count;
-}
-
-}  // namespace sim

@@ -79,6 +79,27 @@ private:
 
 enum class SendFault : uint8_t { None, Short, Error };
 
+// What the daemon asks of the device, as far as it may be refused. What it gets then stands in Platform/Include.
+enum class DeviceCall : uint8_t {
+    Allocate,    // os_zalloc
+    Send,        // l2_packet_send: the queue is full (ENOBUFS)
+    Timeout,     // eloop_register_timeout and eloop_register_timeout_rtc
+    OpenSocket,  // l2_packet_init
+    Filter,      // l2_packet_install_filter
+    HoldPort,    // os_hold_port
+    Watch,       // os_watch_device
+    Link,        // os_link_of, os_link_at: no interface is seen; os_is_own_address: none is
+    Loop,        // eloop_init, eloop_register_signal_terminate
+    Attach,      // VSRegister, VSRegisterCategory, VSGmainAttach
+    Reply,       // VSMessageReply
+    Post,        // one message to one subscriber, of VSSubscriptionPost and VSSubscriptionTell
+    Subscribe,   // VSSubscriptionProcess: that the caller leaves would not be noticed
+    Ask,         // the bus is not asked what a peer has read; not a call of the daemon, and tried again later
+    kCount
+};
+constexpr auto kDeviceCalls = static_cast<size_t>(DeviceCall::kCount);
+[[nodiscard]] const char* NameOf(DeviceCall call);
+
 struct LogLine {
     Duration time;
     bool systemLog;  // QxLog rather than debug output
@@ -140,9 +161,17 @@ public:
     // The same in every world, whatever a test does with the other: for what holds in all of them.
     static inline std::function<void(const Station& interface, std::span<const uint8_t> frame)> onEverySend;
 
-    // Memory: the n-th os_zalloc from now fails (1: the next); 0: none. Live: blocks not yet given back.
-    void FailAllocation(size_t nth);
-    [[nodiscard]] bool AllocationFailurePending() const;  // the one asked for has not come yet
+    // Refusals: of the calls of one kind the nth from now (1: the next; 0: none) and those after it fail, and of all
+    // others each by its chance in 1/1000. The chances are drawn from a generator of their own, only where there is
+    // one.
+    void FailCall(DeviceCall call, size_t nth, size_t count = 1);
+    [[nodiscard]] bool IsFailurePending(DeviceCall call) const;  // the first one asked for has not come yet
+    [[nodiscard]] size_t CallsMade(DeviceCall call) const;       // since the world began
+    std::array<uint32_t, kDeviceCalls> chanceOfFailure{};
+
+    // Memory: blocks not yet given back; FailAllocation is FailCall of os_zalloc.
+    void FailAllocation(size_t nth) { FailCall(DeviceCall::Allocate, nth); }
+    [[nodiscard]] bool AllocationFailurePending() const { return IsFailurePending(DeviceCall::Allocate); }
     [[nodiscard]] size_t LiveAllocations() const;
     [[nodiscard]] size_t PendingTimeouts() const;  // timeouts and alarms
     bool failTimeouts = false;                     // registering one fails
@@ -180,7 +209,8 @@ public:
     [[nodiscard]] std::string Describe() const;
 
     std::mt19937_64 random;
-    std::mt19937_64 entropy;  // the device's, from the same seed
+    std::mt19937_64 entropy;     // the device's, from the same seed
+    std::mt19937_64 misfortune;  // likewise: which calls are refused
 
     struct State;  // the platform's side
     [[nodiscard]] State& Internals() { return *state; }

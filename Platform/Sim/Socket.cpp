@@ -5,6 +5,7 @@
 // wire however many sockets have it installed: two hundred clients on one segment share three programs.
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "FilterInterpreter.h"
@@ -77,10 +78,12 @@ bool Interface::IsBehind(const MAC& destination) const {
 }
 
 int Interface::Send(std::span<const uint8_t> frame) {
-    if (!up || frame.size() > mtu + kHeader) return -1;
+    if (!up) return -ENETDOWN;
+    if (frame.size() > mtu + kHeader) return -EMSGSIZE;
+    if (Refuses(DeviceCall::Send)) return -ENOBUFS;
     if (faultySends != 0) {
         --faultySends;
-        if (fault == SendFault::Error) return -1;
+        if (fault == SendFault::Error) return -ENOBUFS;
         if (fault == SendFault::Short) return static_cast<int>(frame.size()) - 1;
     }
     if (World::onEverySend) World::onEverySend(*this, frame);
@@ -110,7 +113,7 @@ l2_packet_data* l2_packet_init(const char* ifname, const uint8_t*, uint16_t, l2_
                                int) noexcept {
     World& world = World::Get();
     sim::Interface* const interface = world.Internals().FindInterface(ifname);
-    if (interface == nullptr || !world.rawSocketsAllowed) return nullptr;
+    if (interface == nullptr || !world.rawSocketsAllowed || sim::Refuses(sim::DeviceCall::OpenSocket)) return nullptr;
     auto* const socket = os_new<l2_packet_data>();
     if (socket == nullptr) return nullptr;
     *socket = {interface, callback, context, 0, interface->mac, interface->mtu};
@@ -120,7 +123,7 @@ l2_packet_data* l2_packet_init(const char* ifname, const uint8_t*, uint16_t, l2_
 }
 
 int l2_packet_install_filter(l2_packet_data* l2, std::span<const l2_filter_instruction> program) noexcept {
-    if (l2 == nullptr || !sim::IsFilterValid(program)) return -1;
+    if (l2 == nullptr || !sim::IsFilterValid(program) || sim::Refuses(sim::DeviceCall::Filter)) return -1;
     l2->program = sim::InternProgram(program) + 1;
     return 0;
 }
@@ -136,7 +139,7 @@ uint32_t l2_packet_get_mtu(const l2_packet_data* l2) noexcept {
 }
 
 int l2_packet_send(l2_packet_data* l2, const uint8_t*, uint16_t, std::span<const uint8_t> frame) noexcept {
-    if (l2 == nullptr || l2->interface == nullptr) return -1;
+    if (l2 == nullptr || l2->interface == nullptr) return -ENXIO;
     return l2->interface->Send(frame);
 }
 

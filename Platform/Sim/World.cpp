@@ -18,18 +18,16 @@ World* currentWorld = nullptr;
 
 }  // namespace
 
-World::World(uint64_t seed) : random(seed), entropy(~seed), state(std::make_unique<State>()) {
+World::World(uint64_t seed) : random(seed), entropy(~seed), misfortune(seed + 1), state(std::make_unique<State>()) {
     if (currentWorld != nullptr) Abort("there is a World already");
     currentWorld = this;
     state->seed = seed;
     state->blocksBefore = LiveBlocks();
-    SetAllocationsUntilFailure(0);
     ResetLog();
     std::srand(1);  // as a process that never seeds it finds it
 }
 
 World::~World() {
-    SetAllocationsUntilFailure(0);
     if (PendingTimeouts() != 0) Fail(std::to_string(PendingTimeouts()) + " timeouts are left");
     if (OpenSockets() != 0) Fail(std::to_string(OpenSockets()) + " sockets are left");
     if (!state->heldPorts.empty()) Fail(std::to_string(state->heldPorts.size()) + " ports are left");
@@ -58,14 +56,6 @@ Duration World::Now() const {
 
 uint32_t World::MonotonicSeconds() const {
     return monotonicStart + static_cast<uint32_t>(TimeAwake() / std::chrono::seconds(1));
-}
-
-void World::FailAllocation(size_t nth) {
-    SetAllocationsUntilFailure(nth);
-}
-
-bool World::AllocationFailurePending() const {
-    return AllocationsUntilFailure() != 0;
 }
 
 size_t World::LiveAllocations() const {
