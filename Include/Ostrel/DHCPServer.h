@@ -97,6 +97,8 @@ struct Ostrel_ServerObj {
     std::array<uint32_t, kNumLeaseStates> slotsIn;  // by their state
     bool endsAreTold;                               // when the time of a lease is over: somebody subscribes to events
     bool endIsAwaited;                              // by the one timeout for all of them
+    bool awaitsLeases;                              // that it is given back; it answers nobody until then
+    uint64_t leasesEnd;                             // when it waits no longer, in monotonic milliseconds
     Ostrel_ServerCounters counters;
 };
 
@@ -117,6 +119,14 @@ void Ostrel_DHCPServerFinalize(Ostrel_ServerObj* server);
 [[nodiscard]] Ostrel_Status Ostrel_DHCPServerLeaseAction(Ostrel_ServerObj* server, Ostrel_IPv4 address,
                                                          const char* action);
 
+// Gives a server that awaits its leases some of them, as it would have got them with its configuration. Without `more`
+// they are the last, and it begins to serve. kOutOfMemoryErr: some may have been taken, and it goes on waiting.
+[[nodiscard]] Ostrel_Status Ostrel_DHCPServerGiveLeases(Ostrel_ServerObj* server, const Ostrel_ServerValues& values,
+                                                        bool more);
+
+// "SERVING", or what it does before.
+[[nodiscard]] const char* Ostrel_DHCPServerShownState(const Ostrel_ServerObj* server);
+
 // Slots by state, as "interfaceState" shows them. Kept ones, which are free for their client, are with the free ones.
 struct Ostrel_ServerGauges {
     uint32_t active;
@@ -128,7 +138,7 @@ struct Ostrel_ServerGauges {
 
 // Somebody has begun to subscribe to "leaseEvents", or nobody does any more: while somebody does, the end of a lease is
 // told when its time is over, and not when the next frame comes. Who begins is told of those that are over already and
-// that the table still has.
+// that the table still has. Whose leases are still to come tells nothing before they are there.
 void Ostrel_DHCPServerAudienceChanged(Ostrel_ServerObj* server);
 
 // Every ARP frame of the interface: one from an address that is probed says that somebody has it. The verdict: what the

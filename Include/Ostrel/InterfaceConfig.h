@@ -81,6 +81,7 @@ struct Ostrel_ServerValues {
     uint32_t numFixed;
     os_records<Ostrel_KeptLease> kept;
     uint32_t numKept;
+    bool leasesFollow;              // more of them come after the call: the server is silent until then
     Ostrel_OptionList options;      // beside those that the server knows itself
     std::optional<uint32_t> probe;  // milliseconds that a free address is probed with ARP before it is offered; 0: not
 };

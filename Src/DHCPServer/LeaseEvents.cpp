@@ -124,7 +124,7 @@ void Ostrel_DHCPServerForgetEnds(Ostrel_ServerObj* server) {
 
 void Ostrel_DHCPServerAudienceChanged(Ostrel_ServerObj* server) {
     const bool isWanted = Ostrel_LeaseEventsAreWanted(server->iface);
-    if (isWanted == server->endsAreTold) return;
+    if (isWanted == server->endsAreTold || server->awaitsLeases) return;
     if (isWanted)
         StartAnew(server, true);
     else

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "Ostrel/Check.h"
 
@@ -145,6 +146,40 @@ SlotList* ListOf(const Ostrel_ServerObj* server, uint32_t slot) {
     return IsBlank(server, slot) ? nullptr : &index.rested;
 }
 
+// The list by age from `first` on, through `next` alone, as two; gives the later one.
+uint32_t Halve(Ostrel_LeaseIndex& index, uint32_t first) {
+    uint32_t middle = first;
+    for (uint32_t end = index.links[first].byAge.next; end != kNoSlot;) {
+        end = index.links[end].byAge.next;
+        if (end == kNoSlot) break;
+        end = index.links[end].byAge.next;
+        middle = index.links[middle].byAge.next;
+    }
+    return std::exchange(index.links[middle].byAge.next, kNoSlot);
+}
+
+// Two such lists in order as one. Times may wrap, but are less than half of their circle apart.
+uint32_t Merge(const Ostrel_ServerObj* server, uint32_t one, uint32_t other) {
+    uint32_t first = kNoSlot;
+    for (uint32_t* end = &first;; end = &server->index->links[*end].byAge.next) {
+        if (one == kNoSlot || other == kNoSlot) {
+            *end = one == kNoSlot ? other : one;
+            return first;
+        }
+        const auto later = static_cast<int32_t>(server->leases[one].offerTime - server->leases[other].offerTime);
+        uint32_t& taken = later > 0 ? other : one;
+        *end = std::exchange(taken, server->index->links[taken].byAge.next);
+    }
+}
+
+// By merging, which needs no memory.
+uint32_t Sort(const Ostrel_ServerObj* server, uint32_t first) {
+    if (first == kNoSlot || server->index->links[first].byAge.next == kNoSlot) return first;
+    const uint32_t half = Halve(*server->index, first);
+    const uint32_t sorted = Sort(server, first);
+    return Merge(server, sorted, Sort(server, half));
+}
+
 bool SetsInitialize(Ostrel_LeaseIndex& index, uint32_t slots) {
     return SlotSetInitialize(index.free, slots) && SlotSetInitialize(index.blank, slots) &&
            SlotSetInitialize(index.withheld, slots);
@@ -237,6 +272,14 @@ void Ostrel_LeaseIndexEnter(Ostrel_ServerObj* server, uint32_t slot, bool keepsA
     if (!Ostrel_LeaseIsInUse(lease.state) || keepsAge) return;
     Append(index, index.byAge, slot);
     if (index.untold == kNoSlot) index.untold = slot;
+}
+
+void Ostrel_LeaseIndexSortByAge(Ostrel_ServerObj* server) {
+    Ostrel_LeaseIndex& index = *server->index;
+    index.byAge.first = index.untold = Sort(server, index.byAge.first);
+    index.byAge.last = kNoSlot;
+    for (uint32_t slot = index.byAge.first; slot != kNoSlot; slot = index.links[slot].byAge.next)
+        index.links[slot].byAge.previous = std::exchange(index.byAge.last, slot);
 }
 
 uint32_t Ostrel_LeaseIndexLowestTied(const Ostrel_ServerObj* server, uint64_t key, uint32_t from) {

@@ -86,6 +86,9 @@ void Ostrel_LeaseIndexHandOver(Ostrel_ServerObj* server, uint32_t slot, const Os
 // Unties a free slot from the client that had it last. It keeps its place.
 void Ostrel_LeaseIndexForget(Ostrel_ServerObj* server, uint32_t slot);
 
+// Puts the slots in use into the order of their offer times, whatever order they came in. Nothing may have been told.
+void Ostrel_LeaseIndexSortByAge(Ostrel_ServerObj* server);
+
 // The lowest slot from `from` on that is tied to the client, or kNoSlot.
 [[nodiscard]] uint32_t Ostrel_LeaseIndexLowestTied(const Ostrel_ServerObj* server, uint64_t key, uint32_t from);
 

@@ -24,6 +24,11 @@ constexpr uint32_t kHeldForOne = 4;
 [[nodiscard]] Ostrel_Status Ostrel_DHCPServer_LeasesInitialize(Ostrel_ServerObj* server,
                                                                const Ostrel_ServerValues& values);
 
+// Gives leases back, as LeasesInitialize does. Those of one call are put in by age; after several, see
+// Ostrel_LeaseIndexSortByAge. kOutOfMemoryErr when some were not.
+[[nodiscard]] Ostrel_Status Ostrel_DHCPServer_LeasesGiveBack(Ostrel_ServerObj* server,
+                                                             const Ostrel_ServerValues& values);
+
 // The slot that a message of this type from this client is about; kNoFreeResourceErr with null when there is none.
 //
 //   DISCOVER                the client's lowest slot, else the lowest free one; or, where holders are remembered: its

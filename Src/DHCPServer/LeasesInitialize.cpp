@@ -143,24 +143,6 @@ Ostrel_Status GiveBack(Ostrel_ServerObj* server, const Ostrel_KeptLease& kept, u
     return kNoErr;
 }
 
-// The oldest first, as the index wants them.
-Ostrel_Status GiveBackAll(Ostrel_ServerObj* server, std::span<const Ostrel_KeptLease> kept) {
-    if (kept.empty()) return kNoErr;
-    const os_array<uint32_t> order = os_zalloc_array<uint32_t>(kept.size());
-    OSTREL_REQUIRE(order != nullptr, "server->leases", kOutOfMemoryErr);
-    const std::span<uint32_t> numbers(order.get(), kept.size());
-    for (uint32_t i = 0; i < numbers.size(); ++i) numbers[i] = i;
-    std::sort(numbers.begin(), numbers.end(), [&kept](uint32_t one, uint32_t other) {
-        return std::pair(kept[one].remaining, one) < std::pair(kept[other].remaining, other);
-    });
-    const uint32_t now = os_monotonic_seconds();
-    for (const uint32_t number : numbers) {
-        const Ostrel_Status status = GiveBack(server, kept[number], now);
-        if (status != kNoErr) return status;
-    }
-    return kNoErr;
-}
-
 // What LeasesInitialize has always asked of a mask; where the subnet is looked at exactly, Server.cpp has done so.
 Ostrel_Status CheckMask(const Ostrel_ServerObj* server) {
     const uint32_t mask = be32toh(server->IPv4SubnetMask);
@@ -198,5 +180,24 @@ Ostrel_Status Ostrel_DHCPServer_LeasesInitialize(Ostrel_ServerObj* server, const
     Ostrel_LeaseInformation* const router = Ostrel_LeaseSlotOfAddress(server, server->IPv4Router);
     if (server->rules->subnetIsExact && router != nullptr && router->state == kLeaseStateFree)
         Ostrel_DHCPServer_LeaseHoldForGood(server, router);
-    return GiveBackAll(server, {values.kept.get(), values.numKept});
+    return Ostrel_DHCPServer_LeasesGiveBack(server, values);
+}
+
+// The oldest first, as the index wants them.
+Ostrel_Status Ostrel_DHCPServer_LeasesGiveBack(Ostrel_ServerObj* server, const Ostrel_ServerValues& values) {
+    const std::span<const Ostrel_KeptLease> kept(values.kept.get(), values.numKept);
+    if (kept.empty()) return kNoErr;
+    const os_array<uint32_t> order = os_zalloc_array<uint32_t>(kept.size());
+    OSTREL_REQUIRE(order != nullptr, "server->leases", kOutOfMemoryErr);
+    const std::span<uint32_t> numbers(order.get(), kept.size());
+    for (uint32_t i = 0; i < numbers.size(); ++i) numbers[i] = i;
+    std::sort(numbers.begin(), numbers.end(), [&kept](uint32_t one, uint32_t other) {
+        return std::pair(kept[one].remaining, one) < std::pair(kept[other].remaining, other);
+    });
+    const uint32_t now = os_monotonic_seconds();
+    for (const uint32_t number : numbers) {
+        const Ostrel_Status status = GiveBack(server, kept[number], now);
+        if (status != kNoErr) return status;
+    }
+    return kNoErr;
 }

@@ -22,6 +22,7 @@
 #include "Ostrel/Publish.h"
 
 #include "DHCPServer/Client.h"
+#include "DHCPServer/GivenLeases.h"
 #include "DHCPServer/LeaseEvents.h"
 #include "DHCPServer/LeaseTable.h"
 #include "DHCPServer/Probe.h"
@@ -241,6 +242,10 @@ void Ostrel_DHCPServerMarkOffered(Ostrel_ServerObj* server, const Ostrel_Preproc
 
 Ostrel_Status Handle(Ostrel_ServerObj* server, const Ostrel_ReceivedMessage& received, Ostrel_Verdict* verdict) {
     CountReceived(server->counters, received.messageType);
+    if (server->awaitsLeases) {
+        *verdict = {.kind = State, .state = kAwaitsLeases};
+        return kNoErr;
+    }
     if (ComesFromElsewhere(server, received.packet)) {
         verdict->kind = Relay;
         return kNoErr;
@@ -282,7 +287,7 @@ void Ostrel_BOOTPServerPacketFilterHandler(void* context, const uint8_t*, std::s
     auto* const iface = static_cast<Ostrel_InterfaceObj*>(context);
     Ostrel_ServerObj* const server = iface->dhcpServer;
     Ostrel_TraceReceiving(iface, "server", frame);
-    Ostrel_DHCPServer_LeasePrune(server, os_monotonic_seconds());
+    if (!server->awaitsLeases) Ostrel_DHCPServer_LeasePrune(server, os_monotonic_seconds());
     const Ostrel_ReceivedMessage received = Ostrel_BOOTPPacketReceive(iface, "Server", "bootps", frame);
     if (received.dissected != kNoErr) OSTREL_REPORT_STATUS(received.dissected);
     if (received.typeFound != kNoErr) OSTREL_REPORT_STATUS(received.typeFound);

@@ -16,6 +16,7 @@
 #include "Ostrel/Log.h"
 #include "Ostrel/Publish.h"
 
+#include "DHCPServer/GivenLeases.h"
 #include "DHCPServer/LeaseEvents.h"
 #include "DHCPServer/LeaseIndex.h"  // which a server owns
 #include "DHCPServer/LeaseTable.h"
@@ -216,6 +217,7 @@ Ostrel_Status Ostrel_DHCPServerInitialize(Ostrel_InterfaceObj* iface, const Ostr
     OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerProbesInitialize(server.get()));
     server->counters = {};  // leases that are given back were granted before
     iface->dhcpServer = server.release();
+    if (config->server.leasesFollow) Ostrel_DHCPServerAwaitLeases(iface->dhcpServer);
     Ostrel_DHCPServerAudienceChanged(iface->dhcpServer);
     Ostrel_InterfacePictureChanged(iface);
     return kNoErr;
@@ -238,6 +240,7 @@ void Ostrel_DHCPServerFinalize(Ostrel_ServerObj* server) {
     if (server == nullptr) return;
     Ostrel_DHCPServerProbesFinalize(server);
     Ostrel_DHCPServerForgetEnds(server);
+    Ostrel_DHCPServerForgetLeases(server);
     Ostrel_PacketFilterFinalize(&server->packetFilter);
     os_delete(server);
 }

@@ -38,6 +38,7 @@ const Ostrel_ValueKey gTblValueKeys[] = {
     {"fixed", kOstrelModeDHCPServer, true, Ostrel_VSUtil_ReadFixed},
     {"options", kOstrelModeDHCPServer, true, Ostrel_VSUtil_ReadServerOptions},
     {"leases", kOstrelModeDHCPServer, false, Ostrel_VSUtil_ReadKeptLeases},
+    {"leasesFollow", kOstrelModeDHCPServer, false, Ostrel_VSUtil_ReadLeasesFollow},
     {"probe", kOstrelModeDHCPServer, true, Ostrel_VSUtil_ReadProbe},
     {nullptr, 0, false, nullptr},
 };

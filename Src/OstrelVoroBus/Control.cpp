@@ -86,17 +86,6 @@ Ostrel_Status ActOnLease(Ostrel_Request& request, Ostrel_SystemObj* sysObj) {
     return kNoErr;
 }
 
-Ostrel_Status FindServer(Ostrel_Request& request, const Ostrel_SystemObj* sysObj, Ostrel_ServerObj** server) {
-    const OstrelJsonField field = OstrelJsonFieldOf(request.root, "interface", &request.problem);
-    std::string name;
-    const Ostrel_Status status = OstrelJsonReadText(field, {1, kInterfaceNameSize - 1}, &name);
-    if (status != kNoErr) return status;
-    const Ostrel_InterfaceObj* iface = Ostrel_VSUtil_FindInterface(sysObj, name);
-    if (iface == nullptr || iface->dhcpServer == nullptr) return OstrelJsonRefuse(field, "runs no server");
-    *server = iface->dhcpServer;
-    return kNoErr;
-}
-
 // Unlike the client's, this action has no caller that a strict reading could surprise.
 Ostrel_Status ActOnAddress(Ostrel_Request& request, const Ostrel_SystemObj* sysObj) {
     const OstrelJsonField place = OstrelJsonFieldOf(request.root, "ipv4Address", &request.problem);
@@ -104,7 +93,7 @@ Ostrel_Status ActOnAddress(Ostrel_Request& request, const Ostrel_SystemObj* sysO
     Ostrel_ServerObj* server = nullptr;
     Ostrel_IPv4 address = kAnyIPv4;
     std::string action;
-    Ostrel_Status status = FindServer(request, sysObj, &server);
+    Ostrel_Status status = Ostrel_VSUtil_FindServer(request, sysObj, &server);
     if (status == kNoErr) status = OstrelJsonReadHostIPv4(place, &address);
     if (status != kNoErr) return status;
     if (word.value.asString(action) != valdo::CONV_OK || (action != "release" && action != "hold"))
@@ -114,6 +103,18 @@ Ostrel_Status ActOnAddress(Ostrel_Request& request, const Ostrel_SystemObj* sysO
 }
 
 }  // namespace
+
+Ostrel_Status Ostrel_VSUtil_FindServer(Ostrel_Request& request, const Ostrel_SystemObj* sysObj,
+                                       Ostrel_ServerObj** server) {
+    const OstrelJsonField field = OstrelJsonFieldOf(request.root, "interface", &request.problem);
+    std::string name;
+    const Ostrel_Status status = OstrelJsonReadText(field, {1, kInterfaceNameSize - 1}, &name);
+    if (status != kNoErr) return status;
+    const Ostrel_InterfaceObj* iface = Ostrel_VSUtil_FindInterface(sysObj, name);
+    if (iface == nullptr || iface->dhcpServer == nullptr) return OstrelJsonRefuse(field, "runs no server");
+    *server = iface->dhcpServer;
+    return kNoErr;
+}
 
 bool Ostrel_VoroMethod_InterfaceFinalize(VSHandle* handle, VSMessage* message, void* context) {
     auto* sysObj = static_cast<Ostrel_SystemObj*>(context);

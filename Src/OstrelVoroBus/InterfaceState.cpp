@@ -75,7 +75,7 @@ JValue LinkLocalOf(Ostrel_SystemObj* sysObj, const Ostrel_LinkLocalObj& linkLoca
 JValue ServerOf(const Ostrel_ServerObj& server) {
     const Ostrel_ServerGauges gauges = Ostrel_DHCPServerGaugesOf(&server);
     JValue object = valdo::Object();
-    object.put("state", "SERVING");
+    object.put("state", Ostrel_DHCPServerShownState(&server));
     object.put("active", gauges.active);
     object.put("offered", gauges.offered);
     object.put("held", gauges.held);

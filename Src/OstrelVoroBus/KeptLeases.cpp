@@ -1,5 +1,5 @@
-// The leases that a server is given back after a restart ("leases" of "interfaceInitialize"): what leaseInformation and
-// its posts have shown.
+// The leases that a server is given back after a restart: what leaseInformation and its posts have shown. "leases" of
+// "interfaceInitialize" has them, or, where they are too many for one request, "/server" "giveLeases" has the rest.
 //
 // The controlling process is the store, and may keep the objects as they are shown, one by one or with their
 // interfaces around them. A lease's times are then its two texts, local times of the wall clock, from which its age and
@@ -12,7 +12,12 @@
 
 #include <algorithm>
 
+#include "Ostrel/Check.h"
+#include "Ostrel/DHCPServer.h"
+#include "Ostrel/Interface.h"
+
 #include "ClientIdentity.h"
+#include "Method.h"
 #include "TimeTexts.h"
 #include "ValueKeys.h"
 #include "os_time.h"
@@ -113,7 +118,37 @@ Ostrel_Status ForEachLease(const OstrelJsonField& list, const char* ifname, Take
     return status;
 }
 
+// A part is read whole before the server gets any of it.
+Ostrel_Status GiveLeases(Ostrel_Request& request, const Ostrel_SystemObj* sysObj) {
+    Ostrel_ServerObj* server = nullptr;
+    Ostrel_Status status = Ostrel_VSUtil_FindServer(request, sysObj, &server);
+    if (status != kNoErr) return status;
+    const OstrelJsonField place = OstrelJsonFieldOf(request.root, "interface", &request.problem);
+    if (!server->awaitsLeases) return OstrelJsonRefuse(place, "awaits no leases");
+    Ostrel_InterfaceConfig part{};
+    part.ifname = server->iface->ifname;
+    bool more = false;
+    status = OstrelJsonReadBoolean(OstrelJsonFieldOf(request.root, "more", &request.problem), &more);
+    if (status == kNoErr)
+        status = Ostrel_VSUtil_ReadKeptLeases(OstrelJsonFieldOf(request.root, "leases", &request.problem), &part);
+    if (status != kNoErr) return status;
+    OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_DHCPServerGiveLeases(server, part.server, more));
+    return kNoErr;
+}
+
 }  // namespace
+
+Ostrel_Status Ostrel_VSUtil_ReadLeasesFollow(const OstrelJsonField& field, Ostrel_InterfaceConfig* cfg) {
+    return OstrelJsonReadBoolean(field, &cfg->server.leasesFollow);
+}
+
+bool Ostrel_VoroMethod_GiveLeases(VSHandle* handle, VSMessage* message, void* context) {
+    Ostrel_Request request{__func__};
+    Ostrel_Status status = Ostrel_VSUtil_ReadRequest(message, context, &request);
+    if (status == kNoErr) status = GiveLeases(request, static_cast<const Ostrel_SystemObj*>(context));
+    Ostrel_VSUtil_SendPlainReply(request, handle, message, status);
+    return true;
+}
 
 Ostrel_Status Ostrel_VSUtil_ReadKeptLeases(const OstrelJsonField& field, Ostrel_InterfaceConfig* cfg) {
     const char* ifname = cfg->ifname.data();

@@ -38,6 +38,7 @@ bool Ostrel_VoroMethod_ClientLeaseAction(VSHandle* handle, VSMessage* message, v
 bool Ostrel_VoroMethod_ClientLeaseInformation(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_ServerLeaseAction(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_ServerLeaseInformation(VSHandle* handle, VSMessage* message, void* context);
+bool Ostrel_VoroMethod_GiveLeases(VSHandle* handle, VSMessage* message, void* context);
 bool Ostrel_VoroMethod_Unsubscribe(VSHandle* handle, VSMessage* message, void* context);
 
 // A call as its handler reads it.
@@ -61,6 +62,11 @@ Ostrel_Status Ostrel_VSUtil_SendJSONReply(Ostrel_SystemObj* sysObj, VSHandle* ha
 // unknown name.
 [[nodiscard]] Ostrel_Status Ostrel_VSUtil_ResolveInterfaceObj(Ostrel_SystemObj* sysObj, const valdo::JValue& request,
                                                               Ostrel_InterfaceObj** iface);
+
+// The server of the interface that the request's "interface" names, taken strictly: kBadParamErr, with the problem
+// told, when there is none.
+[[nodiscard]] Ostrel_Status Ostrel_VSUtil_FindServer(Ostrel_Request& request, const Ostrel_SystemObj* sysObj,
+                                                     Ostrel_ServerObj** server);
 
 // What a reply says of a status: 0 and "Success", or -1 and "Failed".
 [[nodiscard]] int32_t Ostrel_GetVoroErrCode(Ostrel_Status status);

@@ -31,6 +31,7 @@ const VSMethod gOstrelServiceMethodsServer[] = {
     {"leaseAction", Ostrel_VoroMethod_ServerLeaseAction, 0},
     {"leaseInformation", Ostrel_VoroMethod_ServerLeaseInformation, 0},
     {"leaseEvents", Ostrel_VoroMethod_LeaseEvents, 0},
+    {"giveLeases", Ostrel_VoroMethod_GiveLeases, 0},
     {nullptr, nullptr, 0},
 };
 

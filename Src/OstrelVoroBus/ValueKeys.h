@@ -20,6 +20,7 @@
 [[nodiscard]] Ostrel_Status Ostrel_VSUtil_ReadFixed(const OstrelJsonField& field, Ostrel_InterfaceConfig* cfg);
 [[nodiscard]] Ostrel_Status Ostrel_VSUtil_ReadServerOptions(const OstrelJsonField& field, Ostrel_InterfaceConfig* cfg);
 [[nodiscard]] Ostrel_Status Ostrel_VSUtil_ReadKeptLeases(const OstrelJsonField& field, Ostrel_InterfaceConfig* cfg);
+[[nodiscard]] Ostrel_Status Ostrel_VSUtil_ReadLeasesFollow(const OstrelJsonField& field, Ostrel_InterfaceConfig* cfg);
 [[nodiscard]] Ostrel_Status Ostrel_VSUtil_ReadProbe(const OstrelJsonField& field, Ostrel_InterfaceConfig* cfg);
 
 // Reads all of them that the request has, once its role is known, and keeps them as text for the dump. A failure as

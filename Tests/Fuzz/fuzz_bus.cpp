@@ -61,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         {"/", "interfaceFinalize"},      {"/", "setDebugLevel"},
         {"/", "interfaceConfigDump"},    {"/server", "leaseAction"},
         {"/", "interfaceState"},         {"/", "trace"},
-        {"/server", "leaseEvents"},
+        {"/server", "leaseEvents"},      {"/server", "giveLeases"},
     };
     static FuzzDevice device;
     if (size == 0) return 0;

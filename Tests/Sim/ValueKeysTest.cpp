@@ -126,6 +126,7 @@ std::vector<Refusal> RefusalsOfServers() {
     return {
         {"rfc", "", kBoolean, {"null"}},
         {"hostName", "", kOfOtherMode, {R"("a")"}},
+        {"leasesFollow", "", kBoolean, {"1"}},
         {"probe", "", "a whole number from 0 to 10000 is wanted", {"-1", "10001"}},
         {"fixed", "", "an array of at most 1024 elements is wanted", {"{}", Many(1025, "7")}},
         {"fixed", "[0]", "an object is wanted", {Many(1024, "7")}},

@@ -29,6 +29,7 @@ METHODS = {
     ("/server", "leaseAction"): REFUSED,
     ("/server", "leaseInformation"): {**FAILED, "interfaceList": []},
     ("/server", "leaseEvents"): REFUSED,
+    ("/server", "giveLeases"): REFUSED,
 }
 NO_OBJECTS = ["", " ", "not JSON at all", "{", "{}}", "[]", '["interface", "eth0"]', "42", "null", '"interface"',
               "{'interface': 'eth0'}", '{"interface": "eth0",}', "\u00ff\U0001f600", "[" * 65000,

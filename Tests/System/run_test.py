@@ -123,6 +123,50 @@ class Restarts(RunTest):
                        "the daemon's table")
 
 
+class LargeTables(RunTest):
+    LEASES = 6_000 if lab.SANITIZED else 60_000
+
+    def lease(self, number):
+        # As the daemon shows it; local times as in a lab, whose zone is the machine's.
+        began = time.time() - number % 3000
+        shown = [time.strftime("%a %b %e %H:%M:%S %Y", time.localtime(moment)) for moment in (began, began + 7200)]
+        mac = "02:00:01:" + number.to_bytes(3, "big").hex(":")
+        return {"ipv4Address": f"10.0.{1 + number // 250}.{1 + number % 250}", "mac": mac, "leaseTime": 7200,
+                "leaseTimeString": shown[0], "leaseExpiryString": shown[1], "hostName": f"host-{number}"}
+
+    def test_a_table_of_many_requests_is_given_back_whole(self):
+        self.files["server"].write_text('[eth0]\nrole = "server"\naddress = "10.0.0.1/16"\n'
+                                        'range = "10.0.1.0-10.0.250.254"\nlease = "2h"\n')
+        leases = [self.lease(number) for number in range(self.LEASES)]
+        self.state("server").write_text(json.dumps({"kind": "ostrelctl run 1", "daemon": "", "interfaces": [
+            {"interface": "eth0", "request": "", "address": "", "own": "", "leases": leases}]}))
+        self.start_daemon("server")
+        self.start_run("server")
+        bus = lab.Bus(self.lab.bus_address("server"))
+        self.addCleanup(bus.close)
+
+        def active():
+            if not bus.owner():
+                return None
+            shown = bus.request("/", "interfaceState")["interfaceList"]
+            return [(entry["server"]["state"], entry["server"]["active"]) for entry in shown]
+
+        def await_table():
+            lab.eventually(lambda: active() == [("SERVING", self.LEASES)], 30, f"{active()} {self.said('server')}")
+
+        await_table()
+        self.kill(self.daemons["server"])
+        self.start_daemon("server")
+        await_table()
+        self.tool("server", "release", "eth0")  # and is handed over anew, with what the daemon has shown
+        lab.eventually(lambda: self.said("server").count("handed over: ") == 3, 30, self.said("server"))
+        await_table()
+        self.assertEqual(lab.stop(self.runs["server"]), 0)
+        (kept,) = json.loads(self.state("server").read_text())["interfaces"]
+        self.assertEqual([(lease["ipv4Address"], lease["mac"]) for lease in kept["leases"]],
+                         [(lease["ipv4Address"], lease["mac"]) for lease in leases])
+
+
 class Changes(RunTest):
     def test_files_are_read_again_and_a_wrong_one_changes_nothing(self):
         resolver = self.lab.directory / "resolv.conf"

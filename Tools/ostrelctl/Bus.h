@@ -36,6 +36,7 @@ inline constexpr Method kServerLeaseInformation{"/server", "leaseInformation"};
 inline constexpr Method kInterfaceState{"/", "interfaceState"};
 inline constexpr Method kTrace{"/", "trace"};
 inline constexpr Method kLeaseEvents{"/server", "leaseEvents"};
+inline constexpr Method kGiveLeases{"/server", "giveLeases"};
 
 // "org.ostrel.dhcp", "org.ostrel.dhcp.client", "org.ostrel.dhcp.server".
 [[nodiscard]] std::string InterfaceOf(const Method& method);

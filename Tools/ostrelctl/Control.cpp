@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "Device.h"
+#include "GivenLeases.h"
 #include "KeptFile.h"
 #include "Lines.h"
 #include "Managed.h"
@@ -125,9 +126,8 @@ ExitStatus Give(Controller& controller, const std::string& interface, const Entr
     KeepWhatItHas(controller, interface);
     if (isManaged || controller.lost.contains(if_nametoindex(interface.c_str())))
         FinaliseQuietly(controller, interface, false);
-    JValue request = RequestFor(entry, interface);
-    if (IsServer(entry) && kept.leases.isArray()) request.put("leases", FittingLeases(kept.leases));
-    ExitStatus status = HandOver(controller.calls, interface, request);
+    const JValue leases = IsServer(entry) ? kept.leases : JValue();
+    ExitStatus status = HandOverServer(controller.calls, interface, RequestFor(entry, interface), leases);
     if (status == kExitDone) status = StartClient(controller, interface, entry);
     if (status != kExitDone) return status;
     SayOf(interface, "handed over: " + RoleText(entry));
@@ -159,7 +159,7 @@ void TakeUp(Controller& controller, const std::string& interface, const Entry& e
     controller.handed.insert_or_assign(
         interface, Handed{.entry = entry, .index = if_nametoindex(interface.c_str()), .isConfirmed = false});
     if (IsServer(entry))
-        AskFor(controller.follower, kServerLeaseInformation, interface);
+        AskAnew(controller.follower, kServerLeaseInformation, interface);
     else if (!controller.applying.interfaces.contains(interface))
         (void)BeginApplying(controller.applying, controller.follower, interface, entry.metric.value_or(kUsualMetric));
 }
@@ -291,22 +291,34 @@ void KeepLeasesOf(Controller& controller, const Event& event) {
     controller.isUnsaved = true;
 }
 
-void AskForTables(Controller& controller, const Event& event) {
+void AskForStaleTables(Controller& controller) {
+    if (controller.staleTables.empty() || Clock::now() < controller.nextTables) return;
+    size_t leases = 0;
+    for (const auto& [interface, kept] : controller.kept.each) leases += kept.leases.arraySize();
+    for (const std::string& interface : controller.staleTables)
+        AskFor(controller.follower, kServerLeaseInformation, interface);
+    controller.staleTables.clear();
+    controller.nextTables = Clock::now() + TablePause(leases);
+}
+
+void NoteStaleTables(Controller& controller, const Event& event) {
     const JValue interface = event.root["interface"];
     std::string name;
     const bool isOfOne = interface.asString(name) == valdo::CONV_OK;
     for (const auto& [each, handed] : controller.handed)
-        if (IsServer(handed.entry) && (!isOfOne || each == name))
-            AskFor(controller.follower, kServerLeaseInformation, each);
+        if (IsServer(handed.entry) && (!isOfOne || each == name)) controller.staleTables.insert(each);
 }
 
 void Hear(Controller& controller, const Event& event) {
-    if (event.news == News::DaemonGone || event.news == News::DaemonBack) controller.handed.clear();
+    if (event.news == News::DaemonGone || event.news == News::DaemonBack) {
+        controller.handed.clear();
+        controller.staleTables.clear();
+    }
     if (event.news == News::DaemonBack) controller.refused.clear();
     if (event.news != News::Told) return;
     if (event.method == &kInterfaceState) HearStates(controller);
     if (event.method == &kServerLeaseInformation) KeepLeasesOf(controller, event);
-    if (event.method == &kLeaseEvents && event.posted) AskForTables(controller, event);
+    if (event.method == &kLeaseEvents && event.posted) NoteStaleTables(controller, event);
     KeepAddresses(controller);
 }
 
@@ -354,6 +366,7 @@ void Control(Controller& controller, const Event& event) {
     Apply(controller.applying, controller.follower, event);
     Hear(controller, event);
     LookAtAll(controller);
+    AskForStaleTables(controller);
     std::erase_if(controller.refused, [](const auto& each) { return each.second <= Clock::now(); });
     TellManager(controller);
     if (controller.isUnsaved && Clock::now() >= controller.savedAt + kSavePause) Save(controller);
@@ -363,6 +376,7 @@ TimePoint NextEnd(const Controller& controller) {
     TimePoint next = NextEnd(controller.applying);
     for (const auto& [interface, when] : controller.refused) next = std::min(next, when);
     if (controller.isUnsaved) next = std::min(next, controller.savedAt + kSavePause);
+    if (!controller.staleTables.empty()) next = std::min(next, controller.nextTables);
     if (controller.follower.owner.empty()) next = std::min(next, controller.nextWake);
     return next;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -32,8 +33,10 @@ struct Controller {
 
     // What has come of it.
     KeptState kept{};
-    bool isUnsaved = false;  // `kept` is not what the file holds
-    TimePoint savedAt{};     // when it was written
+    std::set<std::string> staleTables{};  // servers whose leases have changed since their table was asked for
+    TimePoint nextTables{};               // when it may be asked for again
+    bool isUnsaved = false;               // `kept` is not what the file holds
+    TimePoint savedAt{};                  // when it was written
     std::map<std::string, Handed> handed{};
     std::map<std::string, TimePoint> refused{};  // interfaces that could not be handed over, with the next try
     std::map<std::string, std::string> left{};   // interfaces that others configure, with who

@@ -303,6 +303,13 @@ void AskFor(Follower& follower, const Method& method, const std::string& interfa
     if (!isUnderWay) follower.questions.push_back({.method = &method, .interface = interface});
 }
 
+void AskAnew(Follower& follower, const Method& method, const std::string& interface) {
+    std::erase_if(follower.questions, [&](const Question& question) {
+        return !question.subscribes && question.method == &method && question.interface == interface;
+    });
+    AskFor(follower, method, interface);
+}
+
 void FollowOthers(Follower& follower, std::vector<Subscription> subscriptions) {
     follower.subscriptions = std::move(subscriptions);
     // Should this fail, the bus is lost, which the next event tells.

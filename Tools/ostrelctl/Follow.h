@@ -78,6 +78,9 @@ struct Follower {
 // Asks a question whose answer is an event, unless it is under way.
 void AskFor(Follower& follower, const Method& method, const std::string& interface);
 
+// The same of one whose answer is to tell what is now: one that is under way is not heard.
+void AskAnew(Follower& follower, const Method& method, const std::string& interface);
+
 // Subscribes to something else from now on, and not to what was subscribed to before.
 void FollowOthers(Follower& follower, std::vector<Subscription> subscriptions);
 

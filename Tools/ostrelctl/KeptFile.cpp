@@ -1,6 +1,7 @@
 // A file that is whole whatever happens, and what is kept in it of a server.
 #include "KeptFile.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -19,7 +20,8 @@ namespace ostrelctl {
 
 namespace {
 
-constexpr size_t kRequestRoom = 60'000;  // bytes of 65,536, the rest for what else it says
+constexpr std::chrono::milliseconds kTablePause{1000};
+constexpr size_t kLeasesASecond = 5000;  // that are asked for at most, so that a large table is no load
 
 ExitStatus ComplainOf(const std::string& file, const char* what) {
     return Refuse(kExitRefused, '\'' + Printable(file) + "' cannot be " + what + ": " + std::strerror(errno), "");
@@ -66,27 +68,15 @@ ExitStatus WriteKeptFile(const std::string& file, const std::string& text) {
     return kExitDone;
 }
 
+std::chrono::milliseconds TablePause(size_t leases) {
+    return std::max(kTablePause, std::chrono::milliseconds(leases * 1000 / kLeasesASecond));
+}
+
 JValue LeasesOf(const JValue& root, const std::string& interface) {
     const JValue list = root[root.hasKey("leases") ? "leases" : "interfaceList"];
     for (size_t i = 0; i < list.arraySize(); ++i)
         if (TextOf(list[i], "interface") == interface) return list[i]["leases"];
     return {};
-}
-
-JValue FittingLeases(const JValue& leases) {
-    JValue fitting = valdo::Array();
-    size_t length = 0;
-    for (size_t i = 0; i < leases.arraySize(); ++i) {
-        std::string text;
-        if (!ToText(leases[i], text) || length + text.size() > kRequestRoom) continue;
-        length += text.size() + 1;
-        fitting.append(leases[i]);
-    }
-    if (fitting.arraySize() < leases.arraySize())
-        Complain("warning: " + std::to_string(leases.arraySize() - fitting.arraySize()) +
-                     " leases are too many for one request, and are not given back",
-                 "");
-    return fitting;
 }
 
 }  // namespace ostrelctl

@@ -1,6 +1,7 @@
 // A file that is whole whatever happens, and what is kept in it of a server.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 #include "Exit.h"
@@ -21,8 +22,7 @@ namespace ostrelctl {
 // it.
 [[nodiscard]] valdo::JValue LeasesOf(const valdo::JValue& root, const std::string& interface);
 
-// Of the leases as many as a request has room for, some hundred; it is said when there are more. The clients of those
-// that are left out are asked with ARP before an address is given to others.
-[[nodiscard]] valdo::JValue FittingLeases(const valdo::JValue& leases);
+// How long to wait before a table is asked for again that had so many leases: it is shown, and written, whole.
+[[nodiscard]] std::chrono::milliseconds TablePause(size_t leases);
 
 }  // namespace ostrelctl

@@ -7,8 +7,8 @@
 
 #include "Fields.h"
 #include "Follow.h"
+#include "GivenLeases.h"
 #include "KeptFile.h"
-#include "Managed.h"
 #include "Terminal.h"
 
 using valdo::JValue;
@@ -58,9 +58,24 @@ bool WasReleased(const Event& event, const KeptLeases& kept) {
     });
 }
 
-ExitStatus Keep(const Event& event, const KeptLeases& kept, std::string& written) {
+// What is written, and when more is asked for.
+struct Writing {
+    std::string written{};
+    bool isStale = false;  // the leases have changed since they were asked for
+    TimePoint nextAsk{};
+};
+
+ExitStatus Keep(const Event& event, const KeptLeases& kept, Writing& writing) {
     const JValue leases = LeasesOf(event.root, kept.interface);
-    return leases.isArray() ? WriteIfChanged(kept, leases, written) : kExitDone;
+    if (!leases.isArray()) return kExitDone;
+    writing.nextAsk = Clock::now() + TablePause(leases.arraySize());
+    return WriteIfChanged(kept, leases, writing.written);
+}
+
+void AskWhenDue(Writing& writing, Follower& follower, const KeptLeases& kept) {
+    if (!writing.isStale || Clock::now() < writing.nextAsk) return;
+    AskFor(follower, kServerLeaseInformation, kept.interface);
+    writing.isStale = false;
 }
 
 }  // namespace
@@ -72,9 +87,7 @@ ExitStatus HandOverWithLeases(const Session& session, const KeptLeases& kept) {
     std::string text;
     valdo::JDomParser copy;  // a value is shared, and the request is used again
     if (!ToText(kept.request, text) || !copy.parse(text, valdo::JSchemaFragment("{}"))) return kExitRefused;
-    JValue request = copy.getDom();
-    request.put("leases", FittingLeases(leases));
-    return HandOver(session, kept.interface, request);
+    return HandOverServer(session, kept.interface, copy.getDom(), leases);
 }
 
 ExitStatus KeepLeases(const KeptLeases& kept, const Settings& settings) {
@@ -82,16 +95,17 @@ ExitStatus KeepLeases(const KeptLeases& kept, const Settings& settings) {
                                         {.method = &kInterfaceState, .interface = kept.interface}}};
     const ExitStatus started = StartFollowing(follower, {});
     if (started != kExitDone) return started;
-    std::string written;
+    Writing writing;
     for (;;) {
-        const Event event = NextEvent(follower, kNever);
+        const Event event = NextEvent(follower, writing.isStale ? writing.nextAsk : kNever);
         ExitStatus status = kExitDone;
         if (event.news == News::Interrupted) return kExitDone;
         if (event.news == News::Failed) return event.status;
         if (event.news == News::DaemonBack) status = HandOverAnew(kept, settings);
         if (WasReleased(event, kept)) return kExitDone;
-        if (event.method == &kLeaseEvents) AskFor(follower, kServerLeaseInformation, kept.interface);
-        if (event.method == &kServerLeaseInformation) status = Keep(event, kept, written);
+        if (event.method == &kLeaseEvents) writing.isStale = true;
+        if (event.method == &kServerLeaseInformation) status = Keep(event, kept, writing);
+        AskWhenDue(writing, follower, kept);
         if (status != kExitDone) return status;
     }
 }

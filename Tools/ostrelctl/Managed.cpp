@@ -53,13 +53,8 @@ const Managed* Find(const std::vector<Managed>& interfaces, const std::string& n
     return nullptr;
 }
 
-// Of the keys that it takes strictly the daemon says which one it refuses, and why.
-bool HasReason(const Answer& answer) {
-    return !TextOf(answer.reply, "problem").empty();
-}
-
 ExitStatus ComplainOfReason(const Answer& answer) {
-    return Refuse(kExitRefused, "the daemon refused: " + Printable(TextOf(answer.reply, "problem")), "");
+    return Refuse(kExitRefused, "the daemon refused: " + Printable(ProblemOf(answer)), "");
 }
 
 ExitStatus ComplainOfNoReason() {
@@ -119,11 +114,18 @@ bool IsManagedByRFC(const Session& session, const std::string& name) {
     return managed != nullptr && managed->rfc;
 }
 
+std::string ProblemOf(const Answer& answer) {
+    return TextOf(answer.reply, "problem");
+}
+
 ExitStatus HandOver(const Session& session, const std::string& name, const JValue& request) {
-    const Answer answer = Ask(session, kInterfaceInitialize, request);
+    return ExplainHandOver(session, name, Ask(session, kInterfaceInitialize, request));
+}
+
+ExitStatus ExplainHandOver(const Session& session, const std::string& name, const Answer& answer) {
     if (answer.status == kExitDone) return kExitDone;
     if (!answer.problem.empty()) return Refuse(answer.status, answer.problem, answer.next);
-    if (HasReason(answer)) return ComplainOfReason(answer);
+    if (!ProblemOf(answer).empty()) return ComplainOfReason(answer);
     const Answer dump = AskQuietly(session, kInterfaceConfigDump, RequestFor(name));
     const std::vector<Managed> interfaces = ReadManaged(dump.reply);
     const Managed* const managed = Find(interfaces, name);
@@ -136,7 +138,7 @@ ExitStatus ActOn(const Session& session, const std::string& name, const Method& 
     const Answer answer = Ask(session, method, request);
     if (answer.status == kExitDone) return kExitDone;
     if (!answer.problem.empty()) return Refuse(answer.status, answer.problem, answer.next);
-    if (HasReason(answer)) return ComplainOfReason(answer);
+    if (!ProblemOf(answer).empty()) return ComplainOfReason(answer);
     const Answer dump = AskQuietly(session, kInterfaceConfigDump, RequestFor(name));
     const bool known = dump.status == kExitDone && Find(ReadManaged(dump.reply), name) == nullptr;
     return known ? ComplainOfUnmanaged(name, &method != &kInterfaceFinalize) : ComplainOfNoReason();

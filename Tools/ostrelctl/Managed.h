@@ -53,6 +53,10 @@ struct Managed {
 // refuses they find out why and complain.
 [[nodiscard]] bool IsManagedByRFC(const Session& session, const std::string& name);
 [[nodiscard]] ExitStatus HandOver(const Session& session, const std::string& name, const valdo::JValue& request);
+// What HandOver says of an answer that the daemon has given already.
+[[nodiscard]] ExitStatus ExplainHandOver(const Session& session, const std::string& name, const Answer& answer);
+// Of the keys that it takes strictly the daemon says which one it refuses, and why; else empty.
+[[nodiscard]] std::string ProblemOf(const Answer& answer);
 [[nodiscard]] ExitStatus ActOn(const Session& session, const std::string& name, const Method& method,
                                const valdo::JValue& request);
 
