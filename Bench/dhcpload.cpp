@@ -1,12 +1,13 @@
 // Load for a DHCP server: thousands of clients, each with an Ethernet address of its own, do whole exchanges.
 //
-//     dhcpload [-c CLIENTS] [-n EXCHANGES] [-w WINDOW] [-t SECONDS] [-r] IFACE
+//     dhcpload [-c CLIENTS] [-s FIRST] [-n EXCHANGES] [-w WINDOW] [-t SECONDS] [-r] IFACE
 //
 // An exchange is DISCOVER, OFFER, REQUEST, ACK. WINDOW of them are under way at any time; a message without an answer
-// is sent again after a second, up to three times. Clients take turns, so with more exchanges than clients they come
-// back for their lease. With -r every client first does one, which is not counted; an exchange is then the REQUEST of a
-// renewal and its ACK. Prints exchanges a second and the percentiles of the waits. Fails when an address is
-// acknowledged to a second client, when a client is refused, or when SECONDS pass before all is done.
+// is sent again after a second, up to three times. Clients take turns, beginning with number FIRST, so with more
+// exchanges than clients they come back for their lease. With -r every client first does one, which is not counted; an
+// exchange is then the REQUEST of a renewal and its ACK. Prints exchanges a second, of the first and the last tenth as
+// well, and the percentiles of the waits. Fails when an address is acknowledged to a second client, when a client is
+// refused, or when SECONDS pass before all is done.
 #include <algorithm>
 #include <bit>
 #include <chrono>
@@ -31,6 +32,7 @@ constexpr size_t kBatch = 64;  // frames a system call
 
 struct Options {
     uint32_t clients = 1000;
+    uint32_t first = 0;  // client to begin with
     uint32_t exchanges = 10000;
     uint32_t window = 32;
     uint32_t seconds = 60;
@@ -56,7 +58,7 @@ struct Timer {
 
 class Load {
 public:
-    Load(const Options& given, int socket) : options(given), fd(socket), clients(given.clients) {}
+    Load(const Options& given, int socket) : options(given), fd(socket), clients(given.clients), next(given.first) {}
 
     // True when every exchange was done.
     bool Run() {
@@ -64,6 +66,7 @@ public:
         if (options.renew && !RunUntil(options.clients)) return false;
         renews = options.renew;
         started = done = 0;
+        ends.clear();
         offerWaits.clear();
         ackWaits.clear();
         return RunUntil(options.exchanges);
@@ -72,6 +75,7 @@ public:
     // False when a server did what none may do.
     bool Report() {
         std::printf("exchanges %u of %u in %.3f s: %.0f a second\n", done, options.exchanges, elapsed, done / elapsed);
+        Tenths();
         Percentiles("DISCOVER to OFFER", offerWaits);
         Percentiles("REQUEST to ACK   ", ackWaits);
         std::printf("sent again %u, given up %u, refused %u, acknowledged twice %u\n", again, givenUp, refused,
@@ -81,7 +85,7 @@ public:
 
 private:
     bool RunUntil(uint32_t exchanges) {
-        const Clock::time_point begun = Clock::now();
+        begun = Clock::now();
         const Clock::time_point end = begun + std::chrono::seconds(options.seconds);
         while (done < exchanges && Clock::now() < end) {
             Fill(exchanges);
@@ -176,11 +180,9 @@ private:
             client.server = reply.server;
             std::copy_n(&frame[6], client.serverMAC.size(), client.serverMAC.begin());
             End(client);
-            ++done;
         } else if (client.waiting.type == bench::kRequest && reply.type == bench::kNak) {
             ++refused;
             End(client);
-            ++done;
         }
     }
 
@@ -217,7 +219,6 @@ private:
             if (client.waiting.xid != timer.xid || client.waiting.type != timer.type) continue;
             if (client.tries++ == kTries) {
                 ++givenUp;
-                ++done;
                 End(client);
                 continue;
             }
@@ -228,12 +229,25 @@ private:
     }
 
     void End(Client& client) {
+        ends.push_back(Clock::now());
+        ++done;
         client.waiting.type = 0;
         --underWay;
     }
 
     static double Waited(const Client& client) {
         return std::chrono::duration<double, std::micro>(Clock::now() - client.sent).count();
+    }
+
+    // Exchanges a second in the first tenth of all, and in the last.
+    void Tenths() const {
+        const size_t tenth = ends.size() / 10;
+        if (tenth == 0) return;
+        const auto rate = [tenth](auto from, auto to) {
+            return static_cast<double>(tenth) / std::chrono::duration<double>(to - from).count();
+        };
+        std::printf("first tenth %.0f, last tenth %.0f a second\n", rate(begun, ends[tenth - 1]),
+                    rate(ends[ends.size() - tenth - 1], ends.back()));
     }
 
     static void Percentiles(const char* what, std::vector<double>& waits) {
@@ -254,9 +268,11 @@ private:
     bool renews = false;
     std::deque<Timer> timers;  // in the order of their ends: all wait equally long
     std::unordered_map<uint32_t, uint32_t> owners;
+    Clock::time_point begun{};
+    std::vector<Clock::time_point> ends;  // of exchanges
     std::vector<double> offerWaits;
     std::vector<double> ackWaits;
-    uint32_t next = 0, started = 0, underWay = 0, done = 0, xid = 0x10000000;
+    uint32_t next, started = 0, underWay = 0, done = 0, xid = 0x10000000;
     uint32_t again = 0, givenUp = 0, refused = 0, doubled = 0;
     double elapsed = 0;
 };
@@ -270,10 +286,12 @@ bool ReadNumber(const char* text, uint32_t& number) {
 }
 
 bool ParseOptions(int argc, char* argv[], Options& options) {
-    for (int letter = getopt(argc, argv, "c:n:w:t:r"); letter != -1; letter = getopt(argc, argv, "c:n:w:t:r")) {
+    constexpr const char* kLetters = "c:s:n:w:t:r";
+    for (int letter = getopt(argc, argv, kLetters); letter != -1; letter = getopt(argc, argv, kLetters)) {
         bool good = letter == 'r';
         options.renew |= good;
         if (letter == 'c') good = ReadNumber(optarg, options.clients);
+        if (letter == 's') good = ReadNumber(optarg, options.first);
         if (letter == 'n') good = ReadNumber(optarg, options.exchanges);
         if (letter == 'w') good = ReadNumber(optarg, options.window);
         if (letter == 't') good = ReadNumber(optarg, options.seconds);
@@ -290,7 +308,7 @@ int main(int argc, char* argv[]) {
     Options options;
     if (!ParseOptions(argc, argv, options)) {
         (void)std::fprintf(stderr,
-                           "usage: dhcpload [-c CLIENTS] [-n EXCHANGES] [-w WINDOW] [-t SECONDS] [-r] IFACE\n"
+                           "usage: dhcpload [-c CLIENTS] [-s FIRST] [-n EXCHANGES] [-w WINDOW] [-t SECONDS] [-r] IFACE\n"
                            "       the window is at most the number of clients\n");
         return 2;
     }
