@@ -307,9 +307,10 @@ bool ParseOptions(int argc, char* argv[], Options& options) {
 int main(int argc, char* argv[]) {
     Options options;
     if (!ParseOptions(argc, argv, options)) {
-        (void)std::fprintf(stderr,
-                           "usage: dhcpload [-c CLIENTS] [-s FIRST] [-n EXCHANGES] [-w WINDOW] [-t SECONDS] [-r] IFACE\n"
-                           "       the window is at most the number of clients\n");
+        (void)std::fprintf(
+            stderr,
+            "usage: dhcpload [-c CLIENTS] [-s FIRST] [-n EXCHANGES] [-w WINDOW] [-t SECONDS] [-r] IFACE\n"
+            "       the window is at most the number of clients\n");
         return 2;
     }
     bench::MAC mac{};

@@ -3,8 +3,8 @@
 //     flood -t SECONDS [-a ADDRESS -m MAC] IFACE
 //
 // In turns: a DISCOVER of a random Ethernet address; ARP requests and answers of other hosts about other addresses, to
-// all; an OFFER and a DHCPACK to another client, to all; and, with -a and -m, a renewal from a random Ethernet address to
-// the server that has them, for an address that isn't its own. Prints how many a second it were.
+// all; an OFFER and a DHCPACK to another client, to all; and, with -a and -m, a renewal from a random Ethernet address
+// to the server that has them, for an address that isn't its own. Prints how many a second it were.
 #include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
@@ -34,7 +34,8 @@ struct Options {
 };
 
 bool ReadMAC(const char* text, bench::MAC& mac) {
-    return std::sscanf(text, "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4], &mac[5]) == 6;
+    return std::sscanf(text, "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4], &mac[5]) ==
+           6;
 }
 
 bool ParseOptions(int argc, char* argv[], Options& options) {
