@@ -9,7 +9,8 @@ import lab
 
 METHODS = (("/", "interfaceInitialize"), ("/", "interfaceFinalize"), ("/", "interfaceConfigDump"),
            ("/", "setDebugLevel"), ("/client", "leaseAction"), ("/client", "leaseInformation"),
-           ("/server", "leaseInformation"), ("/", "interfaceState"), ("/", "trace"), ("/server", "leaseEvents"))
+           ("/server", "leaseInformation"), ("/", "interfaceState"), ("/", "trace"), ("/server", "leaseEvents"),
+           ("/server", "giveLeases"))
 HIGHEST_EXPOSURE = {"ostreld.service": 15, "ostrel.service": 17, "ostrel-wait-online.service": 20}  # tenths
 SERVER = "[eth0]\nrole = 'server'\naddress = '192.0.2.1/24'\nrange = '192.0.2.50-192.0.2.59'\n"
 LOG_LIMIT = 10 << 20

@@ -190,10 +190,28 @@ class Changes(RunTest):
         lab.eventually(lambda: self.addresses("client") == [], BACK, "nothing left")
         self.assertIn("nothing is managed", self.tool("client", "status").stdout + self.tool("client", "status").stderr)
 
+    def test_a_daemon_that_hangs_holds_up_nothing(self):
+        self.start_all()
+        table = self.table()
+        self.daemons["server"].send_signal(lab.signal.SIGSTOP)
+        self.addCleanup(self.daemons["server"].send_signal, lab.signal.SIGCONT)
+        self.files["server"].write_text(SERVER.format(lease="3h").replace("192.0.2.1/", "192.0.2.2/"))
+        self.assertEqual(self.tool("server", "reload").returncode, 0)
+        time.sleep(2.5)  # a call has its time, and no second one
+        for count in range(1, 4):
+            self.files["server"].write_text(f"[eth0]\nrole = '{count}'\n")
+            self.assertEqual(self.tool("server", "reload").returncode, 0)
+            lab.eventually(lambda: self.said("server").count("what worked before goes on") == count, 1, "signal heard")
+        self.daemons["server"].send_signal(lab.signal.SIGCONT)
+        lab.eventually(lambda: self.addresses("server") == ["192.0.2.2"] and self.table() == table, BACK,
+                       f"as the last good file says: {self.said('server')}")
+        self.daemons["server"].send_signal(lab.signal.SIGSTOP)
+        self.assertEqual(lab.stop(self.runs["server"], timeout=3), 0)
+
     def test_interfaces_flap_go_are_renamed_and_come_back(self):
         self.files["client"].write_text(CLIENT.replace("[eth0]", '["eth*"]'))
         self.start_all()
-        for _ in range(10):
+        for _ in range(60):
             self.lab.ip("client", "link set eth0 down")
             self.lab.ip("client", "link set eth0 up")
         self.await_address(BACK + 2)  # the link has to be steady for a moment

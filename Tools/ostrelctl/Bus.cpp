@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -104,13 +105,17 @@ ExitStatus OpenSession(bool json, bool startDaemon, Session& session) {
 }
 
 Answer AskQuietly(const Session& session, const Method& method, const JValue& request) {
+    constexpr char kSilent[] = "the daemon does not answer";
+    if (session.isSilent) return {.status = kExitNoDaemon, .problem = kSilent};
     const BusMessage call = MakeCall(session, kService, method, request);
     if (call == nullptr) return {.status = kExitRefused, .problem = "no memory for the call"};
 
     ErrorRelease failure;
     sd_bus_message* received = nullptr;
-    const int called = sd_bus_call(session.bus.get(), call.get(), 0, &failure.error, &received);
+    const auto patience = static_cast<uint64_t>(std::chrono::microseconds(session.patience).count());
+    const int called = sd_bus_call(session.bus.get(), call.get(), patience, &failure.error, &received);
     const BusMessage reply(received);
+    session.isSilent = called == -ETIMEDOUT && session.patience != session.patience.zero();
     return called < 0 ? ExplainRefusal(failure.error) : ReadReply(reply.get());
 }
 

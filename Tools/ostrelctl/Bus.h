@@ -1,6 +1,7 @@
 // The daemon as ostrelctl reaches it: one connection, calls, and what to say when a call fails.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <systemd/sd-bus.h>
@@ -52,6 +53,11 @@ struct Session {
     BusConnection bus;
     bool json;         // replies are printed as they come, and nothing else is
     bool startDaemon;  // a call may start the daemon
+
+    // Who has more to do than to wait for an answer gives a call so long, and after one that was not answered none at
+    // all, until `isSilent` is cleared; 0: as long as the bus gives it.
+    std::chrono::milliseconds patience{};
+    mutable bool isSilent = false;
 };
 
 // What became of a call. `status` is kExitDone when the daemon said "returnValue": true, kExitRefused when it did not

@@ -83,10 +83,11 @@ void RemoveOwnAddress(Controller& controller, const std::string& interface) {
 
 // --- Handing over ---
 
+// One that is not managed is as it should be.
 void FinaliseQuietly(const Controller& controller, const std::string& interface, bool release) {
     JValue request = RequestFor(interface);
     if (release) request.put("release", true);
-    (void)AskQuietly(controller.calls, kInterfaceFinalize, request);  // one that is not managed is as it should be
+    (void)AskQuietly(controller.calls, kInterfaceFinalize, request);
 }
 
 // What an interface that is about to be released has, for the next one that it becomes.
@@ -166,10 +167,11 @@ void TakeUp(Controller& controller, const std::string& interface, const Entry& e
 
 // It is not for this process any more: nothing that came from it stays.
 void LetGo(Controller& controller, const std::string& interface) {
-    const Entry entry = std::move(controller.handed.at(interface).entry);
-    controller.handed.erase(interface);
+    const bool release = controller.handed.at(interface).entry.release;
     KeepWhatItHas(controller, interface);
-    FinaliseQuietly(controller, interface, entry.release);
+    FinaliseQuietly(controller, interface, release);
+    if (controller.calls.isSilent) return;
+    controller.handed.erase(interface);
     EndApplying(controller.applying, interface, false);
     RemoveOwnAddress(controller, interface);
     controller.applying.holdings.each[interface].state.reset();
@@ -189,7 +191,8 @@ void LetGoWhatHasTo(Controller& controller) {
     std::vector<std::string> gone;
     for (const auto& [interface, handed] : controller.handed)
         if (HasToGo(controller, interface, handed)) gone.push_back(interface);
-    for (const std::string& interface : gone) LetGo(controller, interface);
+    for (const std::string& interface : gone)
+        if (!controller.calls.isSilent) LetGo(controller, interface);
 }
 
 // --- What there is ---
@@ -244,16 +247,28 @@ void CallDaemon(Controller& controller) {
         return;
     }
     if (controller.nextWake != kNever && Clock::now() < controller.nextWake) return;
+    controller.calls.isSilent = false;
     const Answer answer = AskQuietly(controller.calls, kInterfaceState, valdo::Object());
     controller.isAbsent = answer.status == kExitNoDaemon;
     controller.nextWake = Clock::now() + kWakePause;
 }
 
+// A daemon that has let one call go unanswered is asked nothing more before it has answered a question that nobody
+// waits for. What it manages is in the answer.
+void AwaitAnswer(Controller& controller) {
+    if (!controller.calls.isSilent) return;
+    AskFor(controller.follower, kInterfaceState, {});
+    controller.refused.clear();
+}
+
 void LookAtAll(Controller& controller) {
     if (controller.follower.owner.empty()) return CallDaemon(controller);
+    if (controller.calls.isSilent) return AwaitAnswer(controller);
     if (!controller.applying.holdings.isTold) return;  // what it manages comes with its first answer
     LetGoWhatHasTo(controller);
-    for (const std::string& interface : EthernetInterfaces()) LookAt(controller, interface);
+    for (const std::string& interface : EthernetInterfaces())
+        if (!controller.calls.isSilent) LookAt(controller, interface);
+    AwaitAnswer(controller);
 }
 
 // --- What is heard ---
@@ -313,9 +328,11 @@ void Hear(Controller& controller, const Event& event) {
     if (event.news == News::DaemonGone || event.news == News::DaemonBack) {
         controller.handed.clear();
         controller.staleTables.clear();
+        controller.calls.isSilent = false;
     }
     if (event.news == News::DaemonBack) controller.refused.clear();
     if (event.news != News::Told) return;
+    if (!event.posted) controller.calls.isSilent = false;
     if (event.method == &kInterfaceState) HearStates(controller);
     if (event.method == &kServerLeaseInformation) KeepLeasesOf(controller, event);
     if (event.method == &kLeaseEvents && event.posted) NoteStaleTables(controller, event);

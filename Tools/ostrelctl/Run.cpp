@@ -18,6 +18,7 @@ namespace ostrelctl {
 namespace {
 
 constexpr char kStateDirectory[] = "/var/lib/ostrel";
+constexpr std::chrono::seconds kPatience{2};  // with one call: files, links and addresses don't wait for the daemon
 
 struct RunOptions {
     std::vector<std::string> files;
@@ -98,6 +99,7 @@ ExitStatus Start(Controller& controller) {
     ExitStatus status = PrepareApplying(controller.applying, controller.follower);
     controller.follower.subscriptions.push_back({.method = &kLeaseEvents, .interface = {}});
     if (status == kExitDone) status = OpenSession(false, true, controller.calls);
+    controller.calls.patience = kPatience;
     if (status == kExitDone) status = StartFollowing(controller.follower, {});
     return status;
 }
