@@ -29,14 +29,14 @@ CLIENT_REQUEST = {"interface": "eth0", "mode": "client", "ipv4Config": "dhcp", "
 
 
 def eventually(condition, timeout, what):
-    """Waits for a condition and gives its value; past the timeout the test fails with `what`."""
+    """Waits for a condition and gives its value; past the timeout the test fails with `what`, a text or what makes one."""
     deadline = time.monotonic() + timeout
     while True:
         value = condition()
         if value:
             return value
         if time.monotonic() > deadline:
-            raise AssertionError(f"not within {timeout} s: {what}")
+            raise AssertionError(f"not within {timeout} s: {what() if callable(what) else what}")
         time.sleep(0.01)
 
 
