@@ -113,7 +113,7 @@ void GrantsSeconds(Play& play) {
 void IsToldToActAllTheTime(Play& play) {
     play.Repeat(1ms, 200ms, [&play] {
         constexpr std::array kWords{"init", "renew", "rebind"};
-        play.lan.daemon.LeaseAction("eth0", kWords.at(play.Draw(kWords.size())));
+        play.lan.daemon.LeaseAction("eth0", kWords.at(static_cast<size_t>(play.Draw(kWords.size()))));
     });
 }
 

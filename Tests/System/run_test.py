@@ -185,6 +185,11 @@ class Changes(RunTest):
         self.assertEqual(self.tool("server", "reload").returncode, 0)
         lab.eventually(lambda: self.addresses("server") == ["192.0.2.2"] and self.table() == table, BACK,
                        "the other address, and the same table")
+        self.assertEqual(lab.stop(self.runs["server"]), 0)
+        self.files["server"].write_text("")
+        self.start_run("server")
+        lab.eventually(lambda: self.addresses("server") == [], BACK, "a table that went meanwhile is heeded")
+        self.assertIn("not managed", self.tool("server", "release", "eth0").stderr)
         self.files["client"].write_text("")
         self.assertEqual(self.tool("client", "reload").returncode, 0)
         lab.eventually(lambda: self.addresses("client") == [], BACK, "nothing left")
@@ -207,6 +212,20 @@ class Changes(RunTest):
                        f"as the last good file says: {self.said('server')}")
         self.daemons["server"].send_signal(lab.signal.SIGSTOP)
         self.assertEqual(lab.stop(self.runs["server"], timeout=3), 0)
+
+    def test_what_another_process_applies_is_left_to_it_until_it_ends(self):
+        self.start_daemon("client")
+        other = self.peer("client", OSTRELCTL, "apply", "eth0")
+        lab.eventually(lambda: "not managed" in other.output.read_text(), 5, "the first to apply")
+        self.start_daemon("server")
+        for host in self.hosts:
+            self.start_run(host)
+        self.await_address(10)
+        self.assertIn(f"applied already, by process {other.pid}", self.said("client"))
+        self.kill(other)
+        self.tool("client", "reload")
+        lab.eventually(lambda: self.said("client").count("+ address 192.0.2.50/24") == 1, BACK, self.said("client"))
+        self.assertRegex(self.tool("client", "apply", "eth0").stderr, f"by process {self.runs['client'].pid}")
 
     def test_interfaces_flap_go_are_renamed_and_come_back(self):
         self.files["client"].write_text(CLIENT.replace("[eth0]", '["eth*"]'))

@@ -1,5 +1,6 @@
 // The files of 'ostrelctl run': what they come to, and what is said of those that can't be meant so.
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
@@ -7,6 +8,7 @@
 #include <unistd.h>
 
 #include "ostrelctl/Files.h"
+#include "ostrelctl/Others.h"
 
 namespace ostrelctl {
 
@@ -137,6 +139,39 @@ TEST(Files, ExampleAndManualPageHaveEveryKeyAndTheExampleIsAFile) {
         for (const std::string& key : KeysOf(entry)) {
             EXPECT_TRUE(std::regex_search(shown, std::regex("\n#?" + key + " = "))) << key;
             EXPECT_TRUE(std::regex_search(page, std::regex("\n\\.It Cm " + key + "( |\n)"))) << key;
+        }
+    }
+}
+
+// By the files in which they say so. `lo` is the interface that is everywhere; its number is 1.
+TEST(Others, ConfigureAnInterfaceOrLeaveIt) {
+    struct Row {
+        const char* file;
+        const char* text;
+        const char* interfaces;  // of ifupdown
+        const char* manager;
+    };
+    const Row rows[] = {
+        {"run/NetworkManager/devices/1", "[device]\nmanaged=true\n", "", "NetworkManager"},
+        {"run/NetworkManager/devices/1", "[device]\nmanaged=unknown\n", "", ""},
+        {"run/NetworkManager/devices/2", "[device]\nmanaged=true\n", "", ""},
+        {"run/systemd/netif/links/1", "ADMIN_STATE=configuring\nOPER_STATE=carrier\n", "", "systemd-networkd"},
+        {"run/systemd/netif/links/1", "ADMIN_STATE=unmanaged\n", "", ""},
+        {"run/network/ifstate", "eth0=eth0\nlo=lo\n", "", "ifupdown"},
+        {"run/network/ifstate", "eth0=eth0\nlo1=lo\n", "", ""},
+        {"run/network/ifstate", "lo=lo\n", "auto lo\n  iface lo\tinet manual\n\tup true\n", ""},
+        {"run/network/ifstate", "lo=lo\n", "iface lo inet manual\niface lo inet dhcp\n", "ifupdown"},
+        {"run/network/ifstate", "lo=lo\n", "iface eth0 inet manual\niface lo inet6 manual\n", "ifupdown"},
+    };
+    const std::filesystem::path root = testing::TempDir() + "ostrel-others-" + std::to_string(getpid());
+    for (const Row& row : rows) {
+        for (const char* const stanzas : {"etc/network/interfaces", "etc/network/interfaces.d/x"}) {
+            std::filesystem::create_directories((root / row.file).parent_path());
+            std::filesystem::create_directories((root / stanzas).parent_path());
+            std::ofstream(root / row.file) << row.text;
+            std::ofstream(root / stanzas) << row.interfaces;
+            EXPECT_EQ(OtherManagerOf("lo", root), row.manager) << row.file << ": " << row.text << row.interfaces;
+            std::filesystem::remove_all(root);
         }
     }
 }

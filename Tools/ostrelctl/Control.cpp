@@ -50,6 +50,12 @@ const InterfaceState* StateOf(const Controller& controller, const std::string& i
     return isKnown ? &*found->second.state : nullptr;
 }
 
+// Whether what has failed on the interface is not to be tried again yet.
+bool Waits(const Controller& controller, const std::string& interface) {
+    const auto refused = controller.refused.find(interface);
+    return refused != controller.refused.end() && Clock::now() < refused->second;
+}
+
 // --- A server's own address ---
 
 InterfaceAddress OwnAddress(const std::string& interface, const Network& network) {
@@ -145,6 +151,14 @@ void Prepare(const Controller& controller, const std::string& interface) {
     if (error != 0) Complain('\'' + interface + "' cannot be set up: " + std::strerror(error), "");
 }
 
+// An `ostrelctl apply` that somebody has started for the interface goes on; it is seen later whether it has ended.
+void KeepApplying(Controller& controller, const std::string& interface, const Entry& entry) {
+    if (IsServer(entry) || controller.applying.interfaces.contains(interface) || Waits(controller, interface)) return;
+    const uint32_t metric = entry.metric.value_or(kUsualMetric);
+    if (BeginApplying(controller.applying, controller.follower, interface, metric) != kExitDone)
+        controller.refused[interface] = Clock::now() + kRefusedPause;
+}
+
 void TakeUp(Controller& controller, const std::string& interface, const Entry& entry) {
     std::string text;
     if (!ToText(RequestFor(entry, interface), text)) return;
@@ -159,10 +173,8 @@ void TakeUp(Controller& controller, const std::string& interface, const Entry& e
     controller.lost.erase(if_nametoindex(interface.c_str()));
     controller.handed.insert_or_assign(
         interface, Handed{.entry = entry, .index = if_nametoindex(interface.c_str()), .isConfirmed = false});
-    if (IsServer(entry))
-        AskAnew(controller.follower, kServerLeaseInformation, interface);
-    else if (!controller.applying.interfaces.contains(interface))
-        (void)BeginApplying(controller.applying, controller.follower, interface, entry.metric.value_or(kUsualMetric));
+    if (IsServer(entry)) AskAnew(controller.follower, kServerLeaseInformation, interface);
+    KeepApplying(controller, interface, entry);
 }
 
 // It is not for this process any more: nothing that came from it stays.
@@ -213,6 +225,19 @@ void DropRenamed(Controller& controller, const std::string& interface) {
     if (controller.lost.erase(if_nametoindex(interface.c_str())) > 0) FinaliseQuietly(controller, interface, false);
 }
 
+// Its table has gone while this process was away.
+void DropForgotten(Controller& controller, const std::string& interface) {
+    const auto kept = controller.kept.each.find(interface);
+    if (kept == controller.kept.each.end() || kept->second.request.empty()) return;
+    const bool isOurs = controller.kept.owner == controller.follower.owner;
+    if (isOurs && StateOf(controller, interface) != nullptr) FinaliseQuietly(controller, interface, false);
+    if (controller.calls.isSilent) return;
+    RemoveOwnAddress(controller, interface);
+    kept->second.request.clear();
+    controller.isUnsaved = true;
+    SayOf(interface, "released: no table is for it any more");
+}
+
 // The daemon still knows it by another name; it will tell.
 bool IsBeingRenamed(const Controller& controller, const std::string& interface) {
     const unsigned index = if_nametoindex(interface.c_str());
@@ -224,15 +249,17 @@ bool IsBeingRenamed(const Controller& controller, const std::string& interface) 
 void LookAt(Controller& controller, const std::string& interface) {
     const Entry* const entry = EntryFor(controller.configuration, interface);
     const auto handed = controller.handed.find(interface);
-    if (entry == nullptr) return DropRenamed(controller, interface);
+    if (entry == nullptr) {
+        DropRenamed(controller, interface);
+        return DropForgotten(controller, interface);
+    }
     if (IsBeingRenamed(controller, interface)) return;
     if (handed != controller.handed.end()) {
         handed->second.index = if_nametoindex(interface.c_str());
+        KeepApplying(controller, interface, *entry);
         return KeepOwnAddress(controller, interface, *entry);
     }
-    const auto refused = controller.refused.find(interface);
-    const bool waits = refused != controller.refused.end() && Clock::now() < refused->second;
-    if (waits || IsOthers(controller, interface)) return;
+    if (Waits(controller, interface) || IsOthers(controller, interface)) return;
     TakeUp(controller, interface, *entry);
 }
 

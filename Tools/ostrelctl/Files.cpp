@@ -185,7 +185,8 @@ ExitStatus ReadOne(const std::string& file, Configuration& configuration) {
 }
 
 bool Matches(const Entry& entry, const std::string& interface) {
-    return entry.pattern == interface || fnmatch(entry.pattern.c_str(), interface.c_str(), 0) == 0;
+    if (entry.pattern == interface) return true;
+    return IsPattern(entry.pattern) && fnmatch(entry.pattern.c_str(), interface.c_str(), 0) == 0;
 }
 
 std::string ClientText(const ClientOptions& client) {

@@ -62,7 +62,12 @@ ExitStatus WriteKeptFile(const std::string& file, const std::string& text) {
     const std::string beside = file + ".new";
     {
         const FileDescriptor opened(open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-        if (!opened.isOpen() || !WriteWhole(opened.get(), text)) return ComplainOf(beside, "written");
+        if (!opened.isOpen()) return ComplainOf(beside, "written");
+        if (!WriteWhole(opened.get(), text)) {
+            const ExitStatus status = ComplainOf(beside, "written");
+            (void)unlink(beside.c_str());  // a full disk has other use for the room
+            return status;
+        }
     }
     if (rename(beside.c_str(), file.c_str()) != 0 || !SyncDirectoryOf(file)) return ComplainOf(file, "written");
     return kExitDone;
