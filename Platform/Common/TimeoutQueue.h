@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,6 +35,7 @@ public:
 
     void Clear() noexcept;
     [[nodiscard]] size_t Size() const noexcept { return timeouts.size(); }
+    [[nodiscard]] std::span<const PendingTimeout> All() const noexcept { return timeouts; }  // the next one last
     [[nodiscard]] std::optional<int64_t> NextDeadline() const noexcept;
     [[nodiscard]] std::optional<int64_t> NextAlarm() const noexcept;  // likewise, of those with a name
 

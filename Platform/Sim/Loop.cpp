@@ -84,6 +84,7 @@ bool World::RunFor(Duration duration) {
         }
         state->now = *next;
         state->schedule.Take()();
+        if (afterEvent) afterEvent();
     }
     return false;
 }

@@ -133,6 +133,7 @@ public:
     bool RunFor(Duration duration);
     void At(Duration delay, std::function<void()> action);  // a scripted event
     [[nodiscard]] uint32_t MonotonicSeconds() const;        // what the daemon's clock says now
+    std::function<void()> afterEvent;                       // of whatever kind, when all that it did is done
     [[nodiscard]] Duration TimeAwake() const;               // of the time since the world began
     // The device sleeps from now on, until that time is over or an alarm is due: its plain timeouts and its monotonic
     // clock stand still, and what is sent to it is lost.
@@ -158,6 +159,7 @@ public:
     void FailSends(const std::string& ifname, SendFault fault, uint32_t count);  // the next `count` sends of any socket
     bool rawSocketsAllowed = true;
     std::function<void(std::span<const uint8_t> frame)> onSend;  // each frame that an interface puts on its wire
+    size_t framesTooLong = 0;                                    // for the interface that was to send them
     // The same in every world, whatever a test does with the other: for what holds in all of them.
     static inline std::function<void(const Station& interface, std::span<const uint8_t> frame)> onEverySend;
 

@@ -78,6 +78,7 @@ bool Interface::IsBehind(const MAC& destination) const {
 }
 
 int Interface::Send(std::span<const uint8_t> frame) {
+    if (frame.size() > mtu + kHeader) ++World::Get().framesTooLong;
     if (!up) return -ENETDOWN;
     if (frame.size() > mtu + kHeader) return -EMSGSIZE;
     if (Refuses(DeviceCall::Send)) return -ENOBUFS;

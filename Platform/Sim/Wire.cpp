@@ -52,6 +52,7 @@ void VisitDHCP(Message& message, const Visitor& visit) {
     visit(kUDP, message.sourcePort);
     visit(kUDP + 2, message.destinationPort);
     visit(kBOOTP, message.op);
+    visit(kBOOTP + 3, message.hops);
     visit(kBOOTP + 4, message.xid);
     visit(kBOOTP + 10, message.flags);
     visit(kBOOTP + 12, message.ciaddr);

@@ -31,6 +31,7 @@ struct DHCPMessage {
     uint16_t sourcePort = 0;
     uint16_t destinationPort = 0;
     uint8_t op = 0;
+    uint8_t hops = 0;
     uint32_t xid = 0;  // its bytes on the wire, the first in the most significant place
     uint16_t flags = 0;
     IPv4 ciaddr = 0;
