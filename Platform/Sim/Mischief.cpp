@@ -36,8 +36,9 @@ void MendChecksums(Frame& frame) {
 
 const char* HarmName(Harm harm) {
     constexpr std::array<const char*, kHarms> kNames{
-        "mutated frames", "forged refusals", "forged offers and grants", "ARP conflicts", "starvation",
-        "storms",         "replayed frames", "off-link datagrams",       "a host that has every address"};
+        "mutated frames",  "forged refusals",    "forged offers and grants",
+        "ARP conflicts",   "starvation",         "storms",
+        "replayed frames", "off-link datagrams", "a host that has every address"};
     return kNames.at(static_cast<size_t>(harm));
 }
 
@@ -171,8 +172,11 @@ void Mischief::Answer(const DHCPMessage& message, MessageType type) {
 
 Frame Mischief::MutateDHCP(DHCPMessage message) {
     auto& options = message.options;
-    const auto any = [&]() -> auto& { return options[Draw(options.size())]; };
+    const auto any = [&]() -> auto& {
+        return options[Draw(options.size())];
+    };
     for (uint64_t i = 1 + Draw(3); i > 0 && !options.empty(); --i) {
+        const bool isFull = Draw(2) == 0;
         switch (Draw(10)) {
             case 0:
                 options.erase(options.begin() + static_cast<ptrdiff_t>(Draw(options.size())));
@@ -187,7 +191,7 @@ Frame Mischief::MutateDHCP(DHCPMessage message) {
                 any().second.resize(200 + Draw(56), 0xC0);
                 break;
             case 4:
-                std::fill_n(any().second.begin(), any().second.size(), static_cast<uint8_t>(Draw(2) * 255));
+                for (uint8_t& byte : any().second) byte = static_cast<uint8_t>(isFull ? 255 : 0);
                 break;
             case 5:
                 any().first = static_cast<uint8_t>(1 + Draw(254));
@@ -224,12 +228,12 @@ Frame Mischief::Mutate(Frame frame) {
             any() = static_cast<uint8_t>(random());
             break;
         case 3:
-            if (frame.size() > kOptions) frame[kOptions + Draw(frame.size() - kOptions)] = static_cast<uint8_t>(random());
+            if (frame.size() > kOptions)
+                frame[kOptions + Draw(frame.size() - kOptions)] = static_cast<uint8_t>(random());
             break;
         case 4:  // another header length
             frame[kIP] = static_cast<uint8_t>(0x40 | Draw(16));
-            if (Draw(2) == 0 && frame[kIP] > 0x45)
-                frame.insert(frame.begin() + kIP + 20, (frame[kIP] - 0x45U) * 4U, 0);
+            if (Draw(2) == 0 && frame[kIP] > 0x45) frame.insert(frame.begin() + kIP + 20, (frame[kIP] - 0x45U) * 4U, 0);
             break;
         case 5:  // a fragment
             frame[kIP + 6] = static_cast<uint8_t>(Draw(2) == 0 ? 0x20 : Draw(32));

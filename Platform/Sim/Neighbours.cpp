@@ -20,8 +20,8 @@ IPv4 AddressAt(std::span<const uint8_t> frame, size_t offset) {
 }  // namespace
 
 Octets ToOctets(IPv4 address) {
-    return {static_cast<uint8_t>(address >> 24), static_cast<uint8_t>(address >> 16), static_cast<uint8_t>(address >> 8),
-            static_cast<uint8_t>(address)};
+    return {static_cast<uint8_t>(address >> 24), static_cast<uint8_t>(address >> 16),
+            static_cast<uint8_t>(address >> 8), static_cast<uint8_t>(address)};
 }
 
 void Neighbour::Receive(std::span<const uint8_t> frame) {

@@ -185,8 +185,8 @@ public:
     void Begin(Harm harm, Duration pace);
     void Switch(bool isOn) override;
 
-    MAC gateway{};           // of the router, where there is one
-    IPv4 beyond = 0;         // an address behind it
+    MAC gateway{};    // of the router, where there is one
+    IPv4 beyond = 0;  // an address behind it
     uint64_t framesSent = 0;
 
 private:
