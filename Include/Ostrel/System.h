@@ -29,6 +29,7 @@ struct Ostrel_SystemObj {
     Ostrel_WallClock wallClock;          // lease times are shown by it
     Ostrel_Status failure;               // for which the loop was ended; kNoErr otherwise
     uint32_t numWatchedLinks;            // interfaces that follow their link
+    bool deviceIsWatched;                // so that they can
     Ostrel_Audience audience;
     Ostrel_LeaseTexts* leaseTexts;  // the bus area's; Ostrel_VoroServiceFinalize frees them
 };

@@ -137,6 +137,8 @@ inline constexpr uint64_t kLasting = 60'000;  // milliseconds: a lease that was 
                                                       uint32_t& remaining);
 // Arms T1, T2 and the end of a lease that has just begun to count.
 void Ostrel_DHCPClientArmLease(Ostrel_ClientObj* client);
+// The end alone.
+void Ostrel_DHCPClientArmEnd(Ostrel_ClientObj* client);
 
 // What a message is made of, beside what every message of the client carries. As it stands: broadcast, from nobody.
 struct Ostrel_ClientMessage {

@@ -55,6 +55,9 @@ void Ostrel_DHCPClientStateTransition_Rebooting(Ostrel_ClientObj* client, Ostrel
     client->rebootAddress = address;
     Ostrel_DHCPClientEnterState(client, kClientStateRebooting, reason);
     Ostrel_DHCPClientPutOff(client);
+    // A lease that was being checked again when the link was lost has no end armed yet.
+    const bool ends = client->iface->leaseIsHeld && client->lease.leaseTime != kInfiniteLease;
+    if (ends && client->due[kClientTimeoutExpiry] == 0) Ostrel_DHCPClientArmEnd(client);
     client->requestRetries = 0;
     Ostrel_DHCPClientArm(client, kClientTimeoutRebooting, milliseconds);
 }

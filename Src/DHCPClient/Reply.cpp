@@ -169,6 +169,11 @@ void Ostrel_BOOTPClientPacketFilterHandler(void* context, const uint8_t* /*sourc
         return Note(client, WithoutType(received));
     }
 
+    // A link that is back has to settle first, and then the client asks anew: what comes before that would have it hold
+    // an address without a link.
+    if (client->linkIsLost)
+        return Note(client, {.kind = Ostrel_VerdictKind::State, .state = Ostrel_ClientStateString(client->state)});
+
     Ostrel_Verdict verdict{.kind = Ostrel_VerdictKind::MessageType};
     Ostrel_Status status = kNoErr;
     if (received.messageType == kDHCPOffer) verdict = Ostrel_DHCPClientProcessOffer(client, received.packet);

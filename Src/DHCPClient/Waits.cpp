@@ -118,14 +118,18 @@ void Ostrel_DHCPClientArmLease(Ostrel_ClientObj* client) {
     const Ostrel_ClientLease& lease = client->lease;
     uint64_t renewing = Fuzzed(client, lease.renewalTime);
     uint64_t rebinding = Fuzzed(client, lease.rebindingTime);
-    uint64_t expiry = uint64_t{lease.leaseTime} * 1000;
     if (client->rules->timesAreTheServers) {
         renewing = LeftOf(client, renewing, kLeastExtension);
         rebinding = LeftOf(client, rebinding, kLeastExtension);
-        expiry = LeftOf(client, expiry, 0);
     }
     // What a caller has asked for during the check, and what had no room among the frames yet, comes before that.
     if (client->due[kClientTimeoutRenewing] == 0) Ostrel_DHCPClientArm(client, kClientTimeoutRenewing, renewing);
     if (client->due[kClientTimeoutRebinding] == 0) Ostrel_DHCPClientArm(client, kClientTimeoutRebinding, rebinding);
-    Ostrel_DHCPClientArm(client, kClientTimeoutExpiry, expiry);
+    Ostrel_DHCPClientArmEnd(client);
+}
+
+void Ostrel_DHCPClientArmEnd(Ostrel_ClientObj* client) {
+    const uint64_t expiry = uint64_t{client->lease.leaseTime} * 1000;
+    const bool isTheServers = client->rules->timesAreTheServers;
+    Ostrel_DHCPClientArm(client, kClientTimeoutExpiry, isTheServers ? LeftOf(client, expiry, 0) : expiry);
 }

@@ -37,6 +37,13 @@ void Ostrel_LinkTimeout_Settled(void* iface, void*);
 constexpr Ostrel_TimeoutKind kSettlingTimeout{Ostrel_LinkTimeout_Settled, "[Link] SETTLED ", false, kShortestSettling,
                                               kLongestSettling};
 
+// An interface whose sockets could not be had.
+constexpr uint32_t kRetry = 1000;  // milliseconds
+
+void Ostrel_LinkTimeout_Again(void* iface, void*);
+
+constexpr Ostrel_TimeoutKind kAgainTimeout{Ostrel_LinkTimeout_Again, "[Link] AGAIN ", false, kRetry, kRetry};
+
 void TellRoles(Ostrel_InterfaceObj* iface, bool isRunning) {
     Ostrel_InterfacePictureTurns(iface);
     iface->link.isRunning = isRunning;
@@ -87,7 +94,7 @@ Ostrel_Status ReopenSockets(Ostrel_InterfaceObj* iface) {
     return kNoErr;
 }
 
-// An interface of this name was put into the device. Sockets that cannot be had yet are opened with the next news.
+// An interface of this name was put into the device. Sockets that cannot be had yet are opened a little later.
 bool TakeIn(Ostrel_InterfaceObj* iface, int32_t index) {
     NoteThere(iface, false);
     NoteLost(iface);
@@ -149,7 +156,8 @@ void FollowLink(Ostrel_InterfaceObj* iface) {
     const os_link now = FindLink(iface, &wasRenamed);
     if (wasRenamed && iface->dhcpClient != nullptr)
         (void)Ostrel_VoroServicePublishClientLeaseInformation(iface->sysObj, iface->dhcpClient);
-    if (now.isThere && now.index != iface->link.index && !TakeIn(iface, now.index)) return;
+    if (now.isThere && now.index != iface->link.index && !TakeIn(iface, now.index))
+        return Ostrel_RearmTimeout(iface, iface, kAgainTimeout, kRetry);
     NoteThere(iface, now.isThere);
     if (now.isThere) NoteAddress(iface, now.address);
     if (now.isRunning)
@@ -162,6 +170,10 @@ void LookAt(Ostrel_InterfaceObj* iface) {
     const bool wasThere = iface->link.isThere;
     FollowLink(iface);
     if (iface->link.isThere != wasThere) Ostrel_InterfacePictureChanged(iface);
+}
+
+void Ostrel_LinkTimeout_Again(void* context, void*) {
+    LookAt(static_cast<Ostrel_InterfaceObj*>(context));
 }
 
 // Index 0: it may be any link. One that is gone keeps its number until another has its name.
@@ -197,14 +209,20 @@ void Ostrel_InterfaceWatchLink(Ostrel_InterfaceObj* iface) {
                    .index = now.index,
                    .settlingTime = kShortestSettling,
                    .runningSince = 0};
-    // What cannot be watched is in the log, and the roles go on as without it.
-    if (iface->sysObj->numWatchedLinks++ == 0) (void)os_watch_device({LinkChanged, WokeUp, iface->sysObj});
-    if (!now.isRunning) TellRoles(iface, false);
+    // What cannot be watched is in the log, and the roles go on as without it: of a link that is lost nobody would tell
+    // them that it is back. The next interface tries again.
+    Ostrel_SystemObj& system = *iface->sysObj;
+    ++system.numWatchedLinks;
+    if (!system.deviceIsWatched) system.deviceIsWatched = os_watch_device({LinkChanged, WokeUp, iface->sysObj}) == 0;
+    if (!now.isRunning && system.deviceIsWatched) TellRoles(iface, false);
 }
 
 void Ostrel_InterfaceUnwatchLink(Ostrel_InterfaceObj* iface) {
     if (!iface->link.isWatched) return;
     iface->link.isWatched = false;
     Ostrel_DisarmTimeout(iface, iface, kSettlingTimeout);
-    if (--iface->sysObj->numWatchedLinks == 0) os_unwatch_device();
+    Ostrel_DisarmTimeout(iface, iface, kAgainTimeout);
+    if (--iface->sysObj->numWatchedLinks != 0) return;
+    os_unwatch_device();
+    iface->sysObj->deviceIsWatched = false;
 }
