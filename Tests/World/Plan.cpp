@@ -13,13 +13,37 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::array<const char*, kWhats> kNames{
-    "wire",  "link",    "flapping link", "rename", "taken out", "new MAC address", "sleep",     "clock set",
-    "restart", "failing send", "failing allocation", "failing call", "lease action", "operator", "hand-over", "subscribe",
-    "unsubscribe or not read", "nonsense", "neighbour", "harm"};
+enum class Whose : uint8_t { Segment, Port, Caller, Bystander, Nobody };
 
-// How likely each event is beside the others.
-constexpr std::array<uint32_t, kWhats> kWeights{8, 6, 5, 3, 3, 3, 5, 3, 3, 4, 5, 6, 12, 4, 4, 6, 6, 6, 14, 10};
+// Each event by What: how likely it is beside the others, to whom it happens, and what its values are below.
+struct Row {
+    const char* name;
+    uint32_t weight;
+    Whose whose;
+    std::array<uint32_t, 3> below;
+};
+constexpr std::array<Row, kWhats> kRows{{
+    {"wire", 8, Whose::Segment, {400, 300, 500}},
+    {"link", 6, Whose::Port, {2, 1, 1}},
+    {"flapping link", 5, Whose::Port, {20, 3000, 1}},
+    {"rename", 3, Whose::Port, {2, 1, 1}},
+    {"taken out", 3, Whose::Port, {60, 8, 1}},
+    {"new MAC address", 3, Whose::Port, {4, 1, 1}},
+    {"sleep", 5, Whose::Nobody, {20'000, 1, 1}},
+    {"clock set", 3, Whose::Nobody, {200'000, 1, 1}},
+    {"restart", 3, Whose::Nobody, {4, 1, 1}},
+    {"failing send", 4, Whose::Port, {2, 4, 1}},
+    {"failing allocation", 5, Whose::Nobody, {20, 1, 1}},
+    {"failing call", 6, Whose::Nobody, {64, 6, 3}},
+    {"lease action", 12, Whose::Port, {6, 1, 1}},
+    {"operator", 4, Whose::Port, {3, 8, 1}},
+    {"hand-over", 4, Whose::Port, {1, 1, 20}},
+    {"subscribe", 6, Whose::Caller, {1, 1, 1}},
+    {"unsubscribe or not read", 6, Whose::Caller, {4, 1, 1}},
+    {"nonsense", 6, Whose::Caller, {9, 10, 1}},
+    {"neighbour", 14, Whose::Bystander, {8, 64, 1}},
+    {"harm", 10, Whose::Bystander, {kHarms, 10'000, 120}},
+}};
 
 struct Dice {
     std::mt19937_64 random;
@@ -69,73 +93,55 @@ void AddStations(Plan& plan, Dice& dice) {
     if (plan.segments > 1) plan.bystanders.push_back({.kind = Kind::Router, .manner = dice(256)});
 }
 
-uint32_t IndexOf(const Plan& plan, Dice& dice, What what) {
-    switch (what) {
-        case What::Wire:
+uint32_t DrawWho(const Plan& plan, Dice& dice, Whose whose) {
+    switch (whose) {
+        case Whose::Segment:
             return dice(plan.segments);
-        case What::Listen:
-        case What::Unlisten:
-        case What::Nonsense:
-            return dice(kCallers);
-        case What::Bystand:
-        case What::Harm:
-            return dice(plan.bystanders.size());
-        default:
+        case Whose::Port:
             return dice(plan.ports.size());
+        case Whose::Caller:
+            return dice(kCallers);
+        case Whose::Bystander:
+            return dice(plan.bystanders.size());
+        case Whose::Nobody:
+            return 0;
     }
+    return 0;
 }
 
-std::array<uint32_t, 3> ValuesOf(Dice& dice, What what) {
-    switch (what) {
-        case What::Wire:
-            if (dice.Chance(40)) return {};
-            return {dice(400), dice(300), dice(500)};
-        case What::Flaps:
-            return {2 + dice(20), 10 + dice(3000), 0};
-        case What::TakeOut:
-            return {dice(60), dice(8), 0};
-        case What::Sleep:
-            return {dice.Chance(50) ? dice(120) : dice(20'000), 0, 0};
-        case What::Clock:
-            return {dice(200'000), 0, 0};
-        case What::SendFault:
-            return {dice(2), 1 + dice(4), 0};
-        case What::Memory:
-            return {1 + dice(20), 0, 0};
-        case What::Call:
-            return {dice(64), 1 + dice(6), 1 + dice(3)};
-        case What::Harm:
-            return {dice(kHarms), dice.Chance(30) ? 20 + dice(100) : 100 + dice(10'000), 1 + dice(120)};
-        default:
-            return {dice(64), dice(64), dice(64)};
-    }
+Event DrawEvent(const Plan& plan, Dice& dice, What what, Duration time) {
+    const Row& row = kRows.at(static_cast<size_t>(what));
+    Event event{time, what, DrawWho(plan, dice, row.whose), {}};
+    for (size_t i = 0; i < event.values.size(); ++i) event.values.at(i) = dice(row.below.at(i));
+    if (what == What::Wire && dice.Chance(40)) event.values = {};        // it is mended
+    if (what == What::Sleep && dice.Chance(50)) event.values[0] %= 120;  // a nap
+    if (what == What::Harm && dice.Chance(30)) event.values[1] %= 100;   // more of it
+    return event;
 }
 
-// The n-th bystander of that kind that is there.
 std::string StationOf(const Plan& plan, const Event& event) {
-    switch (event.what) {
-        case What::Wire:
-            return "segment " + std::to_string(event.who);
-        case What::Listen:
-        case What::Unlisten:
-        case What::Nonsense:
-            return "caller " + std::to_string(event.who);
-        case What::Bystand:
-        case What::Harm: {
-            constexpr std::array<const char*, 6> kKinds{"server", "client", "link-local host", "squatter", "router",
-                                                        "mischief"};
-            return std::string(kKinds.at(static_cast<size_t>(plan.bystanders.at(event.who).kind))) + " " +
-                   std::to_string(event.who);
-        }
-        default:
-            return "port " + std::to_string(event.who);
+    constexpr std::array<const char*, 6> kKinds{"server",   "client", "link-local host",
+                                                "squatter", "router", "mischief"};
+    const std::string number = " " + std::to_string(event.who);
+    switch (kRows.at(static_cast<size_t>(event.what)).whose) {
+        case Whose::Segment:
+            return "segment" + number;
+        case Whose::Port:
+            return "port" + number;
+        case Whose::Caller:
+            return "caller" + number;
+        case Whose::Bystander:
+            return kKinds.at(static_cast<size_t>(plan.bystanders.at(event.who).kind)) + number;
+        case Whose::Nobody:
+            return "device";
     }
+    return "";
 }
 
 }  // namespace
 
 const char* WhatName(What what) {
-    return kNames.at(static_cast<size_t>(what));
+    return kRows.at(static_cast<size_t>(what)).name;
 }
 
 Plan MakePlan(uint64_t seed, uint32_t hours) {
@@ -147,15 +153,17 @@ Plan MakePlan(uint64_t seed, uint32_t hours) {
     // Half of them close to each other, as troubles come.
     const uint32_t number = 20 + dice(40) + std::min(hours, 480U) * 2;
     Duration burst{0};
-    std::discrete_distribution<uint32_t> pick(kWeights.begin(), kWeights.end());
+    std::vector<uint32_t> weights;
+    for (const Row& row : kRows) weights.push_back(row.weight);
+    std::discrete_distribution<uint32_t> pick(weights.begin(), weights.end());
     for (uint32_t i = 0; i < number; ++i) {
         const auto seconds = static_cast<uint64_t>(plan.turmoil / 1s);
         if (i % 8 == 0) burst = dice(seconds) * Duration(1s);
         const bool isInBurst = dice.Chance(60);
         const Duration time = (isInBurst ? burst + dice(120'000) * Duration(1ms) : dice(seconds) * Duration(1s)) +
                               Duration(dice(1'000'000));
-        const auto what = static_cast<What>(pick(dice.random));
-        plan.events.push_back({std::min(time, plan.turmoil), what, IndexOf(plan, dice, what), ValuesOf(dice, what)});
+        plan.events.push_back(
+            DrawEvent(plan, dice, static_cast<What>(pick(dice.random)), std::min(time, plan.turmoil)));
     }
     std::stable_sort(plan.events.begin(), plan.events.end(),
                      [](const Event& a, const Event& b) { return a.time < b.time; });
@@ -163,8 +171,9 @@ Plan MakePlan(uint64_t seed, uint32_t hours) {
 }
 
 std::string Describe(const Plan& plan) {
-    constexpr std::array<const char*, 6> kRoles{"client",        "client and selector", "client, selector as fallback",
-                                                "static client", "server",              "server and selector"};
+    constexpr std::array<const char*, 6> kRoles{
+        "client", "client and selector", "client, selector as fallback", "static client",
+        "server", "server and selector"};
     std::string text = "seed " + std::to_string(plan.seed) + ", " + std::to_string(plan.segments) + " segments, " +
                        std::to_string(plan.turmoil / 1h) + " h\n";
     for (size_t i = 0; i < plan.ports.size(); ++i) {

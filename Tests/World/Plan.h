@@ -75,10 +75,10 @@ struct Event {
 struct Plan {
     uint64_t seed = 0;
     uint32_t segments = 1;
-    std::vector<Port> ports;
-    std::vector<Bystander> bystanders;
-    std::vector<Event> events;  // in the order of their times
-    Duration turmoil{0};        // after which nothing of it is left but calm
+    std::vector<Port> ports{};
+    std::vector<Bystander> bystanders{};
+    std::vector<Event> events{};  // in the order of their times
+    Duration turmoil{0};          // after which nothing of it is left but calm
 };
 
 constexpr uint32_t kCallers = 3;
