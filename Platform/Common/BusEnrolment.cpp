@@ -167,7 +167,9 @@ bool VSSubscriptionProcessFor(VSHandle* handle, VSMessage* message, const char* 
 bool VSSubscriptionHasSubscribers(const VSHandle* handle, const char* category, const char* method,
                                   const char* subject) noexcept {
     if (handle == nullptr || category == nullptr || method == nullptr) return false;
+    const auto& peers = handle->peers;
+    if (std::ranges::all_of(peers, [](auto& peer) { return peer->enrolments.empty(); })) return false;
     const BusCategory* found = BusFindCategory(handle, category);
-    return found != nullptr && std::any_of(handle->peers.begin(), handle->peers.end(),
-                                           [=](auto& peer) { return BusIsEnrolled(*peer, found, method, subject); });
+    return found != nullptr &&
+           std::ranges::any_of(peers, [=](auto& peer) { return BusIsEnrolled(*peer, found, method, subject); });
 }

@@ -1,8 +1,9 @@
 // Link-layer sockets: receiving.
 //
-// One wake-up handles one batch of frames, read with a single system call into buffers that all sockets share; what is
-// left in the queue waits for the loop's next pass, so a flood starves neither timers nor the bus. The callback may
-// close any socket, its own included: the record stays until the batch is done, and the rest of the batch is dropped.
+// Frames are read in batches, each with a single system call, into buffers that all sockets share. One wake-up handles
+// a few batches, as long as each is full; what is left in the queue waits for the loop's next pass, so a flood starves
+// neither timers nor the bus. The callback may close any socket, its own included: the record stays until the batch is
+// done, and the rest of the batch is dropped.
 //
 // What belongs to other hosts or to another VLAN, the kernel drops by the socket's program.
 #include <algorithm>
@@ -17,6 +18,7 @@
 namespace {
 
 constexpr size_t kBatch = 16;  // frames
+constexpr int kBatches = 4;    // of a wake-up, at most: half a millisecond of work
 constexpr size_t kSourceOffset = 6;
 constexpr size_t kAddressLength = 6;
 
@@ -52,7 +54,8 @@ void Deliver(const l2_packet_data* l2, std::span<const uint8_t> frame) noexcept 
     l2->callback(l2->context, source.data(), frame);
 }
 
-void HandleBatch(l2_packet_data* l2, size_t count) noexcept {
+// False when the socket was closed meanwhile, and its record is gone.
+bool HandleBatch(l2_packet_data* l2, size_t count) noexcept {
     const LogFrameScope aFrameIsHandled;
     l2->receiving = true;
     for (size_t i = 0; i < count && !l2->closed && !EventLoopIsEnding(); ++i) {
@@ -62,20 +65,29 @@ void HandleBatch(l2_packet_data* l2, size_t count) noexcept {
     }
     L2Flush(l2);
     l2->receiving = false;
-    if (l2->closed) os_delete(l2);
+    if (!l2->closed) return true;
+    os_delete(l2);
+    return false;
+}
+
+// Reads and handles a batch; whether there may be another.
+bool ReceiveBatch(l2_packet_data* l2) noexcept {
+    const int count = ReadBatch(l2->fd);
+    if (count < 0) {
+        // Reading an error takes it off the socket, so the loop doesn't spin on it; the link may return.
+        if (errno != EAGAIN && errno != EINTR) L2NoteState(l2, errno);
+        return false;
+    }
+    L2NoteState(l2, 0);
+    const auto frames = static_cast<size_t>(count);
+    return HandleBatch(l2, frames) && frames == kBatch && !EventLoopIsEnding();
 }
 
 }  // namespace
 
-gboolean L2Receive(gint fd, GIOCondition, gpointer data) noexcept {
+gboolean L2Receive(gint, GIOCondition, gpointer data) noexcept {
     auto* const l2 = static_cast<l2_packet_data*>(data);
-    const int count = ReadBatch(fd);
-    if (count < 0) {
-        // Reading an error takes it off the socket, so the loop doesn't spin on it; the link may return.
-        if (errno != EAGAIN && errno != EINTR) L2NoteState(l2, errno);
-        return G_SOURCE_CONTINUE;
+    for (int batches = 0; batches < kBatches && ReceiveBatch(l2); ++batches) {
     }
-    L2NoteState(l2, 0);
-    HandleBatch(l2, static_cast<size_t>(count));
     return G_SOURCE_CONTINUE;
 }

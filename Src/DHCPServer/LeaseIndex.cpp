@@ -214,7 +214,7 @@ Ostrel_Status Ostrel_LeaseIndexInitialize(Ostrel_ServerObj* server) {
     std::memcpy(index.hashKey.data(), secret.data() + sizeof index.key, sizeof index.hashKey);
     ListsInitialize(index);
     std::fill_n(index.chains.get(), index.numChains, kNoSlot);
-    for (uint32_t slot = 0; slot < slots; ++slot) Ostrel_LeaseIndexEnter(server, slot, false);
+    for (uint32_t slot = 0; slot < slots; ++slot) Ostrel_LeaseIndexEnter(server, slot, {});
     return kNoErr;
 }
 
@@ -248,28 +248,28 @@ void Ostrel_LeaseIndexForget(Ostrel_ServerObj* server, uint32_t slot) {
     if (becomesBlank) SlotSetInsert(server->index->blank, slot);
 }
 
-void Ostrel_LeaseIndexLeave(Ostrel_ServerObj* server, uint32_t slot, bool keepsAge) {
+void Ostrel_LeaseIndexLeave(Ostrel_ServerObj* server, uint32_t slot, SlotPlacesKept kept) {
     Ostrel_LeaseIndex& index = *server->index;
     const Ostrel_LeaseInformation& lease = server->leases[slot];
     if (lease.state == kLeaseStateFree) SlotSetErase(index.free, slot);
     if (IsBlank(server, slot)) SlotSetErase(index.blank, slot);
     if (IsWithheld(lease)) SlotSetErase(index.withheld, slot);
-    if (IsTied(server, slot)) Untie(server, slot);
+    if (!kept.tie && IsTied(server, slot)) Untie(server, slot);
     if (SlotList* const list = ListOf(server, slot); list != nullptr) Remove(index, *list, slot);
-    if (!Ostrel_LeaseIsInUse(lease.state) || keepsAge) return;
+    if (!Ostrel_LeaseIsInUse(lease.state) || kept.byAge) return;
     if (index.untold == slot) index.untold = index.links[slot].byAge.next;
     Remove(index, index.byAge, slot);
 }
 
-void Ostrel_LeaseIndexEnter(Ostrel_ServerObj* server, uint32_t slot, bool keepsAge) {
+void Ostrel_LeaseIndexEnter(Ostrel_ServerObj* server, uint32_t slot, SlotPlacesKept kept) {
     Ostrel_LeaseIndex& index = *server->index;
     const Ostrel_LeaseInformation& lease = server->leases[slot];
     if (lease.state == kLeaseStateFree) SlotSetInsert(index.free, slot);
     if (IsBlank(server, slot)) SlotSetInsert(index.blank, slot);
     if (IsWithheld(lease)) SlotSetInsert(index.withheld, slot);
-    if (IsTied(server, slot)) Tie(server, slot);
+    if (!kept.tie && IsTied(server, slot)) Tie(server, slot);
     if (SlotList* const list = ListOf(server, slot); list != nullptr) Append(index, *list, slot);
-    if (!Ostrel_LeaseIsInUse(lease.state) || keepsAge) return;
+    if (!Ostrel_LeaseIsInUse(lease.state) || kept.byAge) return;
     Append(index, index.byAge, slot);
     if (index.untold == kNoSlot) index.untold = slot;
 }

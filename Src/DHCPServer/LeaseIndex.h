@@ -68,10 +68,17 @@ struct Ostrel_LeaseIndex {
 // Builds the index of a table of blank slots; kOutOfMemoryErr leaves a half-built one, which may only be destroyed.
 [[nodiscard]] Ostrel_Status Ostrel_LeaseIndexInitialize(Ostrel_ServerObj* server);
 
+// The places of a slot in use that it keeps, as it stays in use: by age with the same offer time, among the ties with
+// the same client.
+struct SlotPlacesKept {
+    bool byAge;
+    bool tie;
+};
+
 // A slot's books are written between these two: Leave finds the slot by the books that it had, Enter by those that it
-// has got. One that is in use before and after, with the same offer time, keeps its place by age.
-void Ostrel_LeaseIndexLeave(Ostrel_ServerObj* server, uint32_t slot, bool keepsAge);
-void Ostrel_LeaseIndexEnter(Ostrel_ServerObj* server, uint32_t slot, bool keepsAge);
+// has got.
+void Ostrel_LeaseIndexLeave(Ostrel_ServerObj* server, uint32_t slot, SlotPlacesKept kept);
+void Ostrel_LeaseIndexEnter(Ostrel_ServerObj* server, uint32_t slot, SlotPlacesKept kept);
 
 // What a slot is tied by, or 0 when it is tied to nobody, whom only the address of all zeros looks like.
 [[nodiscard]] uint64_t Ostrel_LeaseIndexKeyOfMAC(const Ostrel_MAC& mac);

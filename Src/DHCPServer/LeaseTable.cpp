@@ -39,13 +39,23 @@ struct Books {
     bool isHeldForGood = false;
 };
 
+uint64_t KeyOf(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation* lease) {
+    return Ostrel_LeaseIndexKeyOf(server, Ostrel_LeaseSlotNumber(server, lease));
+}
+
+SlotPlacesKept PlacesKept(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation* lease, const Books& books) {
+    if (!Ostrel_LeaseIsInUse(lease->state) || !Ostrel_LeaseIsInUse(books.state)) return {};
+    const bool isByMAC = !server->rules->knowsByIdentifier;
+    return {.byAge = lease->offerTime == books.offerTime,
+            .tie = isByMAC ? lease->srcMAC == books.mac : KeyOf(server, lease) == books.key};
+}
+
 // The one place where a slot's books are written.
 void WriteBooks(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const Books& books) {
     const uint32_t slot = Ostrel_LeaseSlotNumber(server, lease);
     const Ostrel_LeaseState former = lease->state;
-    const bool staysInUse = Ostrel_LeaseIsInUse(lease->state) && Ostrel_LeaseIsInUse(books.state);
-    const bool keepsAge = staysInUse && lease->offerTime == books.offerTime;
-    Ostrel_LeaseIndexLeave(server, slot, keepsAge);
+    const SlotPlacesKept kept = PlacesKept(server, lease, books);
+    Ostrel_LeaseIndexLeave(server, slot, kept);
     lease->state = books.state;
     lease->srcMAC = books.mac;
     lease->offerTime = books.offerTime;
@@ -55,16 +65,12 @@ void WriteBooks(Ostrel_ServerObj* server, Ostrel_LeaseInformation* lease, const 
     lease->changed = true;
     lease->endIsTold = false;
     Ostrel_LeaseIndexSetKey(server, slot, books.key);
-    Ostrel_LeaseIndexEnter(server, slot, keepsAge);
+    Ostrel_LeaseIndexEnter(server, slot, kept);
     Ostrel_DHCPServerAwaitEnd(server);
     if (former == books.state) return;
     --server->slotsIn[former];
     ++server->slotsIn[books.state];
     Ostrel_InterfacePictureChanged(server->iface);
-}
-
-uint64_t KeyOf(const Ostrel_ServerObj* server, const Ostrel_LeaseInformation* lease) {
-    return Ostrel_LeaseIndexKeyOf(server, Ostrel_LeaseSlotNumber(server, lease));
 }
 
 // The one place where a slot's buffers are written, each with its length.

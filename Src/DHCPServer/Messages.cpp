@@ -121,7 +121,7 @@ Ostrel_Verdict VerdictOfFault(const Ostrel_ReceivedMessage& received) {
 }
 
 Ostrel_Status Ostrel_DHCPServerProcessRequest(Ostrel_ServerObj* server, const Ostrel_ServerMessage& message) {
-    const auto& [packet, client, verdict] = message;
+    const auto& [packet, client, now, verdict] = message;
     if (IsForAnother(server, packet)) {
         Ostrel_DHCPServer_LeaseForgo(server, client);
         return Drop(message, Server);
@@ -138,7 +138,7 @@ Ostrel_Status Ostrel_DHCPServerProcessRequest(Ostrel_ServerObj* server, const Os
         Ostrel_DHCPServerTellRefusal(server, client, requested, identity.hostName);
     } else {
         Ostrel_DHCPServer_LeaseClaim(server, lease, client.station, client.key);
-        Ostrel_DHCPServer_LeaseActivate(server, lease, client.station, os_monotonic_seconds(), identity.hostName);
+        Ostrel_DHCPServer_LeaseActivate(server, lease, client.station, now, identity.hostName);
         OSTREL_REQUIRE(Ostrel_DHCPServer_LeaseKeepIdentifier(lease, identity.clientIdentifier),
                        "lease->clientIdentifier", kOutOfMemoryErr);
         OSTREL_REQUIRE(Ostrel_DHCPServer_LeaseKeepHostName(lease, identity.hostName), "lease->hostName",
@@ -161,14 +161,14 @@ Ostrel_Status Ostrel_DHCPServerProcessRelease(Ostrel_ServerObj* server, const Os
 
 // Only the client that has the address can say that somebody else has it too (RFC 2131 section 4.3.3).
 Ostrel_Status Ostrel_DHCPServerProcessDecline(Ostrel_ServerObj* server, const Ostrel_ServerMessage& message) {
-    const auto& [packet, client, verdict] = message;
+    const auto& [packet, client, now, verdict] = message;
     if (!server->rules->declineHolds) return Drop(message, MessageType);
     if (IsForAnother(server, packet)) return Drop(message, Server);
     const Ostrel_IPv4 declined = AddressIn(packet, kOptionRequestedAddress);
     Ostrel_LeaseInformation* lease = nullptr;
     const Ostrel_Status found = Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPDecline, client, declined, &lease);
     OSTREL_REQUIRE(found == kNoErr, "lease", kNoSuchItemErr);
-    Ostrel_DHCPServer_LeaseHold(server, lease, client.station, client.key, os_monotonic_seconds(),
+    Ostrel_DHCPServer_LeaseHold(server, lease, client.station, client.key, now,
                                 {"declined", Ostrel_LeaseEventKind::Declined});
     return kNoErr;
 }
@@ -180,7 +180,7 @@ Ostrel_LeaseInformation* BindInformed(Ostrel_ServerObj* server, const Ostrel_Ser
                                                                         message.packet.dhcpPkt->ciaddr, &lease);
     if (found == kNoErr && !Ostrel_LeaseIsInUse(lease->state)) {
         Ostrel_DHCPServer_LeaseClaim(server, lease, message.client.station, message.client.key);
-        Ostrel_DHCPServer_LeaseActivate(server, lease, message.client.station, os_monotonic_seconds(),
+        Ostrel_DHCPServer_LeaseActivate(server, lease, message.client.station, message.now,
                                         ReadIdentity(message.packet).hostName);
     }
     return lease;
@@ -240,7 +240,8 @@ void Ostrel_DHCPServerMarkOffered(Ostrel_ServerObj* server, const Ostrel_Preproc
         OSTREL_REPORT_STATUS(kOutOfMemoryErr);
 }
 
-Ostrel_Status Handle(Ostrel_ServerObj* server, const Ostrel_ReceivedMessage& received, Ostrel_Verdict* verdict) {
+Ostrel_Status Handle(Ostrel_ServerObj* server, const Ostrel_ReceivedMessage& received, uint32_t now,
+                     Ostrel_Verdict* verdict) {
     CountReceived(server->counters, received.messageType);
     if (server->awaitsLeases) {
         *verdict = {.kind = State, .state = kAwaitsLeases};
@@ -251,7 +252,7 @@ Ostrel_Status Handle(Ostrel_ServerObj* server, const Ostrel_ReceivedMessage& rec
         return kNoErr;
     }
     std::optional<Ostrel_Verdict> said;
-    const Ostrel_ServerMessage message{received.packet, Ostrel_DHCPServerClientOf(server, received.packet), &said};
+    const Ostrel_ServerMessage message{received.packet, Ostrel_DHCPServerClientOf(server, received.packet), now, &said};
     const Ostrel_Status status = ProcessMessage(server, received.messageType, message);
     *verdict = said ? *said : VerdictOf(status);
     return status;
@@ -260,15 +261,14 @@ Ostrel_Status Handle(Ostrel_ServerObj* server, const Ostrel_ReceivedMessage& rec
 }  // namespace
 
 Ostrel_Status Ostrel_DHCPServerOffer(Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& discover,
-                                     Ostrel_LeaseInformation* lease) {
-    const uint32_t now = os_monotonic_seconds();
+                                     Ostrel_LeaseInformation* lease, uint32_t now) {
     const Ostrel_Status status = Ostrel_DHCPServerSend_BOOTPReply(server, kDHCPOffer, discover, lease);
     if (status == kNoErr) Ostrel_DHCPServerMarkOffered(server, discover, lease, now);
     return status;
 }
 
 Ostrel_Status Ostrel_DHCPServerProcessDiscover(Ostrel_ServerObj* server, const Ostrel_ServerMessage& message) {
-    const auto& [packet, client, verdict] = message;
+    const auto& [packet, client, now, verdict] = message;
     const Ostrel_IPv4 wished = server->rules->remembersHolders ? AddressIn(packet, kOptionRequestedAddress) : kAnyIPv4;
     Ostrel_LeaseInformation* lease = nullptr;
     OSTREL_REQUIRE_NOERR(Ostrel_DHCPServer_LeaseFindByMACAndIPv4(server, kDHCPDiscover, client, wished, &lease));
@@ -276,10 +276,10 @@ Ostrel_Status Ostrel_DHCPServerProcessDiscover(Ostrel_ServerObj* server, const O
     const bool isProbed = Ostrel_DHCPServerProbeIsWanted(server, lease, client);
     Ostrel_DHCPServer_LeaseClaim(server, lease, client.station, client.key);
     if (isProbed && Ostrel_DHCPServerProbeBegin(server, lease, client, packet)) {
-        Ostrel_DHCPServerMarkOffered(server, packet, lease, os_monotonic_seconds());
+        Ostrel_DHCPServerMarkOffered(server, packet, lease, now);
         return kNoErr;
     }
-    OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerOffer(server, packet, lease));
+    OSTREL_REQUIRE_NOERR(Ostrel_DHCPServerOffer(server, packet, lease, now));
     return kNoErr;
 }
 
@@ -287,12 +287,13 @@ void Ostrel_BOOTPServerPacketFilterHandler(void* context, const uint8_t*, std::s
     auto* const iface = static_cast<Ostrel_InterfaceObj*>(context);
     Ostrel_ServerObj* const server = iface->dhcpServer;
     Ostrel_TraceReceiving(iface, "server", frame);
-    if (!server->awaitsLeases) Ostrel_DHCPServer_LeasePrune(server, os_monotonic_seconds());
+    const uint32_t now = os_monotonic_seconds();
+    if (!server->awaitsLeases) Ostrel_DHCPServer_LeasePrune(server, now);
     const Ostrel_ReceivedMessage received = Ostrel_BOOTPPacketReceive(iface, "Server", "bootps", frame);
     if (received.dissected != kNoErr) OSTREL_REPORT_STATUS(received.dissected);
     if (received.typeFound != kNoErr) OSTREL_REPORT_STATUS(received.typeFound);
     Ostrel_Verdict verdict = VerdictOfFault(received);
-    const Ostrel_Status status = verdict.kind == Taken ? Handle(server, received, &verdict) : kNoErr;
+    const Ostrel_Status status = verdict.kind == Taken ? Handle(server, received, now, &verdict) : kNoErr;
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
     if (verdict.kind != Taken) ++server->counters.dropped[static_cast<size_t>(verdict.kind)];
     Ostrel_TraceReceived(iface, verdict);

@@ -11,6 +11,7 @@
 struct Ostrel_ServerMessage {
     const Ostrel_PreprocessedPacket& packet;
     Ostrel_ServerClient client;
+    uint32_t now;  // monotonic seconds: one moment for all that it causes
     std::optional<Ostrel_Verdict>* verdict;
 };
 
@@ -18,6 +19,6 @@ struct Ostrel_ServerMessage {
 [[nodiscard]] Ostrel_Status Ostrel_DHCPServerProcessDiscover(Ostrel_ServerObj* server,
                                                              const Ostrel_ServerMessage& message);
 
-// Sends the OFFER of a slot that was claimed for the client.
+// Sends the OFFER of a slot that was claimed for the client; `now` in monotonic seconds.
 [[nodiscard]] Ostrel_Status Ostrel_DHCPServerOffer(Ostrel_ServerObj* server, const Ostrel_PreprocessedPacket& discover,
-                                                   Ostrel_LeaseInformation* lease);
+                                                   Ostrel_LeaseInformation* lease, uint32_t now);

@@ -71,7 +71,8 @@ void ArmForFirst(Ostrel_ServerObj* server, uint64_t now) {
 void Ostrel_DHCPServerProbeEnds(Ostrel_ServerObj* server, const Ostrel_ServerProbe& probe) {
     Ostrel_PreprocessedPacket discover;
     if (!IsOfferedTo(server, probe) || !Read(probe, &discover)) return;
-    const Ostrel_Status status = Ostrel_DHCPServerOffer(server, discover, &server->leases[probe.slot]);
+    const Ostrel_Status status =
+        Ostrel_DHCPServerOffer(server, discover, &server->leases[probe.slot], os_monotonic_seconds());
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
 }
 
@@ -104,10 +105,10 @@ Ostrel_Verdict Ostrel_DHCPServerProbeFails(Ostrel_ServerObj* server, Ostrel_Serv
     ++server->iface->counters.serverConflicts;
     const Ostrel_ServerProbe taken = Take(server, probe);
     Ostrel_LeaseInformation* const lease = &server->leases[taken.slot];
-    Ostrel_DHCPServer_LeaseHold(server, lease, host, key, os_monotonic_seconds(),
-                                {"in use", Ostrel_LeaseEventKind::Held});
+    const uint32_t now = os_monotonic_seconds();
+    Ostrel_DHCPServer_LeaseHold(server, lease, host, key, now, {"in use", Ostrel_LeaseEventKind::Held});
     std::optional<Ostrel_Verdict> again;  // the DISCOVER has had its verdict
-    const Ostrel_Status status = Ostrel_DHCPServerProcessDiscover(server, {discover, client, &again});
+    const Ostrel_Status status = Ostrel_DHCPServerProcessDiscover(server, {discover, client, now, &again});
     if (status != kNoErr) OSTREL_REPORT_STATUS(status);
     return {};
 }

@@ -63,15 +63,16 @@ uint32_t Fold(uint64_t number) {
 // A sum of longer words is the same once its halves are added up, in either byte order (RFC 1071 section 2).
 uint32_t Ostrel_Checksum(std::span<const uint8_t> data, uint32_t sum) {
     uint64_t words = 0;
-    const size_t whole = data.size() & ~size_t{3};
-    for (size_t i = 0; i < whole; i += sizeof(uint32_t)) {
-        uint32_t word = 0;
+    const auto add = [&words](uint64_t word) { words += (word & UINT32_MAX) + (word >> 32); };
+    const size_t whole = data.size() & ~size_t{7};
+    for (size_t i = 0; i < whole; i += sizeof(uint64_t)) {
+        uint64_t word = 0;
         std::memcpy(&word, &data[i], sizeof word);
-        words += word;
+        add(word);
     }
-    std::array<uint8_t, sizeof(uint32_t)> rest{};
+    std::array<uint8_t, sizeof(uint64_t)> rest{};
     std::copy(data.begin() + static_cast<std::ptrdiff_t>(whole), data.end(), rest.begin());
-    words += std::bit_cast<uint32_t>(rest);
+    add(std::bit_cast<uint64_t>(rest));
     return Fold(uint64_t{sum} + be16toh(static_cast<uint16_t>(Fold(words))));
 }
 
