@@ -113,6 +113,9 @@ TEST(Files, AreRefusedWithFileLineAndKey) {
     const std::string all = ComplaintsOf("[b]\nrole = 1\n[a]\nrole = 2\n", configuration);
     EXPECT_LT(all.find("F:2: [b]"), all.find("F:4: [a]"));
     EXPECT_NE(all.find("F:4: [a]"), std::string::npos);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(ReadFiles({"/proc"}, configuration), kExitUsage);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "ostrelctl: /proc: cannot be read: Is a directory\n");
 }
 
 std::set<std::string> KeysOf(Entry entry) {

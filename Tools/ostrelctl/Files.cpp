@@ -9,12 +9,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fnmatch.h>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <net/if.h>
 
 #include "FileWords.h"
+#include "KeptFile.h"
 #include "Lease.h"
 #include "Terminal.h"
 
@@ -167,11 +166,8 @@ ExitStatus ReadTables(Source& source, const toml::table& root) {
 }
 
 ExitStatus ReadOne(const std::string& file, Configuration& configuration) {
-    errno = 0;
-    std::ifstream stream(file, std::ios::binary);
     std::string text;
-    if (stream.is_open()) text.assign(std::istreambuf_iterator<char>(stream), {});
-    if (!stream.is_open() || stream.bad() || errno != 0)
+    if (!ReadWhole(file, text))
         return Refuse(kExitUsage, Printable(file) + ": cannot be read: " + std::strerror(errno), "");
     Source source{.file = file, .configuration = configuration};
     try {

@@ -2,11 +2,10 @@
 #include "KeptFile.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
-#include <iterator>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -49,13 +48,23 @@ bool ToText(const JValue& value, std::string& text) {
     return valdo::JGenerator::toString(value, valdo::JSchemaFragment("{}"), text);
 }
 
+// Streams of the C++ library throw on what is no file, such as a directory. A pipe that nobody writes to is empty.
+bool ReadWhole(const std::string& file, std::string& text) {
+    const FileDescriptor opened(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!opened.isOpen()) return false;
+    text.clear();
+    std::array<char, 16384> piece;
+    for (;;) {
+        const ssize_t length = read(opened.get(), piece.data(), piece.size());
+        if (length < 0 && errno == EINTR) continue;
+        if (length <= 0) return length == 0;
+        text.append(piece.data(), static_cast<size_t>(length));
+    }
+}
+
 ExitStatus ReadKeptFile(const std::string& file, std::string& text) {
-    errno = 0;
-    std::ifstream stream(file, std::ios::binary);
-    if (!stream.is_open() && errno == ENOENT) return kExitDone;
-    if (!stream.is_open()) return ComplainOf(file, "read");
-    text.assign(std::istreambuf_iterator<char>(stream), {});
-    return stream.bad() ? ComplainOf(file, "read") : kExitDone;
+    if (ReadWhole(file, text) || errno == ENOENT) return kExitDone;
+    return ComplainOf(file, "read");
 }
 
 ExitStatus WriteKeptFile(const std::string& file, const std::string& text) {

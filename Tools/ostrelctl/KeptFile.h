@@ -9,6 +9,9 @@
 
 namespace ostrelctl {
 
+// What is in a file; false, with errno, when it can't be read whole.
+[[nodiscard]] bool ReadWhole(const std::string& file, std::string& text);
+
 // Reads it; a file that does not exist reads as empty. Complains, and gives kExitRefused, when it can't be read.
 [[nodiscard]] ExitStatus ReadKeptFile(const std::string& file, std::string& text);
 
