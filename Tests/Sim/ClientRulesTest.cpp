@@ -4,6 +4,7 @@
 // come out the same.
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cmath>
 
 #include "ClientScene.h"
@@ -136,7 +137,7 @@ TEST(ClientRFC, HeedsOnlyWhoWasAskedAndWhatAnswersIt) {
             const std::string_view word = state;
             ScriptedServer server(lan.wire, {.silent = word == "SELECTING", .silentToRequest = word == "REQUESTING"});
             if (word == "REBOOTING")
-                lan.Act("init", {.address = 0x0A0200C0});
+                lan.Act("init", {.address = htonl(ToIPv4("192.0.2.10"))});
             else if (word != "INIT-REBOOT")
                 lan.Init();
             if (word == "REBOOTING") server.script.silent = true;
@@ -148,7 +149,7 @@ TEST(ClientRFC, HeedsOnlyWhoWasAskedAndWhatAnswersIt) {
 
             DHCPMessage answer =
                 server.Answer({.ethernetSource = kClientMAC, .chaddr = kClientMAC}, isAck ? kAck : kNak);
-            answer.xid = __builtin_bswap32(lan.Client().transactionID) + (hasXid ? 0 : 1);
+            answer.xid = ntohl(lan.Client().transactionID) + (hasXid ? 0 : 1);
             if (isForeign) answer.options[1].second[3] ^= 1;
             server.Send(answer);
             lan.RunFor(1ms);
@@ -306,7 +307,7 @@ TEST(ClientRules, AskForAFormerAddressFirstAndReleaseOnRequest) {
             ScriptedServer server(lan.wire, {.silent = answer == "none"});
             if (answer == "nak") server.script.firstLease = ToIPv4("192.0.2.11");
             Ostrel_InterfaceObj* const iface = lan.daemon.system.interfaceList;
-            ASSERT_EQ(Ostrel_DHCPClientLeaseAction(iface, "init", {.address = 0x0A0200C0}), kNoErr);
+            ASSERT_EQ(Ostrel_DHCPClientLeaseAction(iface, "init", {.address = htonl(ToIPv4("192.0.2.10"))}), kNoErr);
             lan.RunFor(5s + 500ms);
             const DHCPMessage request = lan.Sent(kRequest).at(0);
             EXPECT_LT(request.time, 1ms);
