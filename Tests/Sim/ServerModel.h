@@ -6,23 +6,15 @@
 // server and a model at one table.
 #pragma once
 
-#include <algorithm>
 #include <string>
 #include <utility>
 
 #include "Ostrel/DHCPServer.h"
 
+#include "ModelParts.h"
 #include "ServerScene.h"
 
 namespace sim::model {
-
-using Bytes = std::vector<uint8_t>;
-
-// What befalls the server while it handles a frame.
-struct Trouble {
-    SendFault send = SendFault::None;
-    size_t failingAllocation = 0;  // 1: the first; 0: none
-};
 
 struct Outcome {
     std::vector<Frame> sent;  // with checksums of zero
@@ -30,41 +22,6 @@ struct Outcome {
 
     bool operator==(const Outcome&) const = default;
 };
-
-// An option's data, or why there is none.
-struct Option {
-    Ostrel_Status status;
-    Bytes data{};
-};
-
-[[nodiscard]] inline Option FindOption(std::span<const uint8_t> options, uint8_t code) {
-    for (size_t at = 0; at < options.size();) {
-        if (options[at] == 255) return {kEndingErr};
-        if (options[at] == 0) {
-            ++at;
-            continue;
-        }
-        if (at + 1 == options.size() || at + 2 + options[at + 1] > options.size()) return {kTooShortErr};
-        const auto data = options.subspan(at + 2, options[at + 1]);
-        if (options[at] == code) return {kNoErr, {data.begin(), data.end()}};
-        at += 2 + data.size();
-    }
-    return {kTooShortErr};
-}
-
-[[nodiscard]] inline IPv4 AddressOf(std::span<const uint8_t> bytes) {
-    return IPv4{bytes[0]} << 24 | IPv4{bytes[1]} << 16 | IPv4{bytes[2]} << 8 | bytes[3];
-}
-
-inline void Append(Bytes& bytes, const Bytes& more) {
-    bytes.insert(bytes.end(), more.begin(), more.end());
-}
-
-[[nodiscard]] inline Bytes OfNumber(uint32_t number, size_t size) {
-    Bytes bytes;
-    while (size-- > 0) bytes.push_back(static_cast<uint8_t>(uint64_t{number} >> 8 * size));
-    return bytes;
-}
 
 // A client's own address, and the name that it is told is its own.
 struct Fixed {
@@ -224,22 +181,8 @@ protected:
         return reply;
     }
 
-    [[nodiscard]] Frame InFrame(const Bytes& reply, const MAC& to, IPv4 destination, uint8_t port) const {
-        Frame built(to.begin(), to.end());
-        const auto size = static_cast<uint32_t>(reply.size());
-        for (const Bytes& part : {Bytes(kClientMAC.begin(), kClientMAC.end()),
-                                  {8, 0, 0x45, 0},
-                                  OfNumber(size + 28, 2),
-                                  {0, 0, 0, 0},
-                                  {128, 17, 0, 0},
-                                  AddressBytes(wishes.address),
-                                  OfNumber(destination, 4),
-                                  {0, 67, 0, port},
-                                  OfNumber(size + 8, 2),
-                                  {0, 0},
-                                  reply})
-            Append(built, part);
-        return built;
+    [[nodiscard]] Frame InFrame(const Bytes& reply, const MAC& to, IPv4 destination, uint16_t port) const {
+        return FramedUDP(reply, to, ToIPv4(wishes.address), 67, destination, port);
     }
 
     // What the usual keys of the request say of an option; nothing, when none does.

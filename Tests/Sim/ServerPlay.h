@@ -12,7 +12,6 @@
 #include <endian.h>
 #include <gtest/gtest.h>
 #include <memory>
-#include <random>
 
 #include "Ostrel/ARPShared.h"
 #include "Ostrel/Log.h"
@@ -24,43 +23,6 @@ namespace sim::model {
 
 constexpr uint64_t kUsualFrames = 100'000;
 constexpr uint64_t kFramesOfAGame = 2'000;
-
-[[nodiscard]] inline uint32_t DrawBelow(std::mt19937_64& random, uint32_t below) {
-    return static_cast<uint32_t>(random() % below);
-}
-
-// Fewer than so many of them.
-[[nodiscard]] inline Bytes DrawBytes(std::mt19937_64& random, uint32_t below) {
-    Bytes bytes(DrawBelow(random, below));
-    for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random());
-    return bytes;
-}
-
-// A frame that was cut, or lies.
-inline void Damage(Frame& frame, std::mt19937_64& random) {
-    const auto draw = [&random](size_t below) { return DrawBelow(random, static_cast<uint32_t>(below)); };
-    const auto any = [&] { return frame.begin() + draw(frame.size()); };
-    switch (draw(6)) {
-        case 0:
-            return frame.pop_back();  // no end
-        case 1:
-            return frame.resize(draw(frame.size()));
-        case 2:  // another header length, with or without the bytes that it speaks of
-            frame[14] = static_cast<uint8_t>(0x40 | draw(16));
-            if (draw(2) == 0 && frame[14] > 0x45) frame.insert(frame.begin() + 34, size_t{4} * (frame[14] - 0x45U), 0);
-            return;
-        case 3:
-            *any() = static_cast<uint8_t>(random());
-            return;
-        case 4:  // a byte of the options, or of the cookie before them
-            frame[278 + draw(frame.size() - 278)] = static_cast<uint8_t>(random());
-            return;
-        default: {
-            const Bytes more = DrawBytes(random, 60);  // behind the end
-            frame.insert(draw(2) == 0 ? frame.end() : frame.begin() + 282, more.begin(), more.end());
-        }
-    }
-}
 
 // Whether the server keeps this.
 [[nodiscard]] inline bool IsKeptIn(const os_array<uint8_t>& buffer, uint32_t length, const std::optional<Bytes>& kept) {
