@@ -1,63 +1,15 @@
-// The DHCP client's plain rules a second time, as slowly and plainly as they can be told; ClientModelTest.cpp plays the
+// The DHCP client's plain rules a second time, as slowly and plainly as they can be told; ClientPlay.h plays the
 // client and this at one table.
 #pragma once
 
-#include <ctime>
-
-#include "Ostrel/DHCPClient.h"
-
-#include "DeviceModel.h"
+#include "ClientBooks.h"
+#include "ClientMessage.h"
 
 namespace sim::model {
 
-// Host order.
-struct ModelLease {
-    MAC serverMAC{};
-    IPv4 serverAddress = 0;
-    IPv4 address = 0;
-    IPv4 mask = 0;
-    IPv4 server = 0;
-    std::vector<IPv4> routers{};
-    std::vector<IPv4> dnsServers{};
-    uint32_t t1 = 0;
-    uint32_t t2 = 0;
-    uint32_t time = 0;
-    uint32_t acquired = 0;
-    std::string domain{};
-    uint32_t renewRetry = 0;
-    uint32_t rebindRetry = 0;
-};
-
-// What a client knows.
-struct ClientBooks {
-    uint32_t state = 0;
-    uint32_t xid = 0;  // as it lies in memory
-    uint32_t delayMin = 0;
-    uint32_t delayMax = 1;
-    std::vector<std::pair<IPv4, IPv4>> offers{};  // server and address
-    ModelLease lease{};
-};
-
-struct ClientConfig {
-    std::string config = "dhcp";
-    std::string address = "0.0.0.0";
-    std::string mask = "0.0.0.0";
-    std::string router = "0.0.0.0";
-    std::vector<std::string> dnsServers{};
-    std::string domainName{};
-    std::optional<std::string> identifier{};
-    bool linkLocal = false;
-};
-
-[[nodiscard]] inline std::string StateName(uint32_t state) {
-    constexpr const char* kNames[] = {"UNKNOWN",    "INIT",     "REBOOTING", "SELECTING",  "REBINDING",
-                                      "REQUESTING", "RENEWING", "BOUND",     "INIT-REBOOT"};
-    return kNames[state];
-}
-
-class ClientModel {
+class ClientModel : ClientMessage {
 public:
-    ClientModel(DeviceModel& onDevice, const ClientConfig& withConfig) : device(onDevice), config(withConfig) {
+    ClientModel(DeviceModel& onDevice, const ClientConfig& withConfig) : ClientMessage(onDevice), config(withConfig) {
         isStatic = config.config == "static";
         isManual = config.config == "dhcpManualAddress";
         if (isStatic || isManual) lease.address = ToIPv4(config.address);
@@ -146,8 +98,8 @@ private:
     // Steps.
 
     void Enter(uint32_t state) {
-        device.Say(1000, "[eth0 (", device.Seconds(), ")] DHCP Client state transition ",
-                   StateName(books.state), " -> ", StateName(state), ".");
+        device.Say(1000, "[eth0 (", device.Seconds(), ")] DHCP Client state transition ", StateName(books.state),
+                   " -> ", StateName(state), ".");
         books.state = state;
     }
 
@@ -225,7 +177,7 @@ private:
     void Release() {
         if (lease.server == 0) return;
         ++books.xid;
-        Report(SendMessage(lease.serverMAC, lease.address, lease.serverAddress, 7, lease.address, 0, lease.server),
+        Report(SendMessage(lease.serverMAC, lease.address, lease.server, 7, lease.address, 0, lease.server),
                "Ostrel_DHCPClientRelease");
     }
 
@@ -252,16 +204,16 @@ private:
         say("     Lease  Renewal     : ", lease.t1);
         say("     Lease  Rebinding   : ", lease.t2);
         say("##### ");
+        const std::string told = Join(R"({"returnValue":true,"interfaceList":[)", LeaseText(), "]}");
         if (device.failPosts)
             Report(kGenericErr, "Ostrel_DHCPClientTimeout_Bound");
         else
-            device.posts.emplace_back(
-                device.now,
-                Join(R"({"returnValue":true,"interfaceList":[)", LeaseText(), "]}"));
+            device.posts.emplace_back(device.now, told);
         if (isStatic || lease.time == UINT32_MAX) return;
         Set("renewing", lease.t1, [this] { TimeoutRenewing(); });
         Set("rebinding", lease.t2, [this] { TimeoutRebinding(); });
-        device.Set(Name("expiry"), lease.time * 1000ULL, [this] { TimeoutExpiry(); }, true);
+        device.Set(
+            Name("expiry"), lease.time * 1000ULL, [this] { TimeoutExpiry(); }, true);
     }
 
     void TimeoutRenewing() {
@@ -309,31 +261,6 @@ private:
     }
 
     // Messages that come.
-
-    Ostrel_Status Read(const Frame& frame) {
-        options.clear();
-        const size_t message = 14 + (frame.size() > 14 ? 4 * (frame[14] & 0x0FU) : 20) + 8;
-        if (frame.size() < message + 240) {
-            device.Say(8000, "DHCP Packet too small; need ", message + 240, " bytes, only have ", frame.size(),
-                       " bytes");
-            return kBadSizeErr;
-        }
-        const auto at = [&](size_t place, size_t size) { return std::span(frame).subspan(place, size); };
-        if (AddressOf(at(message + 236, 4)) != 0x63825363) {
-            device.Say(8000, "Invalid options cookie; expected 99.130.83.99, got ",
-                       ToText(AddressOf(at(message + 236, 4))));
-            return kBadFormatErr;
-        }
-        std::copy_n(frame.begin() + 6, 6, from.begin());
-        source = AddressOf(at(26, 4));
-        std::copy_n(at(message + 4, 4).begin(), 4, reinterpret_cast<uint8_t*>(&xid));
-        yiaddr = AddressOf(at(message + 16, 4));
-        std::copy_n(at(message + 28, 6).begin(), 6, chaddr.begin());
-        options.assign(frame.begin() + static_cast<ptrdiff_t>(message) + 240, frame.end());
-        return kNoErr;
-    }
-
-    [[nodiscard]] bool IsForUs() const { return chaddr == kClientMAC; }
 
     void ProcessOffer() {
         if (!IsForUs()) return;
@@ -413,28 +340,6 @@ private:
         return kNoErr;
     }
 
-    Ostrel_Status ReadNumber(uint8_t code, uint32_t& value) {
-        const Option option = FindOption(options, code);
-        if (option.status != kNoErr) return option.status;
-        if (option.data.size() != 4) {
-            device.ReportCheck("( optionBuf[1] == sizeof( uint32_t ) )", "Src/DHCPShared");
-            return kBadSizeErr;
-        }
-        value = AddressOf(option.data);
-        return kNoErr;
-    }
-
-    Ostrel_Status ReadAddresses(uint8_t code, std::vector<IPv4>& values) {
-        const Option option = FindOption(options, code);
-        if (option.status != kNoErr) return option.status == kEndingErr ? kNoErr : option.status;
-        if (option.data.size() % 4 != 0)
-            return device.ReportCheck("( ( inLen % sizeof( uint32_t ) ) == 0 )", "Src/DHCPShared"), kBadSizeErr;
-        if (!device.Allocate()) return device.ReportCheck("out32", "Src/DHCPShared"), kOutOfMemoryErr;
-        for (size_t i = 0; i < option.data.size(); i += 4)
-            values.push_back(AddressOf(std::span(option.data).subspan(i, 4)));
-        return kNoErr;
-    }
-
     // Messages that go.
 
     Ostrel_Status SendMessage(const MAC& to, IPv4 sourceAddress, IPv4 destination, uint8_t type, IPv4 ciaddr,
@@ -442,9 +347,9 @@ private:
         if (type == 1 || type == 4) asked.push_back(device.now);
         const auto* const id = reinterpret_cast<const uint8_t*>(&books.xid);
         Bytes message = {1, 1, 6, 0};
-        for (const Bytes& part : {Bytes(id, id + 4), Bytes(4), OfNumber(ciaddr, 4), Bytes(12),
-                                  Bytes(kClientMAC.begin(), kClientMAC.end()), Bytes(10 + 64 + 128),
-                                  Bytes{99, 130, 83, 99, 53, 1, type}})
+        for (const Bytes& part :
+             {Bytes(id, id + 4), Bytes(4), OfNumber(ciaddr, 4), Bytes(12), Bytes(kClientMAC.begin(), kClientMAC.end()),
+              Bytes(10 + 64 + 128), Bytes{99, 130, 83, 99, 53, 1, type}})
             Append(message, part);
         if (type != 4 && type != 7) Append(message, {55, 6, 1, 28, 2, 3, 6, 15, 57, 2, 0x05, 0xDC});
         Append(message, {61, static_cast<uint8_t>(identifier.size())});
@@ -481,29 +386,7 @@ private:
     void ReportShortSend(const std::string& area) {
         device.ReportCheck("( err >= wpabuf_len( iface->txFrame ) )", area);
     }
-    static std::string TypeName(uint8_t type) {
-        constexpr const char* kNames[] = {"UNKNOWN",           "DHCPDISCOVER",     "DHCPOFFER",      "DHCPREQUEST",
-                                          "DHCPDECLINE",       "DHCPACK",          "DHCPNAK",        "DHCPRELEASE",
-                                          "DHCPINFORM",        "DHCPFORCERENEW",   "DHCPLEASEQUERY", "DHCPLEASEUNASSIGNED",
-                                          "DHCPLEASEUNKNOWN", "DHCPLEASEACTIVE"};
-        return type < std::size(kNames) ? kNames[type] : kNames[0];
-    }
-    static std::string AddressesText(const std::string& key, const std::vector<IPv4>& addresses) {
-        if (addresses.empty()) return "";
-        std::string list;
-        for (const IPv4 address : addresses)
-            if (address != 0) list += (list.empty() ? "\"" : ",\"") + ToText(address) + '"';
-        return ",\"" + key + "\":[" + list + "]";
-    }
-    static std::string TimeText(int64_t wall) {
-        std::array<char, 256> text{};
-        tm fields{};
-        gmtime_r(&wall, &fields);
-        asctime_r(&fields, text.data());
-        return std::string(text.data(), 24);
-    }
 
-    DeviceModel& device;
     const ClientConfig config;
     ModelLease& lease = books.lease;
     bool isStatic = false;
@@ -511,14 +394,6 @@ private:
     Bytes identifier;
     size_t requests = 0;
     IPv4 wished = 0;  // asked for first
-
-    // Of the message at hand.
-    Bytes options;
-    MAC from{};
-    IPv4 source = 0;
-    uint32_t xid = 0;
-    IPv4 yiaddr = 0;
-    MAC chaddr{};
 };
 
 }  // namespace sim::model

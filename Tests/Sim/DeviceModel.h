@@ -2,39 +2,13 @@
 // what came of it all, in words. One list, walked from its start each time.
 #pragma once
 
-#include <concepts>
-#include <cstdlib>
 #include <functional>
 #include <string>
 
+#include "ModelParts.h"
 #include "eloop.h"
 
-#include "ModelParts.h"
-
 namespace sim::model {
-
-inline void Put(std::string& text, std::string_view part) {
-    text += part;
-}
-template <std::integral Number>
-void Put(std::string& text, Number number) {
-    text += std::to_string(number);
-}
-template <typename... Parts>
-[[nodiscard]] std::string Join(const Parts&... parts) {
-    std::string text;
-    (Put(text, parts), ...);
-    return text;
-}
-
-[[nodiscard]] inline std::string MACText(const MAC& mac) {
-    std::string text;
-    for (const uint8_t byte : mac) {
-        constexpr char kDigits[] = "0123456789abcdef";
-        text += {kDigits[byte / 16], kDigits[byte % 16], ':'};
-    }
-    return text.substr(0, text.size() - 1);
-}
 
 // The C library's generator as an unseeded process has it, beside the process's own.
 class Generator {
@@ -173,7 +147,8 @@ private:
                                 [](const Timeout& one, const Timeout& other) { return one.due < other.due; });
     }
     static std::string Shown(uint64_t milliseconds) {
-        return Join(std::min<uint64_t>(milliseconds / 1000, kEloopMaxSeconds), " secs, ", milliseconds % 1000, " msecs");
+        return Join(std::min<uint64_t>(milliseconds / 1000, kEloopMaxSeconds), " secs, ", milliseconds % 1000,
+                    " msecs");
     }
 
     int64_t wallOffset = 0;

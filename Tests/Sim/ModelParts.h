@@ -2,7 +2,11 @@
 #pragma once
 
 #include <algorithm>
+#include <concepts>
+#include <cstdlib>
+#include <ctime>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "Ostrel/Status.h"
@@ -17,6 +21,7 @@ using Bytes = std::vector<uint8_t>;
 struct Trouble {
     SendFault send = SendFault::None;
     size_t failingAllocation = 0;  // 1: the first; 0: none
+    bool post = false;
 };
 
 // An option's data, or why there is none.
@@ -38,6 +43,58 @@ struct Option {
         at += 2 + data.size();
     }
     return {kTooShortErr};
+}
+
+inline void Put(std::string& text, std::string_view part) {
+    text += part;
+}
+template <std::integral Number>
+void Put(std::string& text, Number number) {
+    text += std::to_string(number);
+}
+template <typename... Parts>
+[[nodiscard]] std::string Join(const Parts&... parts) {
+    std::string text;
+    (Put(text, parts), ...);
+    return text;
+}
+
+// From the line on in which two texts part; empty where they are the same.
+[[nodiscard]] inline std::string FirstDifference(const std::string& where, const std::string& daemons,
+                                                 const std::string& models) {
+    if (daemons == models) return "";
+    const auto parted = std::mismatch(daemons.begin(), daemons.end(), models.begin(), models.end());
+    const std::string same(daemons.begin(), parted.first);
+    const size_t start = same.rfind('\n') + 1;  // npos + 1 is 0
+    return where + " differ\n  daemon: " + daemons.substr(start) + "\n  model:  " + models.substr(start);
+}
+
+[[nodiscard]] inline std::string Hex(uint8_t byte) {
+    return {"0123456789abcdef"[byte / 16], "0123456789abcdef"[byte % 16]};
+}
+
+[[nodiscard]] inline std::string MACText(const MAC& mac) {
+    std::string text;
+    for (const uint8_t byte : mac) text += (text.empty() ? "" : ":") + Hex(byte);
+    return text;
+}
+
+[[nodiscard]] inline std::string TypeName(uint8_t type) {
+    constexpr const char* kNames[] = {"UNKNOWN",          "DHCPDISCOVER",   "DHCPOFFER",      "DHCPREQUEST",
+                                      "DHCPDECLINE",      "DHCPACK",        "DHCPNAK",        "DHCPRELEASE",
+                                      "DHCPINFORM",       "DHCPFORCERENEW", "DHCPLEASEQUERY", "DHCPLEASEUNASSIGNED",
+                                      "DHCPLEASEUNKNOWN", "DHCPLEASEACTIVE"};
+    return type < std::size(kNames) ? kNames[type] : kNames[0];
+}
+
+// A moment of the wall clock, as leases are shown with it.
+[[nodiscard]] inline std::string TimeText(int64_t wall) {
+    std::array<char, 256> text{};
+    tm fields{};
+    const time_t moment = wall;
+    gmtime_r(&moment, &fields);
+    asctime_r(&fields, text.data());
+    return std::string(text.data(), 24);
 }
 
 [[nodiscard]] inline IPv4 AddressOf(std::span<const uint8_t> bytes) {
@@ -80,6 +137,12 @@ inline void Append(Bytes& bytes, const Bytes& more) {
     Frame frame = WriteARP({kEveryone, 1, kClientMAC, sender, {}, target});
     frame.resize(42);
     return frame;
+}
+
+// How many events a play has.
+[[nodiscard]] inline uint64_t WishedEvents(uint64_t usual) {
+    const char* const wish = std::getenv("OSTREL_MODEL_FRAMES");
+    return wish == nullptr ? usual : std::strtoull(wish, nullptr, 10);
 }
 
 [[nodiscard]] inline uint32_t DrawBelow(std::mt19937_64& random, uint32_t below) {

@@ -1,20 +1,11 @@
-// The link-local selector's plain rules a second time, as plainly as they can be told; ClientModelTest.cpp plays the
+// The link-local selector's plain rules a second time, as plainly as they can be told; ClientPlay.h plays the
 // selector and this at one table.
 #pragma once
 
+#include "ClientBooks.h"
 #include "DeviceModel.h"
 
 namespace sim::model {
-
-// What a selector knows.
-struct SelectorBooks {
-    int32_t state = 0;
-    IPv4 address = 0;
-    int32_t conflicts = 0;
-    int32_t probes = 0;
-    int32_t announcements = 0;
-    uint32_t interval = 0;
-};
 
 class SelectorModel {
 public:
@@ -50,8 +41,8 @@ private:
 
     void Enter(int32_t state) {
         constexpr const char* kNames[] = {"UNKNOWN", "INIT", "PROBE", "ANNOUNCE", "DEFEND"};
-        device.Say(1000, "[eth0 (", device.Seconds(), ")] Link Local state transition ",
-                   kNames[books.state], " -> ", kNames[state], ".");
+        device.Say(1000, "[eth0 (", device.Seconds(), ")] Link Local state transition ", kNames[books.state], " -> ",
+                   kNames[state], ".");
         books.state = state;
     }
 

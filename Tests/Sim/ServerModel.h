@@ -19,6 +19,8 @@ namespace sim::model {
 struct Outcome {
     std::vector<Frame> sent;  // with checksums of zero
     std::string reports;      // as ServerLan::Reports has them
+    std::string lines{};      // of the debug output, where the model tells them
+    std::string posts{};      // likewise, of the table
 
     bool operator==(const Outcome&) const = default;
 };
@@ -82,6 +84,7 @@ public:
         Report(Read(received), "PacketFilterHandler");
         const Option type = FindOption(options, 53);
         Ostrel_Status status = type.status == kNoErr && type.data.empty() ? kBadSizeErr : type.status;
+        if (status == kNoErr) Say(800, "[eth0] DHCP Server RX msg type ", TypeName(type.data[0]), ".");
         if (status == kNoErr) status = Process(type.data[0]);
         Report(status, "PacketFilterHandler");
         return outcome;
@@ -105,6 +108,12 @@ public:
     // Any that is being probed, or 0.
     [[nodiscard]] virtual IPv4 ProbedAddress(uint64_t) const { return 0; }
 
+    // Whether it tells what is written and posted.
+    [[nodiscard]] virtual bool Tells() const { return false; }
+
+    int32_t threshold = 1000;
+    bool isHeard = false;    // its posts
+    int64_t wallOffset = 0;  // of the wall clock, from the monotonic one, in seconds
     const Game game;
     const ServerWishes& wishes;
     std::vector<Slot> slots;
@@ -121,15 +130,22 @@ protected:
         now = static_cast<uint32_t>(time / 1000);
         untilSendFault = trouble.send;
         untilNoMemory = trouble.failingAllocation;
+        isPostRefused = trouble.post;
     }
 
     virtual Ostrel_Status Read(const Frame& received) {
         options.clear();
         const size_t headers = 14 + (received.size() > 14 ? 4 * (received[14] & 0x0FU) : 20) + 8;
-        if (received.size() < headers + 240) return kBadSizeErr;
+        if (received.size() < headers + 240) {
+            Say(8000, "DHCP Packet too small; need ", headers + 240, " bytes, only have ", received.size(), " bytes");
+            return kBadSizeErr;
+        }
         std::copy_n(received.begin() + 6, source.size(), source.begin());
         message.assign(received.begin() + static_cast<ptrdiff_t>(headers), received.end());
-        if (AddressOf(std::span(message).subspan(236)) != 0x63825363) return kBadFormatErr;
+        if (const IPv4 cookie = AddressOf(std::span(message).subspan(236)); cookie != 0x63825363) {
+            Say(8000, "Invalid options cookie; expected 99.130.83.99, got ", ToText(cookie));
+            return kBadFormatErr;
+        }
         options.assign(message.begin() + 240, message.end());
         return kNoErr;
     }
@@ -149,16 +165,20 @@ protected:
     Ostrel_Status Acknowledge(Slot& slot) {
         if (!Keep(61, slot.identifier)) return Fail("lease->clientIdentifier", "ProcessRequest", kOutOfMemoryErr);
         if (!Keep(12, slot.hostName)) return Fail("lease->hostName", "ProcessRequest", kOutOfMemoryErr);
-        return Report(Send(kAck, &slot), "ProcessRequest");
+        return Publish(Send(kAck, &slot));
     }
+
+    // What is told after a REQUEST that was answered.
+    virtual Ostrel_Status Publish(Ostrel_Status sent) { return Report(sent, "ProcessRequest"); }
 
     Ostrel_Status Send(uint8_t type, const Slot* slot) {
         const Option asked = FindOption(options, 55);
         if (asked.status == kTooShortErr) return Report(asked.status, "Send_BOOTPReply");
+        const Frame reply = Reply(type, slot, asked.data);
         const SendFault fault = std::exchange(untilSendFault, SendFault::None);
         if (fault == SendFault::Short) return Report(kSendFailedErr, "Send_BOOTPReply");
         if (fault == SendFault::Error) return kNoErr;  // as if it had been lost on the wire
-        outcome.sent.push_back(Reply(type, slot, asked.data));
+        outcome.sent.push_back(reply);
         return kNoErr;
     }
 
@@ -220,6 +240,10 @@ protected:
         return place == slots.end() ? nullptr : &*place;
     }
 
+    template <typename... Parts>
+    void Say(int32_t level, const Parts&... parts) {
+        if (level >= threshold) outcome.lines += Join(parts..., "\n");
+    }
     // Only what failed.
     Ostrel_Status Report(Ostrel_Status status, const std::string& function) {
         if (status != kNoErr) outcome.reports += std::to_string(status) + " @" + function + "; ";
@@ -235,6 +259,7 @@ protected:
     uint32_t now = 0;
     SendFault untilSendFault{};
     size_t untilNoMemory = 0;
+    bool isPostRefused = false;
     MAC source{};
     Bytes message;
     Bytes options;
