@@ -1,5 +1,6 @@
 """`ostrelctl run`: the interfaces are as the files say, whatever is killed, renamed, pulled out or edited."""
 import json
+import os
 import pathlib
 import subprocess
 import time
@@ -10,6 +11,7 @@ OSTRELCTL = str(pathlib.Path(lab.OSTRELD).parent / "ostrelctl")
 CLIENT = '[eth0]\nrole = "client"\nlink-local = "fallback"\n'
 SERVER = '[eth0]\nrole = "server"\naddress = "192.0.2.1/24"\nrange = "192.0.2.50-192.0.2.59"\nlease = "{lease}"\n'
 BACK = 3  # seconds, after which everything is as the files say
+AUTHENTICATION = 0.2  # seconds, which the bus gives a connection
 
 
 class RunTest(lab.LabTest):
@@ -20,6 +22,11 @@ class RunTest(lab.LabTest):
             self.files[host] = pathlib.Path(self.lab.file(f"{host}.toml", text))
             (self.lab.directory / f"state-{host}").mkdir()
             self.lab.ip(host, "link set eth0 down")
+            bus = self.lab.directory / "bus" / host
+            limit = f'<limit name="auth_timeout">{1000 * AUTHENTICATION:.0f}</limit>\n</busconfig>'
+            configuration = bus.with_suffix(".conf")
+            configuration.write_text(configuration.read_text().replace("</busconfig>", limit))
+            os.kill(int(bus.with_suffix(".pid").read_text()), lab.signal.SIGHUP)
 
     def start_daemon(self, host):
         self.daemons[host] = self.peer(host, lab.OSTRELD, "-z", "-l", "info", output=self.lab.directory / f"d-{host}")
@@ -71,7 +78,8 @@ class Restarts(RunTest):
         self.assertEqual(self.addresses("server"), ["192.0.2.1"])
         lab.eventually(lambda: '"mac"' in self.state("server").read_text(), 5, "table on the disk")
         table = self.table()
-        for host, victims in (("client", "d"), ("server", "d"), ("client", "r"), ("server", "r"),
+        # Who comes to a daemon that needs nothing must be known to the bus all the same when the next daemon does.
+        for host, victims in (("client", "d"), ("server", "d"), ("server", "r"), ("client", "r"), ("client", "d"),
                               ("client", "dr"), ("server", "dr")):
             with self.subTest(host=host, victims=victims):
                 if "r" in victims:
@@ -87,6 +95,15 @@ class Restarts(RunTest):
                                f"all as it was: {self.table()} {self.said(host)}")
                 self.assertEqual(self.addresses("client"), ["192.0.2.50"])
                 self.assertEqual(self.addresses("server"), ["192.0.2.1"])
+                time.sleep(2 * AUTHENTICATION)
+
+    def test_what_an_earlier_one_left_and_the_daemon_has_given_up_goes(self):
+        self.start_all()
+        self.kill(self.runs["client"])
+        self.tool("client", "halt", "eth0")
+        self.assertEqual(self.addresses("client"), ["192.0.2.50"])
+        self.start_run("client")
+        lab.eventually(lambda: self.addresses("client") == [], BACK, f"nothing left: {self.said('client')}")
 
     def test_a_lost_bus_ends_it_and_leaves_the_addresses(self):
         self.start_all()

@@ -95,12 +95,16 @@ std::string InterfaceOf(const Method& method) {
 
 ExitStatus OpenSession(bool json, bool startDaemon, Session& session) {
     sd_bus* bus = nullptr;
-    const int opened = sd_bus_open_system(&bus);
+    int opened = sd_bus_open_system(&bus);
+    BusConnection connection(opened < 0 ? nullptr : bus);
+    // Which sends its greeting, too: the bus closes a connection that is silent for some seconds.
+    const char* name = nullptr;
+    if (opened >= 0) opened = sd_bus_get_unique_name(bus, &name);
     if (opened < 0) {
         return Refuse(kExitNoDaemon, std::string("the system bus cannot be reached: ") + std::strerror(-opened),
                       "is dbus-daemon running? DBUS_SYSTEM_BUS_ADDRESS, when set, must name its socket");
     }
-    session = {.bus = BusConnection(bus), .json = json, .startDaemon = startDaemon};
+    session = {.bus = std::move(connection), .json = json, .startDaemon = startDaemon};
     return kExitDone;
 }
 
@@ -131,6 +135,10 @@ ExitStatus AskOrComplain(const Session& session, const Method& method, const JVa
     if (answer.status == kExitDone) return kExitDone;
     if (answer.problem.empty()) return Refuse(answer.status, problem, next);
     return Refuse(answer.status, answer.problem, answer.next);
+}
+
+ExitStatus ComplainOfLostBus() {
+    return Refuse(kExitNoDaemon, "the system bus is lost", "start the command again when the bus is back");
 }
 
 ExitStatus ComplainOfAge() {

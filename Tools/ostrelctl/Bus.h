@@ -82,6 +82,9 @@ struct Answer {
 [[nodiscard]] ExitStatus AskOrComplain(const Session& session, const Method& method, const valdo::JValue& request,
                                        std::string_view problem, std::string_view next, Answer& answer);
 
+// Says that the connection is no more.
+[[nodiscard]] ExitStatus ComplainOfLostBus();
+
 // Says that the daemon is of before what this command needs.
 [[nodiscard]] ExitStatus ComplainOfAge();
 

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "Device.h"
+#include "FormerAddress.h"
 #include "GivenLeases.h"
 #include "KeptFile.h"
 #include "Lines.h"
@@ -30,11 +31,6 @@ constexpr seconds kSavePause{1};      // between two writes: flash wears
 constexpr seconds kWakePause{1};      // between two calls of a daemon that does not come
 constexpr seconds kRefusedPause{60};  // before what has failed is tried again
 
-void SayOf(const std::string& interface, const std::string& words) {
-    printf("%s%s\n", LineHead(interface).c_str(), words.c_str());
-    (void)fflush(stdout);
-}
-
 bool IsServer(const Entry& entry) {
     return std::holds_alternative<ServerOptions>(entry.role);
 }
@@ -42,12 +38,6 @@ bool IsServer(const Entry& entry) {
 bool IsPlain(const Entry& entry) {
     const auto* const client = std::get_if<ClientOptions>(&entry.role);
     return client != nullptr ? client->plain : entry.plan.plain;
-}
-
-const InterfaceState* StateOf(const Controller& controller, const std::string& interface) {
-    const auto found = controller.applying.holdings.each.find(interface);
-    const bool isKnown = found != controller.applying.holdings.each.end() && found->second.state;
-    return isKnown ? &*found->second.state : nullptr;
 }
 
 // Whether what has failed on the interface is not to be tried again yet.
@@ -164,8 +154,8 @@ void TakeUp(Controller& controller, const std::string& interface, const Entry& e
     if (!ToText(RequestFor(entry, interface), text)) return;
     Prepare(controller, interface);
     KeepOwnAddress(controller, interface, entry);
-    const ExitStatus status =
-        IsAsLeft(controller, interface, text) ? kExitDone : Give(controller, interface, entry, text);
+    const bool isAsLeft = IsAsLeft(controller, interface, text);
+    const ExitStatus status = isAsLeft ? kExitDone : Give(controller, interface, entry, text);
     if (status != kExitDone) {
         controller.refused[interface] = Clock::now() + (status == kExitNoDaemon ? kWakePause : kRefusedPause);
         return;
@@ -173,7 +163,10 @@ void TakeUp(Controller& controller, const std::string& interface, const Entry& e
     controller.lost.erase(if_nametoindex(interface.c_str()));
     controller.handed.insert_or_assign(
         interface, Handed{.entry = entry, .index = if_nametoindex(interface.c_str()), .isConfirmed = false});
-    if (IsServer(entry)) AskAnew(controller.follower, kServerLeaseInformation, interface);
+    if (IsServer(entry))
+        AskAnew(controller.follower, kServerLeaseInformation, interface);
+    else if (!controller.applying.interfaces.contains(interface))
+        WatchFormerAddress(controller, interface, isAsLeft);
     KeepApplying(controller, interface, entry);
 }
 
@@ -393,6 +386,17 @@ void TellManager(Controller& controller) {
 
 }  // namespace
 
+const InterfaceState* StateOf(const Controller& controller, const std::string& interface) {
+    const auto found = controller.applying.holdings.each.find(interface);
+    const bool isKnown = found != controller.applying.holdings.each.end() && found->second.state;
+    return isKnown ? &*found->second.state : nullptr;
+}
+
+void SayOf(const std::string& interface, const std::string& words) {
+    printf("%s%s\n", LineHead(interface).c_str(), words.c_str());
+    (void)fflush(stdout);
+}
+
 void Reload(Controller& controller) {
     Configuration read;
     const std::vector<std::string> files = controller.files.empty() ? UsualFiles() : controller.files;
@@ -410,6 +414,7 @@ void Control(Controller& controller, const Event& event) {
     Apply(controller.applying, controller.follower, event);
     Hear(controller, event);
     LookAtAll(controller);
+    DropFormerAddresses(controller);
     AskForStaleTables(controller);
     std::erase_if(controller.refused, [](const auto& each) { return each.second <= Clock::now(); });
     TellManager(controller);
@@ -417,7 +422,7 @@ void Control(Controller& controller, const Event& event) {
 }
 
 TimePoint NextEnd(const Controller& controller) {
-    TimePoint next = NextEnd(controller.applying);
+    TimePoint next = std::min(NextEnd(controller.applying), NextFormerAddress(controller));
     for (const auto& [interface, when] : controller.refused) next = std::min(next, when);
     if (controller.isUnsaved) next = std::min(next, controller.savedAt + kSavePause);
     if (!controller.staleTables.empty()) next = std::min(next, controller.nextTables);

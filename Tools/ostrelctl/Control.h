@@ -19,6 +19,12 @@ struct Handed {
     bool isConfirmed = false;  // the daemon has told of it since
 };
 
+// An address that an interface may still have from before, and until when it may come to be held again.
+struct FormerAddress {
+    Ostrel_IPv4 address;
+    TimePoint until;
+};
+
 struct Controller {
     // What to be.
     std::vector<std::string> files{};
@@ -41,10 +47,17 @@ struct Controller {
     std::map<std::string, TimePoint> refused{};  // interfaces that could not be handed over, with the next try
     std::map<std::string, std::string> left{};   // interfaces that others configure, with who
     std::map<unsigned, std::string> lost{};      // numbers of interfaces that the daemon has let go, with their names
-    bool isAbsent = false;                       // there is no daemon, and none could be started
-    TimePoint nextWake{};                        // when a daemon that is not there is called again
-    std::string status{};                        // last told to the service manager
+    std::map<std::string, FormerAddress> former{};
+    bool isAbsent = false;  // there is no daemon, and none could be started
+    TimePoint nextWake{};   // when a daemon that is not there is called again
+    std::string status{};   // last told to the service manager
 };
+
+// As last told; null: not managed, or there is no daemon.
+[[nodiscard]] const InterfaceState* StateOf(const Controller& controller, const std::string& interface);
+
+// A line of what happens to the interface.
+void SayOf(const std::string& interface, const std::string& words);
 
 // Reads the files again. With an error in one of them what worked goes on.
 void Reload(Controller& controller);

@@ -25,9 +25,13 @@ struct FreeNames {
     void operator()(struct if_nameindex* list) const { if_freenameindex(list); }
 };
 
+Ostrel_IPv4 NumberOf(const sockaddr& address) {
+    return reinterpret_cast<const sockaddr_in&>(address).sin_addr.s_addr;
+}
+
 bool IsAddress(const ifaddrs& entry, const std::string& interface, Ostrel_IPv4 address) {
     if (interface != entry.ifa_name || entry.ifa_addr == nullptr || entry.ifa_addr->sa_family != AF_INET) return false;
-    return reinterpret_cast<const sockaddr_in*>(entry.ifa_addr)->sin_addr.s_addr == address;
+    return NumberOf(*entry.ifa_addr) == address;
 }
 
 LinkState Ask(int descriptor, ifreq& request) {
@@ -61,13 +65,17 @@ std::vector<std::string> EthernetInterfaces() {
     return names;
 }
 
-bool HasAddress(const std::string& interface, Ostrel_IPv4 address) {
+std::optional<Ostrel_IPv4> MaskOf(const std::string& interface, Ostrel_IPv4 address) {
     ifaddrs* list = nullptr;
-    if (getifaddrs(&list) != 0) return false;
+    if (getifaddrs(&list) != 0) return std::nullopt;
     const std::unique_ptr<ifaddrs, FreeAddresses> owned(list);
     for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next)
-        if (IsAddress(*entry, interface, address)) return true;
-    return false;
+        if (IsAddress(*entry, interface, address)) return NumberOf(*entry->ifa_netmask);
+    return std::nullopt;
+}
+
+bool HasAddress(const std::string& interface, Ostrel_IPv4 address) {
+    return MaskOf(interface, address).has_value();
 }
 
 }  // namespace ostrelctl

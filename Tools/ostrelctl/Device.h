@@ -1,6 +1,7 @@
 // What the kernel says of the device's interfaces.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,7 +21,9 @@ enum class LinkState {
 
 [[nodiscard]] std::vector<std::string> EthernetInterfaces();
 
-// Whether the interface has that IPv4 address. The daemon changes no address itself.
+// The mask with which the interface has that IPv4 address; nothing when it has not. The daemon changes no address
+// itself.
+[[nodiscard]] std::optional<Ostrel_IPv4> MaskOf(const std::string& interface, Ostrel_IPv4 address);
 [[nodiscard]] bool HasAddress(const std::string& interface, Ostrel_IPv4 address);
 
 }  // namespace ostrelctl

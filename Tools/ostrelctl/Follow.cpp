@@ -45,7 +45,7 @@ Event Fail(ExitStatus status) {
 }
 
 Event LoseBus() {
-    return Fail(Refuse(kExitNoDaemon, "the system bus is lost", "start the command again when the bus is back"));
+    return Fail(ComplainOfLostBus());
 }
 
 bool IsFrom(sd_bus_message* message, std::string_view sender) {

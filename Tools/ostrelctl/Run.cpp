@@ -83,6 +83,7 @@ ExitStatus GoOn(Controller& controller, const FileDescriptor& lock) {
             Reload(controller);
         }
         Control(controller, event);
+        if (sd_bus_is_open(controller.calls.bus.get()) <= 0) return End(controller, ComplainOfLostBus());
         if (controller.applying.forbidden) return End(controller, kExitRefused);
     }
 }
