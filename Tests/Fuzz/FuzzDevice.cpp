@@ -2,12 +2,11 @@
 
 #include "FuzzDevice.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
-#include <utility>
+#include <optional>
 
 #include "Ostrel/Log.h"
+
+#include "valdo.h"
 
 namespace sim {
 namespace {
@@ -16,6 +15,11 @@ constexpr char kListener[] = ":1.2";
 constexpr char kSubscribe[] = R"({"subscribe":true})";
 
 }  // namespace
+
+bool IsObject(const std::string& text) {
+    valdo::JDomParser parser;
+    return parser.parse(text, valdo::JSchemaFragment("{}")) && parser.getDom().isObject();
+}
 
 FuzzDevice::FuzzDevice()
     : wire(world.AddSegment()),
@@ -29,8 +33,13 @@ FuzzDevice::FuzzDevice()
     };
     world.keepLog = false;
     wire.sentLimit = 0;
+    Ostrel_SetDebugLevel("info");  // what names and addresses from the network are written into
     Check(Ostrel_DaemonStart(&system) == kNoErr, "the daemon doesn't start");
-    blocksAtRest = world.LiveAllocations();
+}
+
+FuzzDevice::~FuzzDevice() {
+    Mend();
+    (void)Ostrel_DaemonStop(&system);
 }
 
 void FuzzDevice::Check(bool holds, const std::string& what) const {
@@ -43,54 +52,39 @@ void FuzzDevice::Inject(std::span<const uint8_t> frame) {
 
 void FuzzDevice::Listen() {
     for (const char* method : {"interfaceState", "trace"}) (void)world.Call("/", method, kSubscribe, kListener);
+    for (const char* category : {"/client", "/server"})
+        (void)world.Call(category, "leaseInformation", kSubscribe, kListener);
     (void)world.Call("/server", "leaseEvents", kSubscribe, kListener);
 }
 
-void FuzzDevice::Run(const Ostrel_InterfaceConfig& config,
-                     const std::function<void(Ostrel_InterfaceObj& iface)>& input) {
-    std::srand(1);
-    Ostrel_SetDebugLevel("info");  // what names and addresses from the network are written into
-    server.script = {.leaseTime = kFuzzLease};
-    Check(Ostrel_InterfaceInitialize(&system, &config) == kNoErr, "no interface");
-
-    input(*system.interfaceList);
-
-    while (system.interfaceList != nullptr) Ostrel_InterfaceFinalize(&system.interfaceList, system.interfaceList);
-    world.LeaveBus(kListener);
-    world.RunFor(std::chrono::milliseconds(1));  // what is still on its way arrives nowhere
-    Check(world.LiveAllocations() == blocksAtRest, "memory is left");
-    Check(world.PendingTimeouts() == 1, "a timeout is left");  // the one that remains waits for the next interface
-    Check(world.OpenSockets() == 0, "a socket is left");
-    world.posts.clear();
+std::string FuzzDevice::Ask(std::string_view category, std::string_view method, std::string_view payload,
+                            std::string_view caller) {
+    if (world.Terminated()) return "";
+    std::string reply = world.Call(category, method, payload, caller);
+    Check(IsObject(reply) || !world.callError.empty(), "no answer: " + reply);
+    return reply;
 }
 
-Ostrel_InterfaceConfig FuzzConfig(uint32_t mode, uint32_t configMode) {
-    const auto address = [](std::string_view text) { return be32toh(ToIPv4(text)); };
-    Ostrel_InterfaceConfig config{};
-    config.ifname = {"eth0"};
-    config.mode = mode;
-    config.configMode = configMode;
-    config.IPv4Address = address("192.0.2.5");
-    config.IPv4SubnetMask = address("255.255.255.0");
-    config.IPv4Router = address("192.0.2.1");
-    config.IPv4RangeStart = address("192.0.2.10");
-    config.maxLeases = 4;
-    return config;
-}
-
-Frame FuzzFrame(std::span<const uint8_t> input, const DHCPMessage& head) {
-    constexpr size_t kXid = 46;
-    constexpr size_t kChaddr = 70;  // with a plain IPv4 header
-    constexpr size_t kOptions = 282;
-    const uint8_t flags = input[0];
-    const Frame whole = WriteDHCP(head);
-    Frame frame(input.begin() + 1, input.end());
-    if ((flags & kFlagOptionsOnly) != 0) frame.insert(frame.begin(), whole.begin(), whole.begin() + kOptions);
-    if ((flags & kFlagPatch) != 0 && frame.size() >= kChaddr + head.chaddr.size()) {
-        std::copy_n(whole.begin() + kXid, sizeof head.xid, frame.begin() + kXid);
-        std::copy_n(whole.begin() + kChaddr, head.chaddr.size(), frame.begin() + kChaddr);
+void FuzzDevice::Pass(Duration time) {
+    const Duration end = world.Now() + time;
+    for (; moments < kMostMoments && !world.Terminated(); ++moments) {
+        const std::optional<Duration> next = world.Internals().schedule.NextTime();
+        (void)world.RunFor((next && *next <= end ? *next : end) - world.Now());
+        if (!next || *next > end) return;
     }
-    return frame;
+}
+
+void FuzzDevice::PassMoments(size_t count) {
+    for (; count > 0; --count)
+        if (const std::optional<Duration> next = world.Internals().schedule.NextTime()) Pass(*next - world.Now());
+}
+
+void FuzzDevice::Mend() {
+    for (size_t call = 0; call < kDeviceCalls; ++call) world.FailCall(static_cast<DeviceCall>(call), 0);
+    world.chanceOfFailure = {};
+    while (world.Internals().device.asleep && moments < kMostMoments) PassMoments(1);
+    if (world.Internals().FindInterface("eth0") == nullptr) return;
+    world.SetLink("eth0", true);
 }
 
 }  // namespace sim

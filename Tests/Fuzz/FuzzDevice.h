@@ -1,54 +1,55 @@
-// One device for all inputs of a fuzz target: a World with the running daemon, and a neighbour that sends the inputs.
+// The device under a fuzz target: a World of its own for each input, with the running daemon, a server that it may get
+// leases from, and a neighbour that sends what the input says.
 //
-// Each input finds a freshly made interface and an unseeded generator, so that what it does depends on nothing that
-// came before; each must leave nothing behind, and every frame that it provokes must be well formed.
+// What an input does depends on nothing that came before. It must leave nothing behind, and every frame that it
+// provokes must be well formed.
 #pragma once
 
 #include "Ostrel/Interface.h"
 #include "Ostrel/System.h"
 
+#include "Internals.h"
 #include "Peers.h"
 
 namespace sim {
 
+constexpr MAC kFuzzMAC{0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
+constexpr MAC kFuzzNeighbour{0x02, 0, 0, 0, 0, 0x66};
+constexpr uint32_t kFuzzLease = 3600;  // seconds
+constexpr size_t kMostMoments = 800;   // of an input at which something happens; then its time stands still
+
 class FuzzDevice {
 public:
     FuzzDevice();
-    ~FuzzDevice() { (void)Ostrel_DaemonStop(&system); }
+    ~FuzzDevice();  // what had failed works again, and the daemon is stopped
     FuzzDevice(const FuzzDevice&) = delete;
     FuzzDevice& operator=(const FuzzDevice&) = delete;
 
-    // Makes the interface "eth0", runs `input` with it, takes every interface away and looks for what is left.
-    void Run(const Ostrel_InterfaceConfig& config, const std::function<void(Ostrel_InterfaceObj& iface)>& input);
-    // From here on, until the next Run is over: somebody is subscribed to all that is told of frames. It is slow, so
-    // that only some inputs should have it.
+    // Somebody is subscribed to all that is told of from here on.
     void Listen();
+    // What is asked of the daemon must be answered with an object, or the bus must have refused it. Its loop may have
+    // ended, for want of interfaces or of a timeout; then nobody answers, and no time passes.
+    std::string Ask(std::string_view category, std::string_view method, std::string_view payload,
+                    std::string_view caller = ":1.1");
     void Inject(std::span<const uint8_t> frame);  // onto the wire, from a neighbour
+    void Pass(Duration time);
+    void PassMoments(size_t count);  // to the next moment at which something happens, and so on
+    [[nodiscard]] bool IsWorn() const { return moments * 2 > kMostMoments; }
+    // Nothing fails from here on, and what failed is as it was; but for an interface that was renamed or changed.
+    void Mend();
     void Check(bool holds, const std::string& what) const;
 
     World world;  // "eth1" is there too, for whoever makes it
     Segment& wire;
     ScriptedServer server;
     size_t framesSent = 0;  // by the daemon
+    Ostrel_SystemObj system{};
 
 private:
     ArpHost neighbour;
-    Ostrel_SystemObj system{};
-    size_t blocksAtRest = 0;
+    size_t moments = 0;
 };
 
-constexpr MAC kFuzzMAC{0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
-constexpr MAC kFuzzNeighbour{0x02, 0, 0, 0, 0, 0x66};
-constexpr uint32_t kFuzzLease = 3600;  // seconds
-
-// The configuration of a role, with addresses that suit it.
-[[nodiscard]] Ostrel_InterfaceConfig FuzzConfig(uint32_t mode, uint32_t configMode);
-
-// What the first byte of an input says of the frame that follows.
-constexpr uint8_t kFlagPatch = 0x08;        // gets the xid and chaddr of `head`
-constexpr uint8_t kFlagOptionsOnly = 0x10;  // is only the options behind the rest of `head`
-constexpr uint8_t kFlagTwice = 0x80;        // comes twice
-
-[[nodiscard]] Frame FuzzFrame(std::span<const uint8_t> input, const DHCPMessage& head);
+[[nodiscard]] bool IsObject(const std::string& text);
 
 }  // namespace sim
