@@ -139,6 +139,11 @@ void DropIfSilent(BusPeer& peer) {
     BusDrop(peer);  // its account stays: a Ping is under way
 }
 
+// Of one that has been silent for long nothing is left to find out: it answers or leaves, and then that is told.
+bool MayBecomeSilent(const std::unique_ptr<BusPeer>& peer) {
+    return peer->pinged && peer->silence < kSilentChecks;
+}
+
 // Every few seconds while a Ping is under way. Nobody is silent while what was sent waits in this process.
 void Check(void* context, void*) {
     auto* handle = static_cast<VSHandle*>(context);
@@ -146,7 +151,7 @@ void Check(void* context, void*) {
     if (BusHasRoom(handle))
         for (const auto& peer : handle->peers) DropIfSilent(*peer);
     for (const auto& peer : handle->peers) AskAboutReplies(*peer);
-    if (handle->pings > 0) EnsureCheck(handle);
+    if (std::ranges::any_of(handle->peers, MayBecomeSilent)) EnsureCheck(handle);
 }
 
 // Looks for the caller that has not been heard of for longest: nobody reports the leaving of those that never enrolled.

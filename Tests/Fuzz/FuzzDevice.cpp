@@ -82,6 +82,7 @@ void FuzzDevice::PassMoments(size_t count) {
 void FuzzDevice::Mend() {
     for (size_t call = 0; call < kDeviceCalls; ++call) world.FailCall(static_cast<DeviceCall>(call), 0);
     world.chanceOfFailure = {};
+    moments = 0;
     while (world.Internals().device.asleep && moments < kMostMoments) PassMoments(1);
     if (world.Internals().FindInterface("eth0") == nullptr) return;
     world.SetLink("eth0", true);

@@ -34,7 +34,7 @@ public:
     void Inject(std::span<const uint8_t> frame);  // onto the wire, from a neighbour
     void Pass(Duration time);
     void PassMoments(size_t count);  // to the next moment at which something happens, and so on
-    [[nodiscard]] bool IsWorn() const { return moments * 2 > kMostMoments; }
+    [[nodiscard]] bool IsWorn() const { return moments * 2 > kMostMoments; }  // since the last Mend
     // Nothing fails from here on, and what failed is as it was; but for an interface that was renamed or changed.
     void Mend();
     void Check(bool holds, const std::string& what) const;

@@ -146,9 +146,13 @@ void MakeNews(FuzzDevice& device) {
     }
 }
 
-// What there is to tell to a subscriber of states and of frames.
+// What there is to tell to a subscriber of states and of frames: one, a link that is lost, a sleep, and an end.
 void MakeEvents(FuzzDevice& device) {
     device.Inject(sim::WriteARP({.ethernetDestination = sim::kEveryone, .operation = 1}));
+    device.world.SetLink("eth1", false);
+    device.Pass(1ms);
+    device.world.Suspend(1s);
+    device.Pass(2s);
     (void)device.Ask("/", "interfaceFinalize", R"({"interface":"eth0"})", kOther);
 }
 
