@@ -186,6 +186,12 @@ TEST(ClientRFC, ChecksWhatALeaseSays) {
         {"no lease time", without(51), ""},
         {"no server", without(54), ""},
         {"no mask, class C", without(1), R"("ipv4Subnet":"255.255.255.0")"},
+        {"no mask, class B",
+         [](DHCPMessage& answer) {
+             std::erase_if(answer.options, [](const auto& option) { return option.first == 1; });
+             answer.yiaddr = ToIPv4("172.16.0.9");
+         },
+         R"("ipv4Subnet":"255.255.0.0")"},
         {"a router and a half", with(3, "c00002010a00"), R"("dnsServers":["192.0.2.2","192.0.2.3"])"},
         {"DNS servers cut", with(6, "c0000201ff"), R"("ipv4Router":["192.0.2.1"])"},
         {"T1 cut", with(58, "0001"), "192.0.2.10", 1800, 2000},

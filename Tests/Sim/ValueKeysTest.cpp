@@ -81,6 +81,7 @@ std::vector<Refusal> RefusalsOfClients() {
         {"hostName", "", "a name with dots has at most 250 bytes", {longName}},
         {"vendorClass", "", "a text of 1 to 255 bytes is wanted", {R"("")", Text(256)}},
         {"userClass", "", "a text, or an array of texts, is wanted", {"{}", "[]"}},
+        {"userClass", "", "a text of 1 to 255 bytes is wanted", {R"("")"}},
         {"userClass", "[1]", "a text of 1 to 254 bytes is wanted", {R"(["a",""])"}},
         {"userClass", "[1]", "the classes are longer than an option", {R"(["a",)" + Text(253) + "]"}},
         {"clientIdentifierHex", "", kIdentifier, {R"("ff")", R"("01020")", R"("01:02")", R"("010g")"}},

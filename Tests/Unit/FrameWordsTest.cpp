@@ -103,7 +103,7 @@ TEST(FrameWords, HaveEachOptionInItsFormOrInHexadecimal) {
         {"7702 0561", "searchDomains=0561|"},
         {"5108 05 0000 0363616d 00", "fullName=flags 5, cam|"},
         {"5106 01 0000 63616d 5202 0105", "fullName=flags 1, cam|relayAgent=0105|"},
-        {"5209 0104 65746830 0201 ff", "relayAgent=1 eth0, 2 ff|"},
+        {"520c 0104 65746830 0201 ff 0301 7f", "relayAgent=1 eth0, 2 ff, 3 7f|"},
         {"7d02 0a0b e001 00", "125=0a0b|224=00|"},
         {"7703 016100 fe00 7703 016200", "searchDomains=a, b|254=|"},  // in parts
     };
