@@ -51,25 +51,31 @@ struct Dice {
     bool Chance(uint32_t percent) { return (*this)(100) < percent; }
 };
 
+// Of a server; in a world of days longer ones, as what is new comes from events, not from renewals.
+uint32_t DrawLeaseTime(const Plan& plan, Dice& dice) {
+    constexpr std::array<uint32_t, 5> kSeconds{120, 600, 3600, 7200, 86400};
+    const bool isLong = plan.turmoil > 24h && !dice.Chance(10);
+    return kSeconds.at(isLong ? 2 + dice(3) : dice(kSeconds.size()));
+}
+
 // Who serves a segment.
 enum class Regime : uint8_t { Theirs, Ours, OursPlain, Both, Nobody, kCount };
 
 Regime AddServers(Plan& plan, Dice& dice, uint32_t segment) {
     const auto regime = static_cast<Regime>(dice.Chance(10) ? 4 : dice(4));
     const bool isOurs = regime == Regime::Ours || regime == Regime::OursPlain || regime == Regime::Both;
-    constexpr std::array<uint32_t, 5> kLeaseTimes{120, 600, 3600, 7200, 86400};
     if (isOurs)
         plan.ports.push_back({.segment = segment,
                               .role = dice.Chance(30) ? Role::ServerAndSelector : Role::Server,
                               .rfc = regime != Regime::OursPlain,
-                              .leaseTime = kLeaseTimes.at(dice(kLeaseTimes.size())),
+                              .leaseTime = DrawLeaseTime(plan, dice),
                               .manner = dice(256)});
     if (regime == Regime::Theirs || regime == Regime::Both)
         for (uint32_t i = dice.Chance(30) ? 2 : 1; i > 0; --i)
             plan.bystanders.push_back({.kind = Kind::Server,
                                        .segment = segment,
                                        .manner = dice(256),
-                                       .leaseTime = kLeaseTimes.at(dice(kLeaseTimes.size()))});
+                                       .leaseTime = DrawLeaseTime(plan, dice)});
     return regime;
 }
 
@@ -151,7 +157,7 @@ Plan MakePlan(uint64_t seed, uint32_t hours) {
     AddStations(plan, dice);
     if (plan.bystanders.empty()) plan.bystanders.push_back({});
     // Half of them close to each other, as troubles come.
-    const uint32_t number = 20 + dice(40) + std::min(hours, 480U) * 2;
+    const uint32_t number = 20 + dice(40) + std::min(hours, 24U) * 2 + hours / 8;
     Duration burst{0};
     std::vector<uint32_t> weights;
     for (const Row& row : kRows) weights.push_back(row.weight);

@@ -51,7 +51,7 @@ void Work(Shared& shared, size_t job, uint64_t end, uint32_t hours) {
 void Progress(const Shared& shared, double seconds) {
     const double years = static_cast<double>(shared.deviceHours) / 24 / 365.25;
     std::printf(
-        "%6.0f s  %llu worlds, %.1f device-years (%.1f a minute), %.1f M events, %.1f M frames of ours, %.1f M of "
+        "%6.0f s  %llu worlds, %.2f device-years (%.1f a minute), %.1f M events, %.1f M frames of ours, %.1f M of "
         "harm\n",
         seconds, static_cast<unsigned long long>(shared.done), years, years / std::max(seconds, 1.0) * 60,
         static_cast<double>(shared.events) / 1e6, static_cast<double>(shared.frames) / 1e6,
