@@ -25,12 +25,13 @@ constexpr size_t kTransmitBufferSize = 2048;  // bytes
 // The interface's link, where the rules have it watched.
 struct Ostrel_InterfaceLink {
     bool isWatched;
-    bool isThere;           // in the device; always true where nobody watches
-    bool isRunning;         // as the roles were told last; always true where nobody watches
-    bool isSettling;        // it is back, and the roles will be told when it has run for a while
-    int32_t index;          // the kernel's number of the interface, which is still that of one that was taken out
-    uint32_t settlingTime;  // milliseconds that it has to run before the roles are told
-    uint64_t runningSince;  // when they were told that it is back, in milliseconds of the monotonic clock
+    bool isThere;     // in the device; always true where nobody watches
+    bool isRunning;   // as the roles were told last; always true where nobody watches
+    bool isSettling;  // it is back, and the roles will be told when it has run for a while
+    int32_t index;    // the kernel's number of the interface, still that of one that was taken out; 0: not seen yet
+    uint32_t settlingTime;   // milliseconds that it has to run before the roles are told
+    uint32_t lookAgainTime;  // milliseconds that were waited since it could not be asked after; 0: it could
+    uint64_t runningSince;   // when they were told that it is back, in milliseconds of the monotonic clock
 };
 
 // A received frame that a role is handling and that the trace has not told yet.

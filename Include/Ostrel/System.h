@@ -30,6 +30,7 @@ struct Ostrel_SystemObj {
     Ostrel_Status failure;               // for which the loop was ended; kNoErr otherwise
     uint32_t numWatchedLinks;            // interfaces that follow their link
     bool deviceIsWatched;                // so that they can
+    uint32_t failedWatches;              // times that the device would not be
     Ostrel_Audience audience;
     Ostrel_LeaseTexts* leaseTexts;  // the bus area's; Ostrel_VoroServiceFinalize frees them
 };

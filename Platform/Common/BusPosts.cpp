@@ -3,7 +3,7 @@
 // A post tells a state, and the last one counts. A subscriber that keeps up gets one for every change, at once. One to
 // whom kMaxPosts or kMaxPostBytes are under way doesn't keep up: of each subject it gets the last state, once, in
 // rounds of kRound that build each text once for all, until it has caught up. So does everybody while too much waits to
-// leave this process.
+// leave this process, and whom a post could not be sent to for want of memory.
 #include <algorithm>
 #include <cerrno>
 
@@ -49,21 +49,31 @@ int Build(BusNews& news) noexcept {
     return checked;
 }
 
-int Send(BusPeer& peer, BusNews& news) {
+int Send(BusPeer& peer, BusNews& news) noexcept {
     const int built = Build(news);
     if (built < 0 || news.text.empty()) return built;
-    const int sent = peer.handle->connection->SendPost(news, peer);
-    if (sent < 0) return sent;
-    BusNoteSent(peer, peer.underWay.posts, peer.underWay.postBytes, news.text.size());
-    return 0;
+    try {
+        const int sent = peer.handle->connection->SendPost(news, peer);
+        if (sent < 0) return sent;
+        BusNoteSent(peer, peer.underWay.posts, peer.underWay.postBytes, news.text.size());
+        return 0;
+    } catch (...) {
+        return -ENOMEM;
+    }
 }
 
-// Sends what the peer wants while there is room. What failed is not tried again.
+// Memory or room in the bus was out. Whoever missed the last state for that would never hear of it.
+bool MayWorkLater(int failure) {
+    return failure == -ENOMEM || failure == -ENOBUFS;
+}
+
+// Sends what the peer wants while there is room. What failed for good is not tried again.
 void DeliverTo(BusPeer& peer) {
     while (!peer.wanted.empty() && HasRoom(peer) && BusHasRoom(peer.handle)) {
-        const std::shared_ptr<BusNews> news = std::move(peer.wanted.front());
-        peer.wanted.erase(peer.wanted.begin());
+        const std::shared_ptr<BusNews> news = peer.wanted.front();
         const int sent = Send(peer, *news);
+        if (MayWorkLater(sent)) return;
+        peer.wanted.erase(peer.wanted.begin());
         if (sent < 0) DebugPrintF(kBusErrorLevel, "%s: %s misses a post: error %d\n", __func__, peer.name, -sent);
     }
 }
@@ -109,7 +119,10 @@ std::shared_ptr<BusNews> Renew(VSHandle* handle, const BusCategory* category, co
 
 // Sends the news, or has the peer wait for it; 0 or a negative errno value.
 int Tell(BusPeer& peer, const std::shared_ptr<BusNews>& news) {
-    if (!peer.lags && HasRoom(peer) && BusHasRoom(peer.handle)) return Send(peer, *news);
+    if (!peer.lags && HasRoom(peer) && BusHasRoom(peer.handle)) {
+        const int sent = Send(peer, *news);
+        if (!MayWorkLater(sent)) return sent;
+    }
     peer.lags = true;
     if (std::find(peer.wanted.begin(), peer.wanted.end(), news) == peer.wanted.end()) peer.wanted.push_back(news);
     BusEnsureRound(peer.handle);

@@ -89,7 +89,8 @@ void VSErrorFree(VSError* error) noexcept;
 // them.
 [[nodiscard]] bool VSRegister(const char* serviceName, VSHandle** handle, VSError* error) noexcept;
 
-// The tables must outlive the handle; signals and properties may be null.
+// The tables must outlive the handle; signals and properties may be null. False for a category that is registered
+// (EEXIST), for a name that the bus doesn't take, of letters, digits and underscores (EINVAL), and when memory is out.
 [[nodiscard]] bool VSRegisterCategory(VSHandle* handle, const char* category, const VSMethod* methods,
                                       const VSSignal* signals, const VSProperty* properties, VSError* error) noexcept;
 [[nodiscard]] bool VSCategorySetData(VSHandle* handle, const char* category, void* data, VSError* error) noexcept;
@@ -97,7 +98,8 @@ void VSErrorFree(VSError* error) noexcept;
                                                    VSError* error) noexcept;
 
 // Attaches the connection to the event loop and takes the service name. False when the name is owned by another
-// process. From then on, losing the connection ends the event loop, and VSUnregister fails.
+// process (EEXIST), when it is attached already (EALREADY), or when the bus doesn't answer or refuses it. From then on,
+// losing the connection ends the event loop, and VSUnregister fails.
 [[nodiscard]] bool VSGmainAttach(VSHandle* handle, _GMainLoop* loop, VSError* error) noexcept;
 
 // The request's text, NUL-terminated, and the method's name; both live as long as the message.
@@ -107,7 +109,8 @@ void VSErrorFree(VSError* error) noexcept;
 // The request as the method has parsed it, a null value when it is no JSON: the platform then doesn't parse it again.
 void VSMessageSetRequest(VSMessage* message, const valdo::JValue& request) noexcept;
 
-// Answers the call; `payload` is copied and must be UTF-8 without noncharacters, as valdo writes it. A caller whose
+// Answers the call; `payload` is copied and must be UTF-8 without noncharacters, as valdo writes it, or it is refused
+// (EINVAL), as are a second answer (EALREADY) and one that is too long (EMSGSIZE). A caller whose
 // call gets no answer in the end is not left enrolled by it.
 [[nodiscard]] bool VSMessageReply(VSHandle* handle, VSMessage* message, const char* payload, VSError* error) noexcept;
 
@@ -122,7 +125,8 @@ void VSMessageSetRequest(VSMessage* message, const valdo::JValue& request) noexc
                                             VSError* error) noexcept;
 
 // Lets each subscriber of category and method know of the new state of `subject`, once however often it enrolled: now
-// when there is room, later otherwise. `state` must stay callable until VSUnregister. True without subscribers.
+// when there is room, later otherwise, also when memory is out now. False when the bus doesn't take the text (EINVAL,
+// EMSGSIZE) or is lost. `state` must stay callable until VSUnregister. True without subscribers.
 [[nodiscard]] bool VSSubscriptionPost(VSHandle* handle, const char* category, const char* method, const char* subject,
                                       VSStateFunction state, VSError* error) noexcept;
 

@@ -17,7 +17,8 @@
 
 struct l2_packet_data;  // an open socket
 
-constexpr size_t kL2MaxFrame = 2048;  // bytes, Ethernet header included
+constexpr size_t kL2MaxFrame = 2048;   // bytes, Ethernet header included
+constexpr size_t kL2MaxProgram = 248;  // instructions
 
 // One instruction of a classic BPF program in the layout of the Linux socket filter, all fields in host order. Offsets
 // in a program count from the first byte of the Ethernet header; returning 0 drops the frame, 0xFFFFFFFF passes it.
@@ -41,7 +42,8 @@ using l2_packet_callback = void (*)(void* context, const uint8_t* sourceAddress,
                                              l2_packet_callback callback, void* context, int l2Header) noexcept;
 
 // Installs or replaces the program, without a moment in between in which other frames pass. 0, or negative when it is
-// refused; the socket then keeps what it had.
+// refused, because it is longer than kL2MaxProgram, or is no program, or for want of memory; the socket then keeps what
+// it had.
 [[nodiscard]] int l2_packet_install_filter(l2_packet_data* l2, std::span<const l2_filter_instruction> program) noexcept;
 
 // The interface's Ethernet address, as it was when the socket was opened. 0, or negative.
@@ -51,9 +53,11 @@ int l2_packet_get_own_addr(const l2_packet_data* l2, std::array<uint8_t, 6>& add
 [[nodiscard]] uint32_t l2_packet_get_mtu(const l2_packet_data* l2) noexcept;
 
 // Sends one frame. `destination` is null and `protocol` 0: the frame carries its own header. The number of bytes sent,
-// or negative on an error (the link is down, the interface is gone, the queue is full). Never blocks. What is sent from
-// the socket's own callback goes out, in order, with the answers to the frames that came together with its frame: what
-// then fails is lost as it could be lost on the wire.
+// or a negative errno value: ENETDOWN while the link is down, ENXIO when the interface is gone, EMSGSIZE for a frame
+// above the MTU, EINVAL for less than a header, ENOBUFS or EAGAIN when the queue is full, ENOMEM. Never blocks. Without
+// a carrier the kernel takes it, and drops it. What is sent from the socket's own callback goes out, in order, with the
+// answers to the frames that came together with its frame: what then fails is lost as it could be lost on the wire, and
+// only a frame above kL2MaxFrame is refused.
 [[nodiscard]] int l2_packet_send(l2_packet_data* l2, const uint8_t* destination, uint16_t protocol,
                                  std::span<const uint8_t> frame) noexcept;
 

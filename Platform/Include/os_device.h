@@ -7,13 +7,15 @@
 
 struct os_link {
     bool isThere;    // there is an interface of this name, or the rest is zero
+    bool isUnknown;  // the kernel could not be asked, for want of memory or descriptors; isThere is false then
     bool isRunning;  // it is up and has carrier
     int32_t index;   // the kernel's number, which changes when an interface is taken out and put back, not by renaming
     std::array<uint8_t, 6> address;
     std::array<char, 17> name;  // NUL-terminated
 };
 
-// The link as it is now, by name or by number. One that no interface has is no failure.
+// The link as it is now, by name or by number. One that no interface has is no failure. Where the kernel could not be
+// asked a log line says why, and nothing is told when it could be asked again.
 [[nodiscard]] os_link os_link_of(const char* ifname) noexcept;
 [[nodiscard]] os_link os_link_at(int32_t index) noexcept;
 

@@ -161,9 +161,8 @@ l2_packet_data* l2_packet_init(const char* ifname, const uint8_t*, uint16_t prot
 }
 
 int l2_packet_install_filter(l2_packet_data* l2, std::span<const l2_filter_instruction> program) noexcept {
-    constexpr size_t kMost = 256;  // instructions
-    std::array<l2_filter_instruction, kMost> whole;
-    if (program.size() > kMost - kOnlyOurs.size()) return -1;
+    std::array<l2_filter_instruction, kOnlyOurs.size() + kL2MaxProgram> whole;
+    if (program.empty() || program.size() > kL2MaxProgram) return -1;
     const auto rest = std::copy(kOnlyOurs.begin(), kOnlyOurs.end(), whole.begin());
     std::copy(program.begin(), program.end(), rest);
     return AttachFilter(l2->fd, std::span(whole).first(kOnlyOurs.size() + program.size())) ? 0 : -1;

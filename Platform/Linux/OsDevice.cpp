@@ -48,6 +48,11 @@ bool ReadLink(int fd, ifreq request, os_link& link) noexcept {
     return true;
 }
 
+os_link Unknown(std::string_view which) noexcept {
+    DebugPrintF(kWarningLevel, "[%s] link cannot be asked after: %s\n", which, std::strerror(errno));
+    return {.isThere = false, .isUnknown = true, .isRunning = false, .index = 0, .address = {}, .name = {}};
+}
+
 // What arrives is dropped before it is queued: nothing is ever read, and a full queue would let the kernel count drops.
 bool DropEverything(int fd) noexcept {
     sock_filter drop{BPF_RET | BPF_K, 0, 0, 0};
@@ -70,9 +75,11 @@ bool BindTo(int fd, std::string_view ifname, uint16_t port) noexcept {
 
 os_link os_link_at(int32_t index) noexcept {
     std::array<char, IFNAMSIZ> name{};
-    if (index <= 0 || if_indextoname(static_cast<unsigned int>(index), name.data()) == nullptr) return {};
+    if (index <= 0) return {};
+    if (if_indextoname(static_cast<unsigned int>(index), name.data()) == nullptr)
+        return errno == ENXIO || errno == ENODEV ? os_link{} : Unknown("by number");
     const os_link link = os_link_of(name.data());
-    return link.index == index ? link : os_link{};
+    return link.index == index || link.isUnknown ? link : os_link{};
 }
 
 os_link os_link_of(const char* ifname) noexcept {
@@ -83,10 +90,7 @@ os_link os_link_of(const char* ifname) noexcept {
     std::copy(name.begin(), name.end(), request.ifr_name);
     const OwnedFd any(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));  // interfaces are asked after through any socket
     os_link link{};
-    if (any.fd < 0) {
-        DebugPrintF(kWarningLevel, "[%s] link cannot be asked after: %s\n", name, std::strerror(errno));
-        return {};
-    }
+    if (any.fd < 0) return Unknown(name);
     return ReadLink(any.fd, request, link) ? link : os_link{};
 }
 

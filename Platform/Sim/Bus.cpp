@@ -6,6 +6,7 @@
 // Ping, until it reads again.
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 
 #include "BusService.h"
@@ -19,7 +20,7 @@ using sim::World;
 
 class Connection : public BusConnection {
 public:
-    int AddObject(const BusCategory&) override { return sim::Refuses(DeviceCall::Attach) ? -ENOMEM : 0; }
+    int AddObject(const BusCategory& category) override;
     int SendReply(VSMessage& message, const char* text) override;
     int SendPost(const BusNews& news, const BusPeer& peer) override;
     int Ping(BusPeer& peer) override;
@@ -38,6 +39,21 @@ Connection& ConnectionOf(const VSHandle* handle) {
 
 VSHandle* Service() {
     return World::Get().Internals().bus.get();
+}
+
+// A name in a path, or of a method or signal, as the bus library takes them.
+bool IsName(std::string_view name) {
+    const auto isOfName = [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_'; };
+    return !name.empty() && name.size() < 256 && std::all_of(name.begin(), name.end(), isOfName) &&
+           std::isdigit(static_cast<unsigned char>(name[0])) == 0;
+}
+
+int Connection::AddObject(const BusCategory& category) {
+    if (sim::Refuses(DeviceCall::Attach)) return -ENOMEM;
+    if (category.path != "/" && !IsName(std::string_view(category.path).substr(1))) return -EINVAL;
+    for (const VSMethod* one = category.methods; one->name != nullptr; ++one)
+        if (!IsName(one->name)) return -EINVAL;
+    return 0;
 }
 
 int Connection::SendReply(VSMessage& message, const char* text) {
@@ -207,7 +223,8 @@ bool VSRegister(const char* serviceName, VSHandle** handle, VSError* error) noex
 }
 
 bool VSGmainAttach(VSHandle* handle, _GMainLoop* loop, VSError* error) noexcept {
-    if (loop == nullptr) return BusFail(error, EINVAL, "no loop");
+    if (handle == nullptr || loop == nullptr) return BusFail(error, EINVAL, "no handle, or no loop");
+    if (ConnectionOf(handle).attached) return BusFail(error, EALREADY, "the bus is attached");
     if (sim::Refuses(DeviceCall::Attach)) return BusFail(error, ETIMEDOUT, "the bus daemon does not answer");
     if (World::Get().nameTaken) return BusFail(error, EEXIST, "the name is taken");
     ConnectionOf(handle).attached = true;

@@ -83,11 +83,23 @@ void World::State::LinkChanged(const Interface& interface) {
 
 using sim::World;
 
+namespace {
+
+constexpr os_link kUnknown{
+    .isThere = false, .isUnknown = true, .isRunning = false, .index = 0, .address = {}, .name = {}};
+
+}  // namespace
+
 os_link os_link_of(const char* ifname) noexcept {
     const sim::Interface* const interface = World::Get().Internals().FindInterface(ifname);
-    if (sim::Refuses(sim::DeviceCall::Link) || interface == nullptr) return {};
-    os_link link{
-        .isThere = true, .isRunning = interface->up, .index = interface->index, .address = interface->mac, .name = {}};
+    if (sim::Refuses(sim::DeviceCall::Link)) return kUnknown;
+    if (interface == nullptr) return {};
+    os_link link{.isThere = true,
+                 .isUnknown = false,
+                 .isRunning = interface->up && interface->plugged,
+                 .index = interface->index,
+                 .address = interface->mac,
+                 .name = {}};
     interface->name.copy(link.name.data(), link.name.size() - 1);
     return link;
 }
@@ -95,7 +107,7 @@ os_link os_link_of(const char* ifname) noexcept {
 os_link os_link_at(int32_t index) noexcept {
     for (const auto& interface : World::Get().Internals().interfaces)
         if (interface->index == index) return os_link_of(interface->name.c_str());
-    return {};
+    return sim::Refuses(sim::DeviceCall::Link) ? kUnknown : os_link{};
 }
 
 bool os_is_own_address(const std::array<uint8_t, 6>& address) noexcept {

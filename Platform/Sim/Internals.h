@@ -31,6 +31,7 @@ struct l2_packet_data {
     size_t program;  // in World::State::programs, plus 1; 0: none yet
     std::array<uint8_t, 6> address;
     uint32_t mtu;
+    bool receiving;  // its callback runs
 };
 
 namespace sim {
@@ -64,6 +65,7 @@ public:
     const uint32_t mtu;
     const int32_t index;
     bool up = true;
+    bool plugged = true;
     SendFault fault = SendFault::None;
     uint32_t faultySends = 0;              // sends that still fail
     std::vector<l2_packet_data*> sockets;  // in the order of opening; null: closed during a delivery
@@ -106,6 +108,7 @@ struct StoppedReader {
 // The calls of one kind.
 struct CallCount {
     size_t made = 0;
+    size_t refused = 0;
     size_t firstRefused = 0;  // counted as `made`; 0: none
     size_t lastRefused = 0;
 };

@@ -1,6 +1,7 @@
 // Which calls of the daemon the simulated device refuses: those that a test has named, and some by chance.
 
 #include <algorithm>
+#include <numeric>
 
 #include "Internals.h"
 
@@ -19,7 +20,10 @@ bool Refuses(DeviceCall call) {
     if (world == nullptr) return false;
     CallCount& count = world->Internals().calls[static_cast<size_t>(call)];
     ++count.made;
-    return (count.made >= count.firstRefused && count.made <= count.lastRefused) || Chance(*world, call);
+    const bool isNamed = count.made >= count.firstRefused && count.made <= count.lastRefused;
+    const bool isRefused = isNamed || Chance(*world, call);
+    count.refused += isRefused ? 1 : 0;
+    return isRefused;
 }
 
 const char* NameOf(DeviceCall call) {
@@ -39,6 +43,15 @@ void World::FailCall(DeviceCall call, size_t nth, size_t count) {
 bool World::IsFailurePending(DeviceCall call) const {
     const CallCount& calls = state->calls[static_cast<size_t>(call)];
     return calls.firstRefused > calls.made;
+}
+
+size_t World::CallsRefused(DeviceCall call) const {
+    return state->calls[static_cast<size_t>(call)].refused;
+}
+
+size_t World::CallsRefused() const {
+    const auto add = [](size_t sum, const CallCount& count) { return sum + count.refused; };
+    return std::accumulate(state->calls.begin(), state->calls.end(), size_t{0}, add);
 }
 
 size_t World::CallsMade(DeviceCall call) const {

@@ -149,6 +149,7 @@ public:
     Station& AddInterface(const std::string& ifname, const MAC& mac, Segment& segment, uint32_t mtu = 1500);
     void RemoveInterface(const std::string& ifname);   // open sockets on it stay, dead; added again it has a new index
     void SetLink(const std::string& ifname, bool up);  // while down sends fail and nothing is received
+    void SetCarrier(const std::string& ifname, bool plugged);   // while there is none sends succeed, and are lost
     void ChangeMAC(const std::string& ifname, const MAC& mac);  // what sockets have read of it stays
     void RenameInterface(const std::string& ifname, const std::string& newName);
     std::vector<MAC> ownAddresses;    // of interfaces that the device has beside those of this world
@@ -169,6 +170,8 @@ public:
     void FailCall(DeviceCall call, size_t nth, size_t count = 1);
     [[nodiscard]] bool IsFailurePending(DeviceCall call) const;  // the first one asked for has not come yet
     [[nodiscard]] size_t CallsMade(DeviceCall call) const;       // since the world began
+    [[nodiscard]] size_t CallsRefused(DeviceCall call) const;    // of them
+    [[nodiscard]] size_t CallsRefused() const;                   // of all kinds
     std::array<uint32_t, kDeviceCalls> chanceOfFailure{};
 
     // Memory: blocks not yet given back; FailAllocation is FailCall of os_zalloc.

@@ -47,7 +47,10 @@ size_t Judge(size_t program, std::span<const uint8_t> frame) {
 }  // namespace
 
 void Interface::Receive(std::span<const uint8_t> frame) {
-    if (!up || World::Get().Internals().device.asleep || frame.size() > kL2MaxFrame) return;
+    if (!up || !plugged || World::Get().Internals().device.asleep || frame.size() > kL2MaxFrame) return;
+    MAC destination{};
+    std::copy_n(frame.begin(), std::min(frame.size(), destination.size()), destination.begin());
+    if (frame.size() >= kHeader && !IsBehind(destination)) return;
     if (frame.size() < kHeader + kTag || frame[kAddresses] != 0x81 || frame[kAddresses + 1] != 0x00) {
         return Deliver(frame);
     }
@@ -64,10 +67,13 @@ void Interface::Deliver(std::span<const uint8_t> frame) {
     ++deliveries;
     const size_t count = sockets.size();  // one that is opened meanwhile hears the next frame
     for (size_t i = 0; i < count; ++i) {
-        const l2_packet_data* const socket = sockets[i];
+        l2_packet_data* const socket = sockets[i];
         if (socket == nullptr || socket->program == 0) continue;
         const size_t passed = Judge(socket->program - 1, frame);
-        if (passed != 0) socket->callback(socket->context, source, frame.first(passed));
+        if (passed == 0) continue;
+        socket->receiving = true;
+        socket->callback(socket->context, source, frame.first(passed));
+        if (sockets[i] == socket) socket->receiving = false;
     }
     if (--deliveries == 0) std::erase(sockets, nullptr);
 }
@@ -80,6 +86,7 @@ bool Interface::IsBehind(const MAC& destination) const {
 int Interface::Send(std::span<const uint8_t> frame) {
     if (frame.size() > mtu + kHeader) ++World::Get().framesTooLong;
     if (!up) return -ENETDOWN;
+    if (frame.size() < kHeader) return -EINVAL;
     if (frame.size() > mtu + kHeader) return -EMSGSIZE;
     if (Refuses(DeviceCall::Send)) return -ENOBUFS;
     if (faultySends != 0) {
@@ -87,6 +94,7 @@ int Interface::Send(std::span<const uint8_t> frame) {
         if (fault == SendFault::Error) return -ENOBUFS;
         if (fault == SendFault::Short) return static_cast<int>(frame.size()) - 1;
     }
+    if (!plugged) return static_cast<int>(frame.size());  // the kernel takes it, and drops it
     if (World::onEverySend) World::onEverySend(*this, frame);
     if (World::Get().onSend) World::Get().onSend(frame);
     segment.Send(*this, frame);
@@ -111,20 +119,23 @@ Interface* World::State::FindInterface(std::string_view ifname) const {
 using sim::World;
 
 l2_packet_data* l2_packet_init(const char* ifname, const uint8_t*, uint16_t, l2_packet_callback callback, void* context,
-                               int) noexcept {
+                               int l2Header) noexcept {
     World& world = World::Get();
+    if (l2Header != 1) return nullptr;
     sim::Interface* const interface = world.Internals().FindInterface(ifname);
     if (interface == nullptr || !world.rawSocketsAllowed || sim::Refuses(sim::DeviceCall::OpenSocket)) return nullptr;
     auto* const socket = os_new<l2_packet_data>();
     if (socket == nullptr) return nullptr;
-    *socket = {interface, callback, context, 0, interface->mac, interface->mtu};
+    *socket = {interface, callback, context, 0, interface->mac, interface->mtu, false};
     interface->sockets.push_back(socket);
     ++world.Internals().openSockets;
     return socket;
 }
 
 int l2_packet_install_filter(l2_packet_data* l2, std::span<const l2_filter_instruction> program) noexcept {
-    if (l2 == nullptr || !sim::IsFilterValid(program) || sim::Refuses(sim::DeviceCall::Filter)) return -1;
+    if (l2 == nullptr || program.size() > kL2MaxProgram || !sim::IsFilterValid(program) ||
+        sim::Refuses(sim::DeviceCall::Filter))
+        return -1;
     l2->program = sim::InternProgram(program) + 1;
     return 0;
 }
@@ -139,9 +150,13 @@ uint32_t l2_packet_get_mtu(const l2_packet_data* l2) noexcept {
     return l2 == nullptr ? 0 : l2->mtu;
 }
 
-int l2_packet_send(l2_packet_data* l2, const uint8_t*, uint16_t, std::span<const uint8_t> frame) noexcept {
-    if (l2 == nullptr || l2->interface == nullptr) return -ENXIO;
-    return l2->interface->Send(frame);
+int l2_packet_send(l2_packet_data* l2, const uint8_t* destination, uint16_t protocol,
+                   std::span<const uint8_t> frame) noexcept {
+    if (l2 == nullptr || destination != nullptr || protocol != 0) return -EINVAL;
+    if (l2->receiving && frame.size() > kL2MaxFrame) return -EMSGSIZE;
+    const int sent = l2->interface == nullptr ? -ENXIO : l2->interface->Send(frame);
+    // From its own callback it is only sent later, and what fails then is lost.
+    return sent < 0 && l2->receiving ? static_cast<int>(frame.size()) : sent;
 }
 
 void l2_packet_deinit(l2_packet_data* l2) noexcept {

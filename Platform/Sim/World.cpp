@@ -102,6 +102,13 @@ void World::SetLink(const std::string& ifname, bool up) {
     state->LinkChanged(*interface);
 }
 
+void World::SetCarrier(const std::string& ifname, bool plugged) {
+    Interface* const interface = state->FindInterface(ifname);
+    if (interface == nullptr) return Fail("there is no interface " + ifname);
+    interface->plugged = plugged;
+    state->LinkChanged(*interface);
+}
+
 void World::ChangeMAC(const std::string& ifname, const MAC& mac) {
     Interface* const interface = state->FindInterface(ifname);
     if (interface == nullptr) return Fail("there is no interface " + ifname);

@@ -36,11 +36,12 @@ Ostrel_Status Blame(const Reading& reading, uint8_t code, Ostrel_Status status) 
     return status;
 }
 
-// What becomes of an option that may be absent: one in no usable shape fails the message, or is left out.
+// What becomes of an option that may be absent: one in no usable shape fails the message, or is left out. One that
+// there is no memory for fails it always: the next answer has it again.
 Ostrel_Status Optional(const Reading& reading, uint8_t code, Ostrel_Status status) {
     const Ostrel_ClientObj* const client = reading.client;
     if (status == kNoErr || status == kEndingErr) return kNoErr;
-    if (!client->rules->valuesAreChecked) return Blame(reading, code, status);
+    if (!client->rules->valuesAreChecked || status == kOutOfMemoryErr) return Blame(reading, code, status);
     if (status == kTooShortErr) return kNoErr;  // absent, from options that have no end
     DebugPrintF(kDebugLevelInfo, "[%s] DHCP Client leaves out option %d, which is in no usable shape.\n",
                 client->iface->ifname.data(), code);

@@ -6,8 +6,9 @@
 //
 // A new Ethernet address is to the network a new host: the roles are told that the link was lost and is back. So they
 // are when an interface was taken out of the device and another of its name was put in, whose sockets are then opened
-// anew. An interface that gets another name keeps its roles, and goes by the new name on the bus as well: that is how
-// whoever sets addresses has to call it.
+// anew. What the device refuses for the moment, a look at the link or one of these sockets, or to watch at all, is
+// asked for again until it is had: news of it may never come. An interface that gets another name keeps its roles, and
+// goes by the new name on the bus as well: that is how whoever sets addresses has to call it.
 #include <algorithm>
 #include <cstring>
 #include <string_view>
@@ -31,18 +32,19 @@ namespace {
 constexpr uint32_t kShortestSettling = 250;  // milliseconds: the bounces of a plug, and little of a second
 constexpr uint32_t kLongestSettling = 8000;  // of a link that flaps
 constexpr uint64_t kSteady = 10'000;         // one that ran so long does not flap
+constexpr uint32_t kFirstLookAgain = 1000;   // milliseconds, doubled each time that it was of no use
+constexpr uint32_t kLastLookAgain = 64'000;
 
 void Ostrel_LinkTimeout_Settled(void* iface, void*);
+void Ostrel_LinkTimeout_LookAgain(void* iface, void*);
+void Ostrel_LinkTimeout_WatchAgain(void* iface, void*);
 
 constexpr Ostrel_TimeoutKind kSettlingTimeout{Ostrel_LinkTimeout_Settled, "[Link] SETTLED ", false, kShortestSettling,
                                               kLongestSettling};
-
-// An interface whose sockets could not be had.
-constexpr uint32_t kRetry = 1000;  // milliseconds
-
-void Ostrel_LinkTimeout_Again(void* iface, void*);
-
-constexpr Ostrel_TimeoutKind kAgainTimeout{Ostrel_LinkTimeout_Again, "[Link] AGAIN ", false, kRetry, kRetry};
+constexpr Ostrel_TimeoutKind kLookAgainTimeout{Ostrel_LinkTimeout_LookAgain, "[Link] LOOK AGAIN ", false,
+                                               kFirstLookAgain, kLastLookAgain};
+constexpr Ostrel_TimeoutKind kWatchAgainTimeout{Ostrel_LinkTimeout_WatchAgain, "[Link] WATCH AGAIN ", false,
+                                                kFirstLookAgain, kLastLookAgain};
 
 void TellRoles(Ostrel_InterfaceObj* iface, bool isRunning) {
     Ostrel_InterfacePictureTurns(iface);
@@ -94,14 +96,22 @@ Ostrel_Status ReopenSockets(Ostrel_InterfaceObj* iface) {
     return kNoErr;
 }
 
-// An interface of this name was put into the device. Sockets that cannot be had yet are opened a little later.
+void LookAgainLater(Ostrel_InterfaceObj* iface) {
+    uint32_t& wait = iface->link.lookAgainTime;
+    wait = std::clamp(2 * wait, kFirstLookAgain, kLastLookAgain);
+    Ostrel_RearmTimeout(iface, iface, kLookAgainTimeout, wait);
+}
+
+// An interface of this name was put into the device, or is seen for the first time. Sockets that cannot be had yet are
+// opened later.
 bool TakeIn(Ostrel_InterfaceObj* iface, int32_t index) {
     NoteThere(iface, false);
     NoteLost(iface);
     const Ostrel_Status status = ReopenSockets(iface);
     Ostrel_InterfacePictureChanged(iface);  // its address may be another one, whatever became of the rest
     if (status != kNoErr) return false;
-    DebugPrintF(kDebugLevelNotice, "[%s] The interface was put back, as number %d.\n", iface->ifname.data(), index);
+    if (iface->link.index != 0)
+        DebugPrintF(kDebugLevelNotice, "[%s] The interface was put back, as number %d.\n", iface->ifname.data(), index);
     iface->link.index = index;
     return true;
 }
@@ -115,11 +125,18 @@ void NoteAddress(Ostrel_InterfaceObj* iface, const Ostrel_MAC& address) {
     Ostrel_InterfacePictureChanged(iface);
 }
 
+// Whether another one may take its name: it goes by a new one itself, of which there is no news yet.
+bool HasLeftItsName(const Ostrel_InterfaceObj* iface) {
+    if (!iface->link.isWatched) return false;
+    const os_link now = os_link_at(iface->link.index);
+    return now.isThere || now.isUnknown;
+}
+
 // False when the interface cannot go by that name: another one that is managed does.
 bool Rename(Ostrel_InterfaceObj* iface, const char* ifname) {
     Ostrel_InterfaceObj* namesake = nullptr;
     const bool isTaken = Ostrel_InterfaceFindByName(ifname, &iface->sysObj->interfaceList, &namesake) == kNoErr;
-    if (isTaken && !(namesake->link.isWatched && os_link_at(namesake->link.index).isThere)) {
+    if (isTaken && !HasLeftItsName(namesake)) {
         DebugPrintF(kDebugLevelWarning, "[%s] The interface is called %s now, as another one was before it.\n",
                     iface->ifname.data(), ifname);
         return false;
@@ -137,6 +154,7 @@ bool Rename(Ostrel_InterfaceObj* iface, const char* ifname) {
 // The interface that has its name, unless that is managed under another one.
 os_link Namesake(const Ostrel_InterfaceObj* iface) {
     const os_link link = os_link_of(iface->ifname.data());
+    if (!link.isThere) return link;
     for (const auto* other = iface->sysObj->interfaceList; other != nullptr; other = other->next)
         if (other != iface && other->link.isWatched && other->link.index == link.index) return {};
     return link;
@@ -145,35 +163,37 @@ os_link Namesake(const Ostrel_InterfaceObj* iface) {
 // The interface by its number, whatever it is called now; where that is gone, another one that has its name.
 os_link FindLink(Ostrel_InterfaceObj* iface, bool* wasRenamed) {
     const os_link link = os_link_at(iface->link.index);
+    if (link.isUnknown) return link;
     if (!link.isThere) return Namesake(iface);
     if (std::strcmp(link.name.data(), iface->ifname.data()) == 0) return link;
     *wasRenamed = Rename(iface, link.name.data());
     return *wasRenamed ? link : os_link{};
 }
 
-void FollowLink(Ostrel_InterfaceObj* iface) {
+// False when that could not be done yet.
+bool FollowLink(Ostrel_InterfaceObj* iface) {
     bool wasRenamed = false;
     const os_link now = FindLink(iface, &wasRenamed);
+    if (now.isUnknown) return false;
     if (wasRenamed && iface->dhcpClient != nullptr)
         (void)Ostrel_VoroServicePublishClientLeaseInformation(iface->sysObj, iface->dhcpClient);
-    if (now.isThere && now.index != iface->link.index && !TakeIn(iface, now.index))
-        return Ostrel_RearmTimeout(iface, iface, kAgainTimeout, kRetry);
+    if (now.isThere && now.index != iface->link.index && !TakeIn(iface, now.index)) return false;
     NoteThere(iface, now.isThere);
     if (now.isThere) NoteAddress(iface, now.address);
     if (now.isRunning)
         NoteRunning(iface);
     else
         NoteLost(iface);
+    return true;
 }
 
 void LookAt(Ostrel_InterfaceObj* iface) {
     const bool wasThere = iface->link.isThere;
-    FollowLink(iface);
+    if (FollowLink(iface))
+        iface->link.lookAgainTime = 0;
+    else
+        LookAgainLater(iface);
     if (iface->link.isThere != wasThere) Ostrel_InterfacePictureChanged(iface);
-}
-
-void Ostrel_LinkTimeout_Again(void* context, void*) {
-    LookAt(static_cast<Ostrel_InterfaceObj*>(context));
 }
 
 // Index 0: it may be any link. One that is gone keeps its number until another has its name.
@@ -197,32 +217,53 @@ void WokeUp(void* context) {
     }
 }
 
+void Ostrel_LinkTimeout_LookAgain(void* iface, void*) {
+    LookAt(static_cast<Ostrel_InterfaceObj*>(iface));
+}
+
+// What cannot be watched is in the log, and the roles go on as without it.
+void WatchDevice(Ostrel_InterfaceObj* iface) {
+    Ostrel_SystemObj* const sysObj = iface->sysObj;
+    sysObj->deviceIsWatched = os_watch_device({LinkChanged, WokeUp, sysObj}) == 0;
+    const uint32_t wait = kFirstLookAgain << sysObj->failedWatches;
+    if (sysObj->deviceIsWatched || wait > kLastLookAgain) return;
+    ++sysObj->failedWatches;
+    Ostrel_RearmTimeout(iface, iface, kWatchAgainTimeout, wait);
+}
+
+void Ostrel_LinkTimeout_WatchAgain(void* context, void*) {
+    auto* iface = static_cast<Ostrel_InterfaceObj*>(context);
+    WatchDevice(iface);
+    LinkChanged(iface->sysObj, 0, "");
+}
+
 }  // namespace
 
 void Ostrel_InterfaceWatchLink(Ostrel_InterfaceObj* iface) {
     if (!iface->rules->interface.linkIsWatched) return;
     const os_link now = os_link_of(iface->ifname.data());
     iface->link = {.isWatched = true,
-                   .isThere = now.isThere,
+                   .isThere = now.isThere || now.isUnknown,
                    .isRunning = true,
                    .isSettling = false,
                    .index = now.index,
                    .settlingTime = kShortestSettling,
+                   .lookAgainTime = 0,
                    .runningSince = 0};
-    // What cannot be watched is in the log, and the roles go on as without it: of a link that is lost nobody would tell
-    // them that it is back. The next interface tries again.
-    Ostrel_SystemObj& system = *iface->sysObj;
-    ++system.numWatchedLinks;
-    if (!system.deviceIsWatched) system.deviceIsWatched = os_watch_device({LinkChanged, WokeUp, iface->sysObj}) == 0;
-    if (!now.isRunning && system.deviceIsWatched) TellRoles(iface, false);
+    ++iface->sysObj->numWatchedLinks;
+    if (!iface->sysObj->deviceIsWatched) WatchDevice(iface);
+    if (now.isUnknown) return LookAgainLater(iface);
+    // Nobody would tell them that it is back where nothing is watched.
+    if (!now.isRunning && iface->sysObj->deviceIsWatched) TellRoles(iface, false);
 }
 
 void Ostrel_InterfaceUnwatchLink(Ostrel_InterfaceObj* iface) {
     if (!iface->link.isWatched) return;
     iface->link.isWatched = false;
-    Ostrel_DisarmTimeout(iface, iface, kSettlingTimeout);
-    Ostrel_DisarmTimeout(iface, iface, kAgainTimeout);
+    for (const Ostrel_TimeoutKind& kind : {kSettlingTimeout, kLookAgainTimeout, kWatchAgainTimeout})
+        Ostrel_DisarmTimeout(iface, iface, kind);
     if (--iface->sysObj->numWatchedLinks != 0) return;
     os_unwatch_device();
     iface->sysObj->deviceIsWatched = false;
+    iface->sysObj->failedWatches = 0;
 }

@@ -85,12 +85,15 @@ void ReadDNSServers(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) 
         Ostrel_LogPrint(kQxLogDebug, "%s %.4a\n", "DNS Server", &server);
 }
 
-void ReadTexts(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
+// Those that are absent or unusable are left out; not those that there is no memory for.
+Ostrel_Status ReadTexts(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
     const char* ifname = cfg->ifname.data();
-    if (OstrelJsonUtilsStringDup(request.root, "domainName", &cfg->domainName) == kNoErr)
-        Ostrel_LogPrint(kQxLogDebug, "%s Domain Name %s\n", ifname, cfg->domainName);
-    if (OstrelJsonUtilsStringDup(request.root, "clientIdentifier", &cfg->clientIdentifier) == kNoErr)
-        Ostrel_LogPrint(kQxLogDebug, "%s Client Identifier %s.\n", ifname, cfg->clientIdentifier);
+    Ostrel_Status status = OstrelJsonUtilsStringDup(request.root, "domainName", &cfg->domainName);
+    if (status == kNoErr) Ostrel_LogPrint(kQxLogDebug, "%s Domain Name %s\n", ifname, cfg->domainName);
+    if (status == kOutOfMemoryErr) return status;
+    status = OstrelJsonUtilsStringDup(request.root, "clientIdentifier", &cfg->clientIdentifier);
+    if (status == kNoErr) Ostrel_LogPrint(kQxLogDebug, "%s Client Identifier %s.\n", ifname, cfg->clientIdentifier);
+    return status == kOutOfMemoryErr ? status : kNoErr;
 }
 
 void ReadLeaseLimits(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
@@ -110,7 +113,8 @@ Ostrel_Status ReadConfig(const Ostrel_Request& request, Ostrel_InterfaceConfig* 
     if (status != kNoErr) return status;
 
     ReadDNSServers(request, cfg);
-    ReadTexts(request, cfg);
+    status = ReadTexts(request, cfg);
+    if (status != kNoErr) return status;
     status = ReadAddress(request, "ipv4RangeStart", "IPv4 Range Begin", &cfg->IPv4RangeStart);
     if (status != kNoErr) return status;
     ReadLeaseLimits(request, cfg);

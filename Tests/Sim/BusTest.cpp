@@ -416,18 +416,4 @@ TEST_F(Bus, AFailingBusIsReportedAndSurvived) {
     EXPECT_EQ(Dump(), kEmptyList);
 }
 
-// A role without its timeout would wait for ever: the process ends, with a failure, and says why.
-TEST(Daemon, EndsWhenATimeoutCannotBeHad) {
-    sim::World world;
-    world.AddInterface("eth0", {2, 0, 0, 0, 0, 1}, world.AddSegment());
-    Ostrel_SystemObj system{};
-    ASSERT_EQ(Ostrel_DaemonStart(&system), kNoErr);
-    EXPECT_EQ(world.Call("/", "interfaceInitialize", Request(kClient)), kTrue);
-    world.failTimeouts = true;
-    EXPECT_EQ(world.Call("/client", "leaseAction", R"({"interface":"eth0","leaseAction":"init"})"), kTrue);
-    EXPECT_TRUE(world.Logged("timeout can be had, terminating."));
-    EXPECT_TRUE(world.Terminated());
-    EXPECT_EQ(Ostrel_DaemonStop(&system), kOutOfMemoryErr);
-}
-
 }  // namespace

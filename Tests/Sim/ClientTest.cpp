@@ -64,32 +64,6 @@ TEST(Client, SendsWhatItsBufferHolds) {
     }
 }
 
-TEST(Client, RecoversFromEveryFailedAllocation) {
-    for (size_t nth = 1;; ++nth) {
-        SCOPED_TRACE(nth);
-        World world;
-        Segment& wire = world.AddSegment();
-        world.AddInterface("eth0", kClientMAC, wire);
-        ScriptedServer server(wire);
-        Daemon daemon;
-        const size_t atRest = world.LiveAllocations();
-        world.FailAllocation(nth);
-        const bool made = daemon.Initialize("eth0", {{"clientIdentifier", "kitchen"}});
-        EXPECT_TRUE(made || (world.LiveAllocations() == atRest && world.OpenSockets() == 0));
-        if (made) daemon.LeaseAction("eth0", "init");
-        world.RunFor(10s);
-        const bool failed = !world.AllocationFailurePending();
-        world.FailAllocation(0);
-        EXPECT_TRUE(made || daemon.Initialize("eth0"));
-        EXPECT_TRUE(daemon.LeaseAction("eth0", "init"));
-        world.RunFor(10s);
-        EXPECT_EQ(daemon.Lease().address, "192.0.2.10");
-        if (failed) continue;
-        EXPECT_GT(nth, 10U);  // interface, buffers, sockets, programs, client, identifier, options, offer, lease
-        return;
-    }
-}
-
 TEST(Client, CarriesAnIdentifierThatFitsItsOptionAndRefusesALongerOne) {
     for (const size_t length : {0U, 1U, 254U, 255U}) {
         SCOPED_TRACE(length);

@@ -162,32 +162,4 @@ TEST(Server, TakesOnlyAConfigurationThatWorks) {
     }
 }
 
-TEST(Server, LeavesNothingBesideALinkLocalSelectorStartedOrNot) {
-    ServerLan lan;
-    Guest guest(lan.wire, 1);
-    ASSERT_TRUE(lan.daemon.Finalize("eth0"));
-    const auto left = [&world = lan.world] {
-        return std::make_tuple(world.OpenSockets(), world.PendingTimeouts(), world.LiveAllocations());
-    };
-    const auto before = left();
-    bool failed = true;
-    for (size_t nth = 1; failed || nth < 1000; ++nth) {
-        lan.world.FailAllocation(nth);
-        const bool started = lan.Start({.domainName = "lan", .linkLocal = true});
-        failed = !lan.world.AllocationFailurePending();
-        lan.world.FailAllocation(0);
-        ASSERT_TRUE(started || failed) << nth;
-        if (started) {  // a failure may have met the request's own copy of an optional key
-            ASSERT_TRUE(lan.daemon.LeaseAction("eth0", "init"));
-            ASSERT_EQ(guest.Request("192.168.1.100")->Type(), kAck);
-            lan.world.RunFor(nth % 10 * 1s);
-            ASSERT_GE(lan.daemon.system.interfaceList->linkLocal->numAnnounces, nth % 10 > 7 ? 2 : 0) << nth;
-            ASSERT_TRUE(lan.daemon.Finalize("eth0"));
-        }
-        ASSERT_EQ(left(), before) << nth;
-    }
-    EXPECT_TRUE(lan.world.Logged("server->domainName"));
-    EXPECT_TRUE(lan.world.Logged("server->leases"));
-}
-
 }  // namespace

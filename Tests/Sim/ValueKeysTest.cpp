@@ -313,26 +313,6 @@ TEST_F(ValueKeys, AKeptLeaseIsReadAsItWasShown) {
     EXPECT_EQ(exact.cfg.server.kept[0].client.mac, (Ostrel_MAC{2, 0, 0, 0, 0, 1}));
 }
 
-TEST_F(ValueKeys, NothingIsLeftWhenMemoryIsOut) {
-    const char* requests[][2] = {
-        {"client", R"("hostName":"a","requestOptions":[42],"clientIdentifierHex":"0102")"},
-        {"server", R"("fixed":[{"macAddress":"02:00:00:00:00:01","ipv4Address":"192.0.2.7","hostName":"a"}],)"
-                   R"("leases":[{"ipv4Address":"192.0.2.100","mac":"02:00:00:00:00:01","remaining":60}],)"
-                   R"("options":[{"code":42,"ipv4":["192.0.2.1"]}])"},
-    };
-    for (const auto& [mode, members] : requests) {
-        for (size_t allocation = 1;; ++allocation) {
-            ASSERT_LT(allocation, 200u);
-            world.FailAllocation(allocation);
-            const bool succeeds = Initialize(mode, members) == kDone;
-            world.FailAllocation(0);
-            if (succeeds) break;
-            EXPECT_EQ(daemon.system.interfaceList, nullptr);
-        }
-        EXPECT_TRUE(daemon.Finalize("eth0"));
-    }
-}
-
 // Of the other methods.
 TEST_F(ValueKeys, AnActionsValuesGoWithTheirWords) {
     world.AddInterface("eth1", kOtherMAC, world.AddSegment());
