@@ -19,8 +19,8 @@ struct os_link {
 [[nodiscard]] os_link os_link_of(const char* ifname) noexcept;
 [[nodiscard]] os_link os_link_at(int32_t index) noexcept;
 
-// Whether an Ethernet address is that of one of the device's own interfaces, whatever its state. Asks the kernel each
-// time, so it is for rare moments.
+// Whether an Ethernet address is that of one of the device's own interfaces, whatever its state; no, where the kernel
+// could not be asked, and a log line says so. Asks the kernel each time, so it is for rare moments.
 [[nodiscard]] bool os_is_own_address(const std::array<uint8_t, 6>& address) noexcept;
 
 struct os_device_watcher {

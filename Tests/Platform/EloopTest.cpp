@@ -1,8 +1,7 @@
-// The event loop on the real clocks: order, cancelling from handlers, the ways it ends, signals and alarms.
+// The queue of timeouts, and what is only the device's own of the loop; the rest is in Tests/Conformance.
 #include <csignal>
 #include <filesystem>
 #include <functional>
-#include <glib.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -22,55 +21,6 @@ void Happen(void* text, void* action) {
 void* Text(const char* text) {
     return const_cast<char*>(text);
 }
-void After(uint32_t milliseconds, const char* text, std::function<void()>* action = nullptr) {
-    eloop_register_timeout(0, milliseconds, Happen, Text(text), action);
-}
-std::function<void()> endLoop = eloop_terminate;
-
-class Eloop : public testing::Test {
-protected:
-    void SetUp() override {
-        happened.clear();
-        ASSERT_EQ(eloop_init(this), 0);
-    }
-    void TearDown() override {
-        eloop_destroy();
-        EXPECT_EQ(eloop_cancel_timeout(Happen, nullptr, nullptr), 0);
-        EXPECT_EQ(eloop_register_timeout(0, 0, Happen, nullptr, nullptr), -1);
-    }
-};
-
-TEST_F(Eloop, FiresByDeadlineThenByRegistration) {
-    After(30, "third");
-    After(10, "first");
-    After(10, "second");
-    eloop_register_timeout_rtc(0, 50, "alarm", Happen, Text("alarm"), nullptr);
-    eloop_register_timeout(UINT32_MAX, UINT32_MAX, Happen, Text("in 68 years"), nullptr);
-    eloop_register_timeout_rtc(UINT32_MAX, UINT32_MAX, "far", Happen, Text("in 68 years"), nullptr);
-    eloop_register_timeout_rtc(0, 70, "end", Happen, Text("end"), &endLoop);
-    const gint64 start = g_get_monotonic_time();
-    eloop_run();
-    EXPECT_EQ(happened, (Texts{"first", "second", "third", "alarm", "end"}));
-    EXPECT_GE(g_get_monotonic_time() - start, 70'000);
-}
-
-TEST_F(Eloop, APassFiresWhatWasRegisteredBeforeItAndNotCancelledInIt) {
-    const char* const cancelled = "cancelled";
-    std::function<void()> first = [&] {
-        EXPECT_EQ(eloop_cancel_timeout(Happen, Text(cancelled), nullptr), 2);
-        After(0, "registered in the pass");
-        After(0, "end", &endLoop);
-        After(0, "behind the end");
-    };
-    After(0, "first", &first);
-    After(0, cancelled);
-    After(0, cancelled);
-    After(0, "same pass");
-    g_usleep(2000);
-    eloop_run();
-    eloop_run();  // ended before it begins
-    EXPECT_EQ(happened, (Texts{"first", "same pass", "registered in the pass", "end"}));
-}
 
 TEST(TimeoutQueue, APassLeavesWhatIsYoungerAndFindsTheOlderBehindIt) {
     TimeoutQueue queue;
@@ -87,34 +37,14 @@ TEST(TimeoutQueue, APassLeavesWhatIsYoungerAndFindsTheOlderBehindIt) {
     EXPECT_EQ(happened, (Texts{"first", "older", "younger"}));
 }
 
-TEST_F(Eloop, IdentityIsHandlerContextsAndAlarmName) {
-    const char* const a = "a";
-    After(60'000, a);
-    eloop_register_timeout_rtc(60, 0, "x", Happen, Text(a), nullptr);
-    EXPECT_EQ(eloop_cancel_timeout(Happen, Text(a), this), 0);
-    EXPECT_EQ(eloop_cancel_timeout([](void*, void*) {}, Text(a), nullptr), 0);
-    EXPECT_EQ(eloop_cancel_timeout_rtc("y", Happen, Text(a), nullptr), 0);
-    EXPECT_EQ(eloop_cancel_timeout_rtc("x", Happen, Text(a), nullptr), 1);
-    EXPECT_EQ(eloop_cancel_timeout(Happen, Text(a), nullptr), 1);
-}
-
-TEST_F(Eloop, SignalsBeforeAndAfterTheHandlerReachItThroughTheLoop) {
-    static std::vector<int> signals;
-    static std::vector<void*> contexts;
+TEST(Eloop, HasOneThread) {
+    ASSERT_EQ(eloop_init(nullptr), 0);
     raise(SIGTERM);
-    const auto handler = [](int signal, void* loopContext, void* handlerContext) {
-        signals.push_back(signal);
-        contexts = {loopContext, handlerContext};
-        if (signals.size() == 1) raise(SIGINT);
-        if (signals.size() == 2) eloop_terminate();
-    };
-    ASSERT_EQ(eloop_register_signal_terminate(handler, &happened), 0);
-    EXPECT_TRUE(signals.empty());
+    ASSERT_EQ(eloop_register_signal_terminate([](int, void*, void*) { eloop_terminate(); }, nullptr), 0);
     eloop_run();
-    EXPECT_EQ(signals, (std::vector<int>{SIGTERM, SIGINT}));
-    EXPECT_EQ(contexts, (std::vector<void*>{this, &happened}));
     const std::filesystem::directory_iterator threads("/proc/self/task");
     EXPECT_EQ(std::distance(begin(threads), end(threads)), 1);
+    eloop_destroy();
 }
 
 }  // namespace

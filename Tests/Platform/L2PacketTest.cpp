@@ -54,24 +54,16 @@ Frame Marked(uint8_t marker, uint16_t etherType = kExperimental, size_t length =
     return frame;
 }
 
-Frame Tagged(uint8_t marker, uint16_t tag) {
-    Frame frame = Marked(marker);
-    frame.insert(frame.begin() + 12, {0x81, 0x00, static_cast<uint8_t>(tag >> 8), static_cast<uint8_t>(tag)});
-    return frame;
-}
-
 // What one socket heard: the markers, in order.
 struct Listener {
     l2_packet_data* l2 = nullptr;
     std::vector<uint8_t> markers;
-    size_t lastLength = 0;
     std::function<void()> also = [] {};
 
     static void Hear(void* context, const uint8_t* source, std::span<const uint8_t> frame) {
         auto* const self = static_cast<Listener*>(context);
         EXPECT_TRUE(std::equal(kSender.begin(), kSender.end(), source));
         self->markers.push_back(frame[14]);
-        self->lastLength = frame.size();
         self->also();
     }
     explicit Listener(const char* ifname) : l2(l2_packet_init(ifname, nullptr, 3, Hear, this, 1)) {
@@ -115,45 +107,16 @@ protected:
     }
 };
 
-TEST_F(L2Packet, HearsWholeFramesOfItsOwnLanThatItsProgramPasses) {
-    for (const char* name : {"", "none", "lo", "here:1", "here/", "sixteencharsabcd"})
-        EXPECT_EQ(l2_packet_init(name, nullptr, 3, Listener::Hear, nullptr, 1), nullptr) << name;
+TEST_F(L2Packet, FramesThatDoNotMatchWakeNobody) {
     Listener listener("here");
     const Listener there("there");
-    EXPECT_GT(there.Send(Marked(1)), 0);
+    EXPECT_GT(there.Send(Marked(1)), 0) << "nor do those from before there is a program";
     ASSERT_EQ(listener.Install(), 0);
     for (int i = 0; i < 1000; ++i) EXPECT_GT(there.Send(Marked(2, kOther)), 0);
-    EXPECT_FALSE(g_main_context_pending(nullptr)) << "frames that don't match wake nobody";
+    EXPECT_FALSE(g_main_context_pending(nullptr));
     EXPECT_GT(there.Send(Marked(3)), 0);
     EXPECT_TRUE(listener.WaitFor(3));
-    const std::array<l2_filter_instruction, 1> invalid{{{0xFFFF, 0, 0, 0}}};
-    EXPECT_LT(listener.Install(invalid), 0) << "which leaves the one before";
-    EXPECT_GT(there.Send(Marked(4, kOther)), 0);
-    EXPECT_GT(there.Send(Marked(5)), 0);
-    EXPECT_GT(there.Send(Tagged(6, 5)), 0);
-    EXPECT_GT(there.Send(Tagged(7, 0xE005)), 0);
-    EXPECT_GT(there.Send(Tagged(8, 0xE000)), 0);  // a priority, no VLAN
-    EXPECT_GT(there.Send(Marked(9, kExperimental, kL2MaxFrame + 1)), 0);
-    EXPECT_GT(there.Send(Marked(10, kExperimental, kL2MaxFrame)), 0);
-    EXPECT_TRUE(listener.WaitFor(10));
-    EXPECT_EQ(listener.lastLength, kL2MaxFrame);
-    EXPECT_EQ(listener.markers, (std::vector<uint8_t>{3, 5, 8, 10}));
-}
-
-TEST_F(L2Packet, SendsWholeFramesAndDoesNotHearItsOwnHost) {
-    Listener here("here"), sibling("here"), there("there");
-    for (const Listener* listener : {&here, &sibling, &there}) ASSERT_EQ(listener->Install(), 0);
-    EXPECT_EQ(here.Send(Marked(1, kExperimental, 3014)), 3014);
-    EXPECT_EQ(here.Send(Marked(2, kExperimental, 300)), 300);
-    EXPECT_EQ(here.Send(Marked(3, kExperimental, 3015)), -EMSGSIZE);
-    EXPECT_EQ(sibling.Send(Marked(4)), 60);
-    EXPECT_TRUE(there.WaitFor(4));
-    EXPECT_EQ(there.Send(Marked(9)), 60);
-    EXPECT_TRUE(here.WaitFor(9) && sibling.WaitFor(9));
-    EXPECT_EQ(here.markers, std::vector<uint8_t>{9});
-    EXPECT_EQ(sibling.markers, std::vector<uint8_t>{9});
-    EXPECT_EQ(there.markers, (std::vector<uint8_t>{2, 4})) << "the first frame is too long to be received";
-    EXPECT_EQ(l2_packet_get_mtu(here.l2), 3000u);
+    EXPECT_EQ(listener.markers, std::vector<uint8_t>{3});
 }
 
 // Frames for the Ethernet address of another host, which the kernel hands over while an interface is promiscuous.

@@ -69,45 +69,6 @@ protected:
     }
 };
 
-TEST_F(OsDevice, TellsOfLinksThatChangeAndWhatTheyAre) {
-    for (const char* name : {"", "none", "here:1", "sixteencharsabcd"}) EXPECT_FALSE(os_link_of(name).isThere) << name;
-    const os_link before = os_link_of("here");
-    EXPECT_TRUE(before.isThere);
-    EXPECT_FALSE(before.isRunning);
-    EXPECT_EQ(before.address, kHere);
-
-    ASSERT_EQ(os_watch_device({LinkChanged, WokeUp, nullptr}), 0);
-    const struct {
-        const char* command;
-        std::function<bool(const os_link&)> isSo;
-    } steps[] = {
-        {"ip link set there up && ip link set here up", [](const os_link& link) { return link.isRunning; }},
-        {"ip link set there down", [](const os_link& link) { return link.isThere && !link.isRunning; }},
-        {"ip link set there up", [](const os_link& link) { return link.isRunning; }},
-        {"ip link set here address 02:00:00:00:00:03", [](const os_link& link) { return link.address == kOther; }},
-        {"ip link del here", [](const os_link& link) { return !link.isThere; }},
-        {"ip link add here type veth peer name there",
-         [&](const os_link& link) { return link.isThere && link.index != before.index; }},
-    };
-    for (const auto& step : steps) {
-        told.clear();
-        Shell(step.command);
-        EXPECT_TRUE(Until("here", step.isSo)) << step.command;
-    }
-    told.clear();
-    const int32_t index = os_link_of("here").index;
-    Shell("ip link set here name anew");
-    EXPECT_TRUE(Until("anew", [index](const os_link& link) { return link.index == index; }));
-    EXPECT_STREQ(os_link_at(index).name.data(), "anew");
-    EXPECT_FALSE(os_link_at(before.index).isThere);
-
-    os_unwatch_device();
-    told.clear();
-    Shell("ip link set anew up");
-    while (g_main_context_iteration(nullptr, FALSE) != FALSE) continue;
-    EXPECT_TRUE(told.empty());
-}
-
 TEST_F(OsDevice, SaysSoWhenMoreChangesThanTheKernelKeeps) {
     ASSERT_EQ(os_watch_device({LinkChanged, WokeUp, nullptr}), 0);
     Shell("for i in $(seq 400); do echo link set here up; echo link set here down; done | ip -batch -");
