@@ -53,7 +53,7 @@ public:
         Start();
     }
     void Start() {
-        for (int tries = 0; tries < 4 && !isRunning; ++tries) {
+        for (int tries = 0; tries < 10 && !isRunning; ++tries) {
             const auto before = Left();
             const size_t refused = world.CallsRefused();
             isRunning = Ostrel_DaemonStart(&system) == kNoErr;
