@@ -159,7 +159,6 @@ inline void Append(Bytes& bytes, const Bytes& more) {
 // A frame that was cut, or lies.
 inline void Damage(Frame& frame, std::mt19937_64& random) {
     const auto draw = [&random](size_t below) { return DrawBelow(random, static_cast<uint32_t>(below)); };
-    const auto any = [&] { return frame.begin() + draw(frame.size()); };
     switch (draw(6)) {
         case 0:
             return frame.pop_back();  // no end
@@ -169,8 +168,8 @@ inline void Damage(Frame& frame, std::mt19937_64& random) {
             frame[14] = static_cast<uint8_t>(0x40 | draw(16));
             if (draw(2) == 0 && frame[14] > 0x45) frame.insert(frame.begin() + 34, size_t{4} * (frame[14] - 0x45U), 0);
             return;
-        case 3:
-            *any() = static_cast<uint8_t>(random());
+        case 3:  // any byte but those that say who is to have it
+            frame[6 + draw(frame.size() - 6)] = static_cast<uint8_t>(random());
             return;
         case 4:  // a byte of the options, or of the cookie before them
             frame[278 + draw(frame.size() - 278)] = static_cast<uint8_t>(random());
