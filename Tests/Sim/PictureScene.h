@@ -105,6 +105,9 @@ struct PictureLan {
         for (const Post& post : world.posts) {
             const std::string text = RoleOf(post.payload, role);
             std::string moment = WordOf(text, "state") + " " + WordOf(text, "reason");
+            if (!last.empty() && !last.starts_with(WordOf(text, "state"))) {
+                EXPECT_LE(std::abs(std::stoll(ValueOf(text, "since")) - world.wallStart - post.time / 1s), 1) << moment;
+            }
             if (ValueOf(text, "held") == "true") moment += " held";
             if (moment != last) story += (story.empty() ? "" : "; ") + moment;
             last = moment;
