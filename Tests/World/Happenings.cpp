@@ -182,7 +182,9 @@ void Scenario::HappenToBystander(const Event& event) {
     server->silentToRequest = a % 8 == 1;
     server->refuses = a % 8 == 2;
     if (a % 8 == 3) server->Forget();
-    if (a % 8 == 4) server->leaseTime = 5 + b * 10;
+    if (a % 8 != 4) return;
+    server->leaseTime = 5 + b * 10;  // for a while
+    world.At(600s, [server, before = plan.bystanders[event.who].leaseTime] { server->leaseTime = before; });
 }
 
 void Scenario::CalmPort(PortState& port) {
