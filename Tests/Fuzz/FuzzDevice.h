@@ -16,7 +16,7 @@ namespace sim {
 constexpr MAC kFuzzMAC{0x00, 0x11, 0x22, 0x33, 0x44, 0x55};
 constexpr MAC kFuzzNeighbour{0x02, 0, 0, 0, 0, 0x66};
 constexpr uint32_t kFuzzLease = 3600;  // seconds
-constexpr size_t kMostMoments = 800;   // of an input at which something happens; then its time stands still
+constexpr size_t kMostMoments = 600;   // of an input at which something happens; then its time stands still
 
 class FuzzDevice {
 public:

@@ -76,7 +76,7 @@ void TellTable(Heard& /*heard*/, const valdo::JValue& root) {
         PutLease(line, lease);
         RequireJson(line);
         const valdo::JValue kept = LeasesOf(root, lease.interface);
-        if (kept.isArray()) RequireJson(FittingLeases(kept));
+        if (kept.isArray()) RequireJson(kept);
     }
 }
 
