@@ -99,6 +99,7 @@ class Restarts(RunTest):
 
     def test_what_an_earlier_one_left_and_the_daemon_has_given_up_goes(self):
         self.start_all()
+        lab.eventually(lambda: '"address":"192.0.2.50"' in self.state("client").read_text(), 5, "address on the disk")
         self.kill(self.runs["client"])
         self.tool("client", "halt", "eth0")
         self.assertEqual(self.addresses("client"), ["192.0.2.50"])
