@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <getopt.h>
+#include <iterator>
+#include <netinet/ether.h>
 #include <random>
 #include <sys/socket.h>
 #include <vector>
@@ -34,16 +36,18 @@ struct Options {
 };
 
 bool ReadMAC(const char* text, bench::MAC& mac) {
-    return std::sscanf(text, "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4], &mac[5]) ==
-           6;
+    ether_addr address{};
+    if (ether_aton_r(text, &address) == nullptr) return false;
+    std::copy(std::begin(address.ether_addr_octet), std::end(address.ether_addr_octet), mac.begin());
+    return true;
 }
 
 bool ParseOptions(int argc, char* argv[], Options& options) {
     for (int letter = getopt(argc, argv, "t:a:m:"); letter != -1; letter = getopt(argc, argv, "t:a:m:")) {
         if (letter == 't') options.seconds = static_cast<uint32_t>(std::strtoul(optarg, nullptr, 10));
         if (letter == 'a' && inet_pton(AF_INET, optarg, options.server.data()) != 1) return false;
-        if (letter == 'm') options.hasServer = ReadMAC(optarg, options.serverMAC);
-        if (letter == '?') return false;
+        if (letter == 'm') options.hasServer = true;
+        if (letter == '?' || (letter == 'm' && !ReadMAC(optarg, options.serverMAC))) return false;
     }
     if (optind + 1 != argc) return false;
     options.ifname = argv[optind];
