@@ -24,7 +24,7 @@ void MendChecksums(Frame& frame) {
         while (total > 0xFFFF) total = (total & 0xFFFF) + (total >> 16);
         return static_cast<uint16_t>(~total);
     };
-    const size_t header = std::min<size_t>(kIP + (frame[kIP] & 15U) * 4U, frame.size());
+    const size_t header = std::min<size_t>(kIP + (frame[kIP] & size_t{15}) * 4, frame.size());
     frame[kIP + 10] = frame[kIP + 11] = 0;
     const uint16_t checksum = sum(kIP, header);
     frame[kIP + 10] = static_cast<uint8_t>(checksum >> 8);
@@ -233,7 +233,8 @@ Frame Mischief::Mutate(Frame frame) {
             break;
         case 4:  // another header length
             frame[kIP] = static_cast<uint8_t>(0x40 | Draw(16));
-            if (Draw(2) == 0 && frame[kIP] > 0x45) frame.insert(frame.begin() + kIP + 20, (frame[kIP] - 0x45U) * 4U, 0);
+            if (Draw(2) == 0 && frame[kIP] > 0x45)
+                frame.insert(frame.begin() + kIP + 20, (frame[kIP] - size_t{0x45}) * 4, 0);
             break;
         case 5:  // a fragment
             frame[kIP + 6] = static_cast<uint8_t>(Draw(2) == 0 ? 0x20 : Draw(32));
