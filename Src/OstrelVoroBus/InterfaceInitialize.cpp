@@ -85,15 +85,14 @@ void ReadDNSServers(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) 
         Ostrel_LogPrint(kQxLogDebug, "%s %.4a\n", "DNS Server", &server);
 }
 
-// Those that are absent or unusable are left out; not those that there is no memory for.
-Ostrel_Status ReadTexts(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
+// Those that are absent, or unusable, or that there is no memory for, are left out; the last is told.
+bool ReadTexts(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
     const char* ifname = cfg->ifname.data();
-    Ostrel_Status status = OstrelJsonUtilsStringDup(request.root, "domainName", &cfg->domainName);
-    if (status == kNoErr) Ostrel_LogPrint(kQxLogDebug, "%s Domain Name %s\n", ifname, cfg->domainName);
-    if (status == kOutOfMemoryErr) return status;
-    status = OstrelJsonUtilsStringDup(request.root, "clientIdentifier", &cfg->clientIdentifier);
-    if (status == kNoErr) Ostrel_LogPrint(kQxLogDebug, "%s Client Identifier %s.\n", ifname, cfg->clientIdentifier);
-    return status == kOutOfMemoryErr ? status : kNoErr;
+    const Ostrel_Status domain = OstrelJsonUtilsStringDup(request.root, "domainName", &cfg->domainName);
+    if (domain == kNoErr) Ostrel_LogPrint(kQxLogDebug, "%s Domain Name %s\n", ifname, cfg->domainName);
+    const Ostrel_Status client = OstrelJsonUtilsStringDup(request.root, "clientIdentifier", &cfg->clientIdentifier);
+    if (client == kNoErr) Ostrel_LogPrint(kQxLogDebug, "%s Client Identifier %s.\n", ifname, cfg->clientIdentifier);
+    return domain != kOutOfMemoryErr && client != kOutOfMemoryErr;
 }
 
 void ReadLeaseLimits(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
@@ -105,7 +104,7 @@ void ReadLeaseLimits(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg)
 }
 
 // Fills a zero-filled record. What it owns is the caller's to free, on failure too. The readers report their failures.
-Ostrel_Status ReadConfig(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg) {
+Ostrel_Status ReadConfig(const Ostrel_Request& request, Ostrel_InterfaceConfig* cfg, bool* hasTexts) {
     Ostrel_Status status = ReadName(request, cfg);
     if (status == kNoErr) status = ReadRoles(request, cfg);
     if (status == kNoErr) status = ReadAddressingMode(request, cfg);
@@ -113,8 +112,7 @@ Ostrel_Status ReadConfig(const Ostrel_Request& request, Ostrel_InterfaceConfig* 
     if (status != kNoErr) return status;
 
     ReadDNSServers(request, cfg);
-    status = ReadTexts(request, cfg);
-    if (status != kNoErr) return status;
+    *hasTexts = ReadTexts(request, cfg);
     status = ReadAddress(request, "ipv4RangeStart", "IPv4 Range Begin", &cfg->IPv4RangeStart);
     if (status != kNoErr) return status;
     ReadLeaseLimits(request, cfg);
@@ -122,9 +120,11 @@ Ostrel_Status ReadConfig(const Ostrel_Request& request, Ostrel_InterfaceConfig* 
 }
 
 Ostrel_Status InitializeFrom(Ostrel_Request& request, Ostrel_SystemObj* sysObj, Ostrel_InterfaceConfig* cfg) {
-    Ostrel_Status status = ReadConfig(request, cfg);
+    bool hasTexts = false;
+    Ostrel_Status status = ReadConfig(request, cfg, &hasTexts);
     if (status == kNoErr) status = Ostrel_VSUtil_ReadValueKeys(request.root, cfg, &request.problem);
     if (status != kNoErr) return status;
+    if (cfg->rfc && !hasTexts) return kOutOfMemoryErr;  // by the plain rules it goes on without them
     OSTREL_REQUIRE_NOERR_IN(request.handler, Ostrel_InterfaceInitialize(sysObj, cfg));
     return kNoErr;
 }
