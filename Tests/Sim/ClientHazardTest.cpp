@@ -14,11 +14,6 @@ namespace {
 
 constexpr Duration kPlay = 300s;
 
-uint64_t Seeds(uint64_t usual) {
-    const char* const wish = std::getenv("OSTREL_HAZARD_SEEDS");
-    return wish == nullptr ? usual : std::strtoull(wish, nullptr, 10);
-}
-
 // What there is to act with.
 struct Play {
     explicit Play(uint64_t seed, bool isRFC) : lan(seed, {{"rfc", isRFC}}), server(lan.wire), stranger(lan.wire) {
@@ -172,7 +167,7 @@ TEST(ClientHazard, NeverMakesAClientSendMoreThanFourFramesASecondOrThirtyAMinute
         {"a server that comes and goes", HasAServerThatComesAndGoes, false},
         {"a wire that loses, repeats and delays", LivesOnABadWire, false},
     };
-    const uint64_t seeds = Seeds(5);
+    const uint64_t seeds = Wished("OSTREL_HAZARD_SEEDS", 5);
     for (const auto& [what, hazard, floodsPlain] : hazards) {
         SCOPED_TRACE(what);
         const Outcome plain = Try(hazard, false, seeds);
@@ -237,7 +232,7 @@ TEST(Hazard, HappensUnderThePlainRulesOnly) {
         {"two devices begin with the same transaction id", SameTransaction},
         {"no address 90 s after a switch of 20 to 30 minutes' rest is back", LongSilence},
     };
-    const uint64_t seeds = Seeds(25);
+    const uint64_t seeds = Wished("OSTREL_HAZARD_SEEDS", 25);
     for (const auto& [what, happens] : hazards) {
         std::array<uint64_t, 2> times{};
         for (const bool rfc : {false, true})

@@ -22,7 +22,7 @@ TEST(ClientModel, AgreesEventByEvent) {
         {.linkLocal = true},
     };
     constexpr uint32_t kClocks[] = {0, 1000, UINT32_MAX - 4000};
-    const uint64_t events = WishedEvents(80'000);
+    const uint64_t events = Wished("OSTREL_MODEL_FRAMES", 80'000);
     std::array<uint64_t, 9> entered{};
     uint64_t leases = 0;
     for (uint64_t seed = 1; seed * kEventsOfAGame <= events; ++seed) {

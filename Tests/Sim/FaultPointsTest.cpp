@@ -336,10 +336,9 @@ Counts Play(const Scenario& scenario, bool rfc, std::span<const Refusal> refusal
     return counts;
 }
 
-// OSTREL_FAULT_POINTS, the seeds of the second test; 0: the usual run.
-size_t Wish() {
-    const char* const wish = std::getenv("OSTREL_FAULT_POINTS");
-    return wish == nullptr ? 0 : std::strtoul(wish, nullptr, 10);
+// The seeds of the second test; 0: the usual run.
+uint64_t Wish() {
+    return Wished("OSTREL_FAULT_POINTS", 0);
 }
 
 TEST(FaultPoints, EveryCallFailsOnce) {

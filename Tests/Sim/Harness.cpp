@@ -3,6 +3,7 @@
 #include "Harness.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <iostream>
 #include <map>
 
@@ -40,6 +41,11 @@ const bool hooked = [] {
 }();
 
 }  // namespace
+
+uint64_t Wished(const char* variable, uint64_t usual) {
+    const char* const wish = std::getenv(variable);
+    return wish == nullptr ? usual : std::strtoull(wish, nullptr, 10);
+}
 
 void CheckEveryFrame(World& world) {
     world.onSend = [](std::span<const uint8_t> frame) {

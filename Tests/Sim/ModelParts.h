@@ -139,12 +139,6 @@ inline void Append(Bytes& bytes, const Bytes& more) {
     return frame;
 }
 
-// How many events a play has.
-[[nodiscard]] inline uint64_t WishedEvents(uint64_t usual) {
-    const char* const wish = std::getenv("OSTREL_MODEL_FRAMES");
-    return wish == nullptr ? usual : std::strtoull(wish, nullptr, 10);
-}
-
 [[nodiscard]] inline uint32_t DrawBelow(std::mt19937_64& random, uint32_t below) {
     return static_cast<uint32_t>(random() % below);
 }

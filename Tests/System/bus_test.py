@@ -269,7 +269,7 @@ class Requests(lab.LabTest):
                   ".traceUpdate": signal},
             "/client": {".leaseAction": text, ".leaseInformation": text, ".leaseInformationUpdate": signal},
             "/server": {".leaseAction": text, ".leaseInformation": text, ".leaseInformationUpdate": signal,
-                        ".leaseEvents": text, ".leaseEventsUpdate": signal},
+                        ".leaseEvents": text, ".leaseEventsUpdate": signal, ".giveLeases": text},
         }
         for path, members in expected.items():
             interface = lab.SERVICE if path == "/" else f"{lab.SERVICE}.{path[1:]}"
