@@ -32,7 +32,7 @@ public:
     bool ownsEverything = false;  // it answers for each address that is asked for
 
 protected:
-    uint64_t Draw(uint64_t below) { return below == 0 ? 0 : random() % below; }
+    size_t Draw(uint64_t below) { return below == 0 ? 0 : static_cast<size_t>(random() % below); }
     void SendARP(uint16_t operation, IPv4 sender, IPv4 target, const MAC& to = kEveryone);
     // What another host's ARP frame says; the sender may be 0.
     virtual void Hear(const ARPFrame& /*arp*/) {}
