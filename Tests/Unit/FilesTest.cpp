@@ -76,6 +76,7 @@ constexpr Refused kRefused[] = {
     {"[usb*]\n",
      "F:1: is no TOML: Error while parsing table header: expected ']', saw '*'\n"
      "  a name with * in it stands between quotes: [\"usb*\"]\n"},
+    {"x\xEF\xBB\xBB", "F:1: is no TOML: Error while parsing key-value pair: expected '=', saw '\xEF\xBB\xBB'\n"},
     {"a = 1\n", "F:1: no key 'a' outside a table\n  an interface's keys follow its [name]\n"},
     {"resolv-conf = 'here'\n", "F:1: resolv-conf: is no absolute path\n"},
     {"\n[eth0]\n", "F:2: [eth0]: role is missing\n  it is \"client\" or \"server\"\n"},

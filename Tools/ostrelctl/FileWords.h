@@ -3,10 +3,9 @@
 
 #include <CLI/CLI.hpp>
 #include <string>
-#define TOML_HEADER_ONLY 1
-#define TOML_ENABLE_FORMATTERS 0
-#include <toml++/toml.h>
 #include <vector>
+
+#include "Toml.h"
 
 namespace ostrelctl {
 
