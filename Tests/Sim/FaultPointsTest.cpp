@@ -337,7 +337,7 @@ Counts Play(const Scenario& scenario, bool rfc, std::span<const Refusal> refusal
 }
 
 // The seeds of the second test; 0: the usual run.
-uint64_t Wish() {
+size_t Wish() {
     return Wished("OSTREL_FAULT_POINTS", 0);
 }
 
@@ -369,8 +369,9 @@ TEST(FaultPoints, TwoCallsFailOrSeveralInARow) {
         const Scenario& scenario = kScenarios[random() % std::size(kScenarios)];
         std::array<Refusal, 2> refusals{};
         for (Refusal& one : refusals) {
-            const size_t most = size_t{1} << random() % 7;
-            one = {static_cast<DeviceCall>(random() % kDeviceCalls), 1 + random() % most, 1 + random() % 3};
+            const auto draw = [&random](size_t below) { return static_cast<size_t>(random() % below); };
+            const size_t most = size_t{1} << draw(7);
+            one = {static_cast<DeviceCall>(draw(kDeviceCalls)), 1 + draw(most), 1 + draw(3)};
         }
         Play(scenario, random() % 2 != 0, refusals);
         ASSERT_FALSE(testing::Test::HasFailure());

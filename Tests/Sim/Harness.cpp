@@ -42,9 +42,9 @@ const bool hooked = [] {
 
 }  // namespace
 
-uint64_t Wished(const char* variable, uint64_t usual) {
+size_t Wished(const char* variable, size_t usual) {
     const char* const wish = std::getenv(variable);
-    return wish == nullptr ? usual : std::strtoull(wish, nullptr, 10);
+    return wish == nullptr ? usual : std::strtoul(wish, nullptr, 10);
 }
 
 void CheckEveryFrame(World& world) {

@@ -21,7 +21,7 @@ constexpr MAC kOtherMAC{0x02, 0, 0, 0, 0, 0x77};
 using Seconds = std::vector<int64_t>;
 
 // How much of a test is run: what that variable of the environment wishes, or what is usual.
-uint64_t Wished(const char* variable, uint64_t usual);
+size_t Wished(const char* variable, size_t usual);
 
 // Every frame that the daemon sends from now on must have right lengths and checksums.
 void CheckEveryFrame(World& world);

@@ -19,7 +19,7 @@ public:
 
     void Step() {
         stepBegan = lan.world.Now();
-        const uint64_t what = Draw(20);
+        const size_t what = Draw(20);
         if (what < 6) Configure(Draw(8));
         if (what >= 6 && what < 12) Act(what - 6);
         if (what >= 12) Disturb(what - 12);
@@ -61,7 +61,7 @@ public:
     size_t losses = 0;
 
 private:
-    uint64_t Draw(uint64_t below) { return lan.world.random() % below; }
+    size_t Draw(size_t below) { return static_cast<size_t>(lan.world.random() % below); }
 
     // The two clocks of a device that has slept don't change their seconds at the same time, and the times that are
     // shown follow when they are two seconds apart.
@@ -133,7 +133,7 @@ private:
         ++losses;
     }
 
-    void Configure(uint64_t what) {
+    void Configure(size_t what) {
         ServerScript& script = lan.server.script;
         script.silent = what == 0;
         script.silentToRequest = what == 1;
@@ -147,14 +147,14 @@ private:
             };
     }
 
-    void Act(uint64_t what) {
+    void Act(size_t what) {
         constexpr std::array kWords{"init", "init", "init", "renew", "rebind", "halt"};
         const char* const word = kWords.at(what);
         if (what == 1) return lan.Act(word, {.address = htobe32(ToIPv4(kLease))});
         lan.daemon.LeaseAction(lan.Interface().ifname.data(), word);
     }
 
-    void Disturb(uint64_t what) {
+    void Disturb(size_t what) {
         if (what == 0) lan.Claim(be32toh(lan.Client().lease.IPv4Address));
         if (what == 1) lan.Contest();
         if (what == 2) lan.world.SetLink(device, Draw(4) != 0);

@@ -283,10 +283,10 @@ using NewModel = std::unique_ptr<Model> (*)(const Game&);
 // Some rounds of every game from each clock, with a seed of its own. The games must be worth playing: replies of each
 // kind come often, and what the model counts as interesting comes at all.
 inline void PlayGames(std::span<const Game> games, const std::array<uint32_t, 3>& clocks, NewModel newModel) {
-    const uint64_t frames = Wished("OSTREL_MODEL_FRAMES", 60'000);
+    const size_t frames = Wished("OSTREL_MODEL_FRAMES", 60'000);
     std::array<uint64_t, 256> answers{};
     std::vector<uint64_t> seen;
-    for (uint64_t seed = 1; seed * kFramesOfAGame <= frames; ++seed) {
+    for (size_t seed = 1; seed * kFramesOfAGame <= frames; ++seed) {
         const std::unique_ptr<Model> model = newModel(games[seed % games.size()]);
         Play play(*model, seed, clocks[seed / 9 % 3]);
         for (uint64_t step = 0; step < kFramesOfAGame; ++step)

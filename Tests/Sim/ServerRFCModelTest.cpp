@@ -67,7 +67,7 @@ public:
     }
 
     [[nodiscard]] IPv4 ProbedAddress(uint64_t any) const override {
-        return probes.empty() ? 0 : probes[any % probes.size()].slot->address;
+        return probes.empty() ? 0 : probes[static_cast<size_t>(any % probes.size())].slot->address;
     }
 
 private:

@@ -185,8 +185,11 @@ class Story(Tool):
         self.ask_for_lease("02:00:00:00:00:11", HOSTILE)
         self.ask_for_lease("02:00:00:00:00:12", b"Camera")
         lab.eventually(lambda: self.type("server", "leases").count("02:00:00:00:00:1") == 2, 10, "two leases")
-        for shown in (self.type("server", "leases"), self.show("server", "leases", NO_COLOR="1")):
-            self.assertIn("cam?]0;owned??2J?\ufffd?era", shown)
+        # A lease that ends tomorrow is shown with the date, and leaves less of 80 columns for the name.
+        wide = self.show("server", "leases", columns=120, NO_COLOR="1")
+        self.assertIn("cam?]0;owned??2J?\ufffd?era", wide)
+        for shown in (self.type("server", "leases"), wide):
+            self.assertIn("cam?]0;owned??2J?", shown)
             self.assertEqual(re.findall("[\x00-\x09\x0b-\x1f\x7f-\x9f\u202e]", shown), [])
         self.assertRegex(shown, r"(?s)\n192\.0\.2\.9 .*\n192\.0\.2\.10 ")
         raw, escaped = self.type("server", "leases --json"), self.show("server", "leases --json")

@@ -141,5 +141,6 @@ int main(int argc, char** argv) {
         return Explain(number(2, 1), static_cast<uint32_t>(number(3, 24)));
     if (argc > 1 && std::strcmp(argv[1], "--survey") == 0)
         return Survey(number(2, 100), static_cast<uint32_t>(number(3, 2)), number(4, 1));
-    return Soak(number(1, 100), static_cast<uint32_t>(number(2, 24)), std::min<size_t>(number(3, 1), 64), number(4, 1));
+    return Soak(number(1, 100), static_cast<uint32_t>(number(2, 24)),
+                static_cast<size_t>(std::min<uint64_t>(number(3, 1), 64)), number(4, 1));
 }
